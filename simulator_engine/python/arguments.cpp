@@ -1,0 +1,72 @@
+#include "python/arguments.hpp"
+
+#include <string>
+#include <vector>
+
+namespace quernbrook::python {
+namespace {
+
+[[noreturn]] void refuse_surplus(const ParameterList& parameters, Py_ssize_t given) {
+  const std::size_t least = std::min(parameters.required, parameters.positional);
+  const std::size_t most = parameters.positional;
+  const std::string takes = least == most
+                                ? std::to_string(most)
+                                : "from " + std::to_string(least) + " to " + std::to_string(most);
+  PyErr_Format(PyExc_TypeError, "%s() takes %s positional argument%s but %zd %s given",
+               parameters.function, takes.c_str(), most == 1 ? "" : "s", given,
+               given == 1 ? "was" : "were");
+  throw ErrorSet{};
+}
+
+[[noreturn]] void refuse_missing(const ParameterList& parameters, PyObject** bound) {
+  std::vector<std::string> missing;
+  for (std::size_t place = 0; place < parameters.required; ++place) {
+    if (bound[place] == nullptr) missing.push_back("'" + std::string(parameters.names[place]) + "'");
+  }
+  std::string list = missing.front();
+  for (std::size_t place = 1; place < missing.size(); ++place) {
+    const bool last = place + 1 == missing.size();
+    list += (last ? (missing.size() == 2 ? " and " : ", and ") : ", ") + missing[place];
+  }
+  PyErr_Format(PyExc_TypeError, "%s() missing %zd required positional argument%s: %s",
+               parameters.function, static_cast<Py_ssize_t>(missing.size()),
+               missing.size() == 1 ? "" : "s", list.c_str());
+  throw ErrorSet{};
+}
+
+std::size_t place_of(const ParameterList& parameters, PyObject* name) {
+  for (std::size_t place = 0; place < parameters.count; ++place) {
+    if (PyUnicode_CompareWithASCIIString(name, parameters.names[place]) == 0) return place;
+  }
+  PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'",
+               parameters.function, name);
+  throw ErrorSet{};
+}
+
+}  // namespace
+
+void bind_arguments(const ParameterList& parameters, const CallArguments& arguments,
+                    PyObject** bound) {
+  if (static_cast<std::size_t>(arguments.positional) > parameters.positional) {
+    refuse_surplus(parameters, arguments.positional);
+  }
+  for (Py_ssize_t place = 0; place < arguments.positional; ++place) {
+    bound[place] = arguments.values[place];
+  }
+  const Py_ssize_t named = arguments.names == nullptr ? 0 : PyTuple_GET_SIZE(arguments.names);
+  for (Py_ssize_t given = 0; given < named; ++given) {
+    PyObject* name = PyTuple_GET_ITEM(arguments.names, given);
+    const std::size_t place = place_of(parameters, name);
+    if (bound[place] != nullptr) {
+      PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%U'",
+                   parameters.function, name);
+      throw ErrorSet{};
+    }
+    bound[place] = arguments.values[arguments.positional + given];
+  }
+  for (std::size_t place = 0; place < parameters.required; ++place) {
+    if (bound[place] == nullptr) refuse_missing(parameters, bound);
+  }
+}
+
+}  // namespace quernbrook::python

@@ -1,0 +1,53 @@
+#include "python/context_manager.hpp"
+
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::python {
+namespace {
+
+/// A special method, bound to its object; empty if the type has none.
+Object special_method(PyObject* object, PyObject* name) {
+  PyTypeObject* type = Py_TYPE(object);
+  PyObject* entry = find_on_type(type, name);
+  if (entry == nullptr) return {};
+  const Object method = Object::share(entry);
+  const descrgetfunc bind = Py_TYPE(entry)->tp_descr_get;
+  if (bind == nullptr) return method;
+  return Object::own(bind(method, object, reinterpret_cast<PyObject*>(type)));
+}
+
+[[noreturn]] void refuse(PyObject* manager, const char* missing, const char* hint) {
+#if PY_VERSION_HEX >= 0x030B0000
+  (void)missing;
+  PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
+               Py_TYPE(manager)->tp_name, hint);
+#else
+  (void)manager;
+  (void)hint;
+  PyErr_SetString(PyExc_AttributeError, missing);
+#endif
+  throw ErrorSet{};
+}
+
+}  // namespace
+
+ContextManager::ContextManager(PyObject* manager) {
+  enter_ = special_method(manager, as_text("__enter__"));
+  if (enter_.empty()) refuse(manager, "__enter__", "");
+  exit_ = special_method(manager, as_text("__exit__"));
+  if (exit_.empty()) refuse(manager, "__exit__", " (missed __exit__ method)");
+}
+
+void ContextManager::enter() { call(enter_); }
+
+void ContextManager::leave() { call(exit_, Py_None, Py_None, Py_None); }
+
+bool ContextManager::leave_with(const Handling& error) {
+  const Object traceback = error.traceback();
+  const Object swallows = call(exit_, error.type(), error.value(),
+                               traceback.empty() ? Py_None : traceback.get());
+  return truth(swallows);
+}
+
+}  // namespace quernbrook::python

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "python/call.hpp"
+#include "python/error.hpp"
+
+namespace quernbrook::python {
+
+/// The two methods of a context manager, found on its type as the `with` statement finds them.
+class ContextManager {
+ public:
+  explicit ContextManager(PyObject* manager);
+
+  void enter();
+  void leave();
+  /// Leaves with the exception being handled; true if the manager swallows it.
+  bool leave_with(const Handling& error);
+
+ private:
+  Object exit_;
+  Object enter_;
+};
+
+/// `with manager: return body()`. None where the manager swallows an exception of the body.
+template <class Body>
+Object with(PyObject* manager, Body&& body) {
+  ContextManager context(manager);
+  context.enter();
+  Object result;
+  try {
+    result = body();
+  } catch (const ErrorSet&) {
+    Handling error;
+    if (context.leave_with(error)) return Object::none();
+    error.raise_again();
+  }
+  context.leave();
+  return result;
+}
+
+}  // namespace quernbrook::python

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "python/object.hpp"
+
+// Python's own operations on any object, with failures thrown.
+namespace quernbrook::python {
+
+/// `object.name`.
+inline Object attribute(PyObject* object, PyObject* name) {
+  return Object::own(PyObject_GetAttr(object, name));
+}
+/// The attribute, or empty where reading it raises AttributeError.
+Object optional_attribute(PyObject* object, PyObject* name);
+/// `getattr(object, name, fallback)`.
+Object attribute_or(PyObject* object, PyObject* name, PyObject* fallback);
+/// `hasattr(object, name)`.
+inline bool has_attribute(PyObject* object, PyObject* name) {
+  return !optional_attribute(object, name).empty();
+}
+/// `object.name = value`.
+inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {
+  checked(PyObject_SetAttr(object, name, value));
+}
+
+/// `bool(object)`.
+inline bool truth(PyObject* object) { return checked(PyObject_IsTrue(object)) != 0; }
+/// `isinstance(object, type)`.
+inline bool is_instance(PyObject* object, PyObject* type) {
+  return checked(PyObject_IsInstance(object, type)) != 0;
+}
+
+/// `bool(left <operation> right)`, without the short cut for identical objects.
+bool compare(PyObject* left, PyObject* right, int operation);
+inline bool equal(PyObject* left, PyObject* right) { return compare(left, right, Py_EQ); }
+inline bool not_equal(PyObject* left, PyObject* right) { return compare(left, right, Py_NE); }
+/// `item in container`.
+inline bool contains(PyObject* container, PyObject* item) {
+  return checked(PySequence_Contains(container, item)) != 0;
+}
+
+/// `container[key]`.
+inline Object item(PyObject* container, PyObject* key) {
+  return Object::own(PyObject_GetItem(container, key));
+}
+/// `container[key] = value`.
+inline void set_item(PyObject* container, PyObject* key, PyObject* value) {
+  checked(PyObject_SetItem(container, key, value));
+}
+/// The value of an exact or derived dict's own table; empty when the key is absent.
+Object dict_item(PyObject* dict, PyObject* key);
+
+/// `len(object)`.
+inline Py_ssize_t length(PyObject* object) {
+  const Py_ssize_t size = PyObject_Size(object);
+  if (size < 0) throw ErrorSet{};
+  return size;
+}
+inline Object iterator(PyObject* object) { return Object::own(PyObject_GetIter(object)); }
+/// The next item, or empty at the end.
+Object next(PyObject* iterator);
+/// The two items of `first, second = pair`.
+std::pair<Object, Object> unpack_pair(PyObject* pair);
+
+inline Object integer(Py_ssize_t value) { return Object::own(PyLong_FromSsize_t(value)); }
+/// `operator.index(object)` as a machine integer; OverflowError beyond its range.
+Py_ssize_t index_value(PyObject* object);
+
+/// `float(object)`.
+double as_double(PyObject* object);
+
+/// The entry of `name` on the type or its bases, not bound and borrowed; null when there is none.
+PyObject* find_on_type(PyTypeObject* type, PyObject* name);
+
+}  // namespace quernbrook::python
