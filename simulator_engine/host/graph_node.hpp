@@ -1,0 +1,53 @@
+#pragma once
+
+#include "host/namespace.hpp"
+
+// Reading of graph nodes: the one place that touches a node's attributes.
+namespace quernbrook::host {
+
+/// Where a node stands in its graph. Spelt only when a message or a key needs the text.
+class NodePath {
+ public:
+  virtual ~NodePath() = default;
+  virtual Object text() const = 0;
+};
+
+/// A path that a caller has spelt already.
+class SpeltPath final : public NodePath {
+ public:
+  explicit SpeltPath(PyObject* text) : text_(text) {}
+  Object text() const override { return Object::share(text_); }
+
+ private:
+  PyObject* text_;
+};
+
+/// A label of our own code, such as "fast_path".
+class LabelPath final : public NodePath {
+ public:
+  explicit LabelPath(const char* label) : label_(label) {}
+  Object text() const override { return Object::own(PyUnicode_FromString(label_)); }
+
+ private:
+  const char* label_;
+};
+
+/// Raises SchemaError unless `node` is a FunctionGraphNode.
+void require_node_instance(const Namespace& space, PyObject* node, const NodePath& path);
+bool has_field(const Namespace& space, PyObject* node, PyObject* key);
+/// The attribute `key`; EvaluationError where the node lacks it.
+Object require_field(const Namespace& space, PyObject* node, PyObject* key, const NodePath& path);
+inline Object type_value(const Namespace& space, PyObject* node, const NodePath& path) {
+  return require_field(space, node, space.names.type, path);
+}
+inline Object node_value(const Namespace& space, PyObject* node, const NodePath& path) {
+  return require_field(space, node, space.names.node, path);
+}
+/// The node's own sequence of children, or a new empty list.
+Object children_of(const Namespace& space, PyObject* node);
+/// A new dict with the node's explicit configuration.
+Object config_of(const Namespace& space, PyObject* node);
+
+extern PyMethodDef graph_node_functions[];
+
+}  // namespace quernbrook::host

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "host/names.hpp"
+#include "python/boundary.hpp"
+#include "python/object.hpp"
+
+namespace quernbrook::host {
+
+/// The module as its own code sees it: the interned names, and the live namespace in which hosts
+/// and tests may replace what they like.
+struct Namespace {
+  Names names;
+  /// The module's dictionary; it lives at least as long as this state.
+  python::Object globals;
+  /// Our own class, whose instances the row loop may read without asking their attributes twice.
+  python::Object context_type;
+  python::Object attribute_iterator_type;
+  /// The keyword names of calls that are made over and over, as tuples.
+  python::Object context_keyword;       // ("context",)
+  python::Object data_nan_keyword;      // ("data_nan_features",)
+  python::Object dtype_keyword;         // ("dtype",)
+  python::Object evaluation_keywords;   // the last four of evaluate()
+  python::Object result_keywords;       // ("nan_source", "node_outputs")
+  python::Object state_keywords;        // ("name", "state_data")
+  python::Object typed_state_keywords;  // ("function_name", "function_version", "data")
+
+  /// The value of a global name now; NameError where somebody deleted it.
+  python::Object global(PyObject* name) const;
+  /// `np.<name>`.
+  python::Object numpy(PyObject* name) const;
+  python::Object evaluation_error() const { return global(names.EvaluationError); }
+};
+
+/// Imports everything that the module's namespace takes from elsewhere, in a fixed order.
+void import_names(PyObject* module);
+
+}  // namespace quernbrook::host
+
+namespace quernbrook {
+
+using host::Namespace;
+using python::CallArguments;
+using python::Object;
+using python::Parameters;
+
+/// A public or private function of the module, as its method table lists it.
+template <Object (*Function)(Namespace&, const CallArguments&)>
+PyMethodDef function_definition(const char* name, const char* docstring) {
+  return {name, python::as_function_pointer<python::module_function<Namespace, Function>>(),
+          METH_FASTCALL | METH_KEYWORDS, docstring};
+}
+
+/// A method that needs the module's namespace.
+template <Object (*Method)(Namespace&, PyObject*, const CallArguments&)>
+PyMethodDef method_definition(const char* name, const char* docstring, int flags = 0) {
+  return {name, python::as_function_pointer<python::class_method<Namespace, Method>>(),
+          METH_METHOD | METH_FASTCALL | METH_KEYWORDS | flags, docstring};
+}
+
+}  // namespace quernbrook

@@ -1,0 +1,146 @@
+#include "host/parameter_schema.hpp"
+
+#include "python/call.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::host {
+
+using namespace python;
+
+namespace {
+
+Object schema_of(const Namespace& space, PyObject* entry) {
+  return attribute_or(entry, space.names.param_schema, Py_None);
+}
+
+Object schema_items(PyObject* schema) {
+  return schema == Py_None ? Object::own(PyTuple_New(0)) : Object::share(schema);
+}
+
+/// `dict.get(key)` or `dict.get(key, fallback)` of the object's own class.
+Object get(const Namespace& space, PyObject* dict, PyObject* key) {
+  return call_method(dict, space.names.get, key);
+}
+
+bool is_str(PyObject* object) { return PyUnicode_Check(object); }
+bool is_dict(PyObject* object) { return PyDict_Check(object); }
+
+std::pair<Object, Object> name_and_type(const Namespace& space, PyObject* schema_item,
+                                        PyObject* fallback_name) {
+  const Names& names = space.names;
+  if (PyTuple_Check(schema_item) && length(schema_item) == 2) {
+    auto [name, constraint] = unpack_pair(schema_item);
+    if (is_dict(constraint)) return {name, get(space, constraint, names.type)};
+    if (is_str(constraint)) return {name, constraint};
+    return {name, attribute_or(constraint, names.type, Py_None)};
+  }
+  if (is_dict(schema_item)) {
+    Object name = call_method(schema_item, names.get, names.name, fallback_name);
+    return {name, get(space, schema_item, names.type)};
+  }
+  Object name = attribute_or(schema_item, names.name, fallback_name);
+  return {name, attribute_or(schema_item, names.type, Py_None)};
+}
+
+Object list_of(PyObject* iterable) { return Object::own(PySequence_List(iterable)); }
+
+}  // namespace
+
+Object config_parameter_names(const Namespace& space, PyObject* entry) {
+  const Object schema = schema_of(space, entry);
+  const Object items = is_dict(schema) ? list_of(call_method(schema, space.names.items))
+                                       : list_of(schema_items(schema));
+  const Object kinds = space.global(space.names._CONFIG_CHILD_TYPES);
+  Object found = Object::own(PyList_New(0));
+  for (Py_ssize_t place = 0; place < PyList_GET_SIZE(items.get()); ++place) {
+    const Object schema_item = Object::share(PyList_GET_ITEM(items.get(), place));
+    const auto [name, kind] = name_and_type(space, schema_item, message("param_", place));
+    if (contains(kinds, kind) && truth(name)) checked(PyList_Append(found, as_text(name)));
+  }
+  return found;
+}
+
+Object schema_names(const Namespace& space, PyObject* entry) {
+  const Object schema = schema_of(space, entry);
+  if (is_dict(schema)) return Object::own(PySet_New(call_method(schema, space.names.keys)));
+  Object found = Object::own(PySet_New(nullptr));
+  const Object items = iterator(schema_items(schema));
+  while (true) {
+    const Object schema_item = next(items);
+    if (schema_item.empty()) return found;
+    const Object name = attribute_or(schema_item, space.names.name, Py_None);
+    if (truth(name)) checked(PySet_Add(found, name));
+  }
+}
+
+Object make_config_child_types(const Namespace& space) {
+  Object kinds = Object::own(PySet_New(nullptr));
+  for (PyObject* kind : {space.names.float_.get(), space.names.int_.get(),
+                         space.names.string.get(), space.names.bool_.get()}) {
+    checked(PySet_Add(kinds, kind));
+  }
+  return kinds;
+}
+
+namespace {
+
+Object iter_schema_items(Namespace&, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"_iter_schema_items", {"schema"}};
+  const auto [schema] = parameters.bind(arguments);
+  return schema_items(schema);
+}
+
+Object schema_param_name_and_type(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<2> parameters{
+      "_schema_param_name_and_type", {"item", "fallback_name"}, 1};
+  const auto [schema_item, fallback_name] = parameters.bind(arguments);
+  const auto [name, kind] = name_and_type(space, schema_item, or_none(fallback_name));
+  return Object::own(PyTuple_Pack(2, name.get(), kind.get()));
+}
+
+Object config_param_names(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"_config_param_names", {"entry"}};
+  const auto [entry] = parameters.bind(arguments);
+  return config_parameter_names(space, entry);
+}
+
+Object preflight_param_schema_names(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"_preflight_param_schema_names", {"entry"}};
+  const auto [entry] = parameters.bind(arguments);
+  return schema_names(space, entry);
+}
+
+Object param_schema_names(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"_param_schema_names", {"entry"}};
+  const auto [entry] = parameters.bind(arguments);
+  return schema_names(space, entry);
+}
+
+}  // namespace
+
+PyMethodDef parameter_schema_functions[] = {
+    function_definition<iter_schema_items>(
+        "_iter_schema_items",
+        "_iter_schema_items($module, /, schema)\n--\n\n"
+        "Return the schema itself, or an empty tuple if it is None."),
+    function_definition<schema_param_name_and_type>(
+        "_schema_param_name_and_type",
+        "_schema_param_name_and_type($module, /, item, fallback_name=None)\n--\n\n"
+        "Return the pair (name, type) that a schema item describes."),
+    function_definition<config_param_names>(
+        "_config_param_names",
+        "_config_param_names($module, /, entry)\n--\n\n"
+        "Return the names of the parameters that literal children fill, in schema order."),
+    function_definition<preflight_param_schema_names>(
+        "_preflight_param_schema_names",
+        "_preflight_param_schema_names($module, /, entry)\n--\n\n"
+        "Return the set of parameter names that the explicit configuration may use."),
+    function_definition<param_schema_names>(
+        "_param_schema_names",
+        "_param_schema_names($module, /, entry)\n--\n\n"
+        "Return the set of parameter names that the merged configuration may use."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace quernbrook::host

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "host/namespace.hpp"
+#include "python/numpy_api.hpp"
+
+// Which cells take part: the two rules for the universe. They differ on infinities, on purpose.
+namespace quernbrook::host {
+
+/// The rule for data: NaN where the universe equals 0.0 or is NaN. `data` itself without a
+/// universe, else a new array.
+Object apply_universe_mask(const Namespace& space, PyObject* data, PyObject* universe);
+
+/// The rule for the context's `universe_mask`: 1 where its universe is finite and not zero.
+Object universe_mask(const Namespace& space, PyObject* context, npy_intp rows, npy_intp columns);
+
+extern PyMethodDef universe_functions[];
+
+}  // namespace quernbrook::host
