@@ -1,0 +1,29 @@
+#pragma once
+
+#include "expression_evaluator/registers.hpp"
+#include "graph_prep/node_table.hpp"
+
+namespace quernbrook::evaluation {
+
+/// One argument of a function call, over all rows. Its array serves again as long as the function
+/// neither kept nor changed it, which nobody can see; else the next row gets a new one.
+class CallArgument {
+ public:
+  explicit CallArgument(graph_prep::NodeIndex source) : source_(source) {}
+
+  /// The source's register as a vector of the function's own.
+  PyObject* copy(const Registers& registers);
+  /// The live view of the source's register.
+  PyObject* view(const Registers& registers);
+
+ private:
+  bool is_untouched(npy_intp columns, PyObject* base) const;
+  void adopt(Object array);
+
+  graph_prep::NodeIndex source_;
+  Object array_;
+  void* data_ = nullptr;
+  int flags_ = 0;
+};
+
+}  // namespace quernbrook::evaluation

@@ -1,0 +1,88 @@
+#include "expression_evaluator/function_state.hpp"
+
+#include "python/call.hpp"
+#include "python/instance_type.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::evaluation {
+
+using namespace python;
+using host::Names;
+
+namespace {
+
+Object to_bytes(Namespace& space, PyObject* self, const CallArguments& arguments) {
+  static constexpr Parameters<0> parameters{"to_bytes", {}};
+  parameters.bind(arguments);
+  const Names& names = space.names;
+  const Object dumps = attribute(space.global(names.json), names.dumps);
+  const Object members = Object::own(PyDict_New());
+  checked(PyDict_SetItem(members, names.name, attribute(self, names.name)));
+  checked(PyDict_SetItem(members, names.state_data, attribute(self, names.state_data)));
+  return call_method(call(dumps, members), names.encode);
+}
+
+Object from_bytes(Namespace& space, PyObject* cls, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"from_bytes", {"data"}};
+  const auto [data] = parameters.bind(arguments);
+  const Names& names = space.names;
+  const Object loads = attribute(space.global(names.json), names.loads);
+  const Object members = call(loads, call_method(data, names.decode));
+  const Object name = item(members, names.name);
+  const Object state_data = item(members, names.state_data);
+  return call_named(cls, space.state_keywords, name, state_data);
+}
+
+PyMethodDef function_state_methods[] = {
+    method_definition<to_bytes>(
+        "to_bytes",
+        "to_bytes($self, /)\n--\n\n"
+        "Return the state as the ASCII bytes of one JSON object.\n"
+        "\n"
+        "Raises TypeError if `state_data` holds anything that JSON cannot carry, such as arrays."),
+    method_definition<from_bytes>(
+        "from_bytes",
+        "from_bytes($type, /, data)\n--\n\n"
+        "Return the state that to_bytes() wrote.\n"
+        "\n"
+        "Raises UnicodeDecodeError or json.JSONDecodeError for bytes that are no JSON text, and\n"
+        "KeyError if the member `name` or `state_data` is missing.",
+        METH_CLASS),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+constexpr const char* function_state_docstring =
+    "FunctionState(name, state_data=<factory>)\n"
+    "\n"
+    "Serializable function state for checkpointing.\n"
+    "\n"
+    "Attributes\n"
+    "----------\n"
+    "name : str\n"
+    "    The function's name.\n"
+    "state_data : dict\n"
+    "    The payload that a function instance hands out and takes back; plain Python data.";
+
+}  // namespace
+
+Object make_function_state_class(PyObject* module) {
+  Object cls = make_class(module, "expression_evaluator.FunctionState", function_state_docstring,
+                          function_state_methods);
+  const Object dict_annotation =
+      item(attribute(module, as_text("Dict")),
+           Object::own(PyTuple_Pack(2, reinterpret_cast<PyObject*>(&PyUnicode_Type),
+                                    attribute(module, as_text("Any")).get())));
+  const Object annotations = Object::own(PyDict_New());
+  checked(PyDict_SetItemString(annotations, "name", reinterpret_cast<PyObject*>(&PyUnicode_Type)));
+  checked(PyDict_SetItemString(annotations, "state_data", dict_annotation));
+  set_attribute(cls, as_text("__annotations__"), annotations);
+  const Object default_factory =
+      call_named(attribute(module, as_text("field")),
+                 Object::own(PyTuple_Pack(1, as_text("default_factory").get())),
+                 reinterpret_cast<PyObject*>(&PyDict_Type));
+  set_attribute(cls, as_text("state_data"), default_factory);
+  return call(attribute(module, as_text("dataclass")), cls);
+}
+
+}  // namespace quernbrook::evaluation

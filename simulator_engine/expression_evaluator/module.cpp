@@ -1,0 +1,127 @@
+#define EXPRESSION_EVALUATOR_IMPORTS_NUMPY
+#include "python/numpy_api.hpp"
+//
+#include <initializer_list>
+
+#include "expression_evaluator/context.hpp"
+#include "expression_evaluator/evaluate.hpp"
+#include "expression_evaluator/function_state.hpp"
+#include "expression_evaluator/result.hpp"
+#include "fast_paths/leaf.hpp"
+#include "host/graph_node.hpp"
+#include "host/namespace.hpp"
+#include "host/parameter_schema.hpp"
+#include "host/state_adapters.hpp"
+#include "host/universe.hpp"
+#include "python/attribute_iterator.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+// The module's surface, and its life.
+namespace quernbrook {
+namespace {
+
+using namespace python;
+
+PyMethodDef* const functions[] = {
+    evaluation::evaluate_functions,
+    evaluation::context_functions,
+    fast_paths::leaf_functions,
+    host::graph_node_functions,
+    host::parameter_schema_functions,
+    host::state_adapter_functions,
+    host::universe_functions,
+};
+
+void add_classes(PyObject* module, Namespace& space) {
+  space.context_type = evaluation::make_context_class(module);
+  space.attribute_iterator_type = make_attribute_iterator_class(module);
+  set_attribute(module, space.names.EvaluationContext, space.context_type);
+  set_attribute(module, space.names.EvaluationResult, evaluation::make_result_class(module));
+  set_attribute(module, space.names.FunctionState, evaluation::make_function_state_class(module));
+}
+
+void add_constants(PyObject* module, const Namespace& space) {
+  set_attribute(module, space.names._CONFIG_CHILD_TYPES, host::make_config_child_types(space));
+}
+
+Object keywords(std::initializer_list<PyObject*> names) {
+  Object tuple = Object::own(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
+  Py_ssize_t place = 0;
+  for (PyObject* name : names) PyTuple_SET_ITEM(tuple.get(), place++, Py_NewRef(name));
+  return tuple;
+}
+
+void add_keywords(Namespace& space) {
+  const host::Names& names = space.names;
+  space.context_keyword = keywords({names.context});
+  space.data_nan_keyword = keywords({names.data_nan_features});
+  space.dtype_keyword = keywords({names.dtype});
+  space.evaluation_keywords = keywords({names.function_states, names.is_cold_start,
+                                        names.bound_function_instances, names.data_nan_features});
+  space.result_keywords = keywords({names.nan_source, names.node_outputs});
+  space.state_keywords = keywords({names.name, names.state_data});
+  space.typed_state_keywords =
+      keywords({names.function_name, names.function_version, names.data});
+}
+
+Namespace*& state_of(PyObject* module) {
+  return *static_cast<Namespace**>(PyModule_GetState(module));
+}
+
+int module_exec(PyObject* module) noexcept {
+  const auto body = [&] {
+    Namespace* space = state_of(module) = new Namespace{};
+    space->globals = Object::share(PyModule_GetDict(module));
+    add_keywords(*space);
+    host::import_names(module);
+    add_classes(module, *space);
+    add_constants(module, *space);
+    for (PyMethodDef* table : functions) checked(PyModule_AddFunctions(module, table));
+    return Object::none();
+  };
+  const Object done = Object::own_or_empty(guarded(body));
+  return done.empty() ? -1 : 0;
+}
+
+int module_traverse(PyObject* module, visitproc visit, void* arg) {
+  const Namespace* space = state_of(module);
+  if (space == nullptr) return 0;
+  Py_VISIT(space->globals.get());
+  Py_VISIT(space->context_type.get());
+  Py_VISIT(space->attribute_iterator_type.get());
+  return 0;
+}
+
+void module_free(void* module) {
+  delete state_of(static_cast<PyObject*>(module));
+}
+
+PyModuleDef_Slot slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
+    {0, nullptr},
+};
+
+PyModuleDef definition = {
+    .m_base = PyModuleDef_HEAD_INIT,
+    .m_name = "expression_evaluator",
+    .m_doc = "Expression evaluator implementation (MVP).\n"
+             "\n"
+             "Executes validated expression graphs against feature data, row by row or in\n"
+             "whole-matrix form, and produces a (T, N_alloc) weights matrix together with the\n"
+             "states of all stateful functions.",
+    .m_size = sizeof(Namespace*),
+    .m_methods = nullptr,
+    .m_slots = slots,
+    .m_traverse = module_traverse,
+    .m_clear = nullptr,
+    .m_free = module_free,
+};
+
+}  // namespace
+}  // namespace quernbrook
+
+PyMODINIT_FUNC PyInit_expression_evaluator() {
+  import_array();
+  return PyModuleDef_Init(&quernbrook::definition);
+}

@@ -1,0 +1,113 @@
+#include "expression_evaluator/result.hpp"
+
+#include "python/call.hpp"
+#include "python/instance_type.hpp"
+#include "python/attribute_iterator.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::evaluation {
+
+using namespace python;
+
+namespace {
+
+Object or_new_dict(PyObject* argument) {
+  return or_none(argument) == Py_None ? Object::own(PyDict_New()) : Object::share(argument);
+}
+
+Object result_init(Namespace& space, PyObject* self, const CallArguments& arguments) {
+  static constexpr Parameters<4> parameters{
+      "__init__", {"weights", "states", "nan_source", "node_outputs"}, 2};
+  const auto [weights, states, nan_source, node_outputs] = parameters.bind(arguments);
+  set_attribute(self, space.names.weights, weights);
+  set_attribute(self, space.names.states, states);
+  set_attribute(self, space.names.nan_source, or_new_dict(nan_source));
+  set_attribute(self, space.names.node_outputs, or_new_dict(node_outputs));
+  return Object::none();
+}
+
+Object result_iter(Namespace& space, PyObject* self, const CallArguments& arguments) {
+  static constexpr Parameters<0> parameters{"__iter__", {}};
+  parameters.bind(arguments);
+  return attribute_iterator(space.attribute_iterator_type, self, space.names.weights,
+                            space.names.states);
+}
+
+Object result_len(Namespace&, PyObject*, const CallArguments& arguments) {
+  static constexpr Parameters<0> parameters{"__len__", {}};
+  parameters.bind(arguments);
+  return integer(2);
+}
+
+Object result_getitem(Namespace& space, PyObject* self, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"__getitem__", {"index"}};
+  const auto [index] = parameters.bind(arguments);
+  const Object weights = attribute(self, space.names.weights);
+  const Object states = attribute(self, space.names.states);
+  return item(Object::own(PyTuple_Pack(2, weights.get(), states.get())), index);
+}
+
+Object result_array(Namespace& space, PyObject* self, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"__array__", {"dtype"}, 0};
+  const auto [dtype] = parameters.bind(arguments);
+  const Object asarray = space.numpy(space.names.asarray);
+  const Object weights = attribute(self, space.names.weights);
+  if (or_none(dtype) == Py_None) return call(asarray, weights);
+  return call_named(asarray, space.dtype_keyword, weights, dtype);
+}
+
+Object result_getattr(Namespace& space, PyObject* self, const CallArguments& arguments) {
+  static constexpr Parameters<1> parameters{"__getattr__", {"name"}};
+  const auto [name] = parameters.bind(arguments);
+  return attribute(attribute(self, space.names.weights), name);
+}
+
+PyMethodDef result_methods[] = {
+    method_definition<result_init>(
+        "__init__",
+        "__init__($self, /, weights, states, nan_source=None, node_outputs=None)\n--\n\n"
+        "Store the outcome of a run by reference."),
+    method_definition<result_iter>(
+        "__iter__", "__iter__($self, /)\n--\n\nYield the weights, then the states."),
+    method_definition<result_len>(
+        "__len__", "__len__($self, /)\n--\n\nReturn 2, the length of (weights, states)."),
+    method_definition<result_getitem>(
+        "__getitem__",
+        "__getitem__($self, /, index)\n--\n\nReturn an item or slice of (weights, states)."),
+    method_definition<result_array>(
+        "__array__",
+        "__array__($self, /, dtype=None)\n--\n\n"
+        "Return the weights matrix, shared unless `dtype` asks for a conversion."),
+    method_definition<result_getattr>(
+        "__getattr__",
+        "__getattr__($self, /, name)\n--\n\nReturn the attribute of the weights matrix."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+constexpr const char* result_docstring =
+    "EvaluationResult(weights, states, nan_source=None, node_outputs=None)\n--\n\n"
+    "Array-like evaluate() result that still unpacks as (weights, states).\n"
+    "\n"
+    "Converted to an array, or asked for an array attribute such as `shape`, it is the weights\n"
+    "matrix; unpacked, indexed or measured with len(), it is the pair (weights, states).\n"
+    "\n"
+    "Attributes\n"
+    "----------\n"
+    "weights : float64 array of shape (T, N_alloc)\n"
+    "    The output weights.\n"
+    "states : dict of state key to function state\n"
+    "    The states of all stateful function instances.\n"
+    "nan_source : dict of node path to tag\n"
+    "    Nodes whose NaNs come from missing input data; empty when not tracked.\n"
+    "node_outputs : dict of node path to float64 array of shape (T, N_alloc)\n"
+    "    The output of every node where the run collected them, else empty.";
+
+}  // namespace
+
+Object make_result_class(PyObject* module) {
+  return make_class(module, "expression_evaluator.EvaluationResult", result_docstring,
+                    result_methods);
+}
+
+}  // namespace quernbrook::evaluation

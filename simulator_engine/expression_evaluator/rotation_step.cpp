@@ -1,0 +1,116 @@
+#include "expression_evaluator/rotation_step.hpp"
+
+#include "expression_evaluator/function_output.hpp"
+#include "python/protocol.hpp"
+
+namespace quernbrook::evaluation {
+
+using namespace python;
+using graph_prep::Node;
+using graph_prep::NodeIndex;
+using graph_prep::NodeKind;
+
+RotationStep::RotationStep(const Run& run, const Registers& registers)
+    : run_(run), registers_(registers), calls_(run.table.nodes.size()) {
+  std::size_t most_children = 0;
+  for (NodeIndex index = 0; index < calls_.size(); ++index) {
+    const Node& node = run.table.nodes[index];
+    most_children = std::max<std::size_t>(most_children, node.child_count);
+    for (std::uint32_t place = 0; place < node.child_count; ++place) {
+      const std::size_t slot = node.first_child + place;
+      const Node& child = run.table.nodes[run.table.children[slot]];
+      calls_[index].has_config_children |= run.table.is_config_child[slot] != 0;
+      calls_[index].compares_kinds |= child.kind == NodeKind::compared;
+    }
+  }
+  stack_.resize(most_children + 3);
+}
+
+void RotationStep::run(NodeIndex index, npy_intp row) {
+  const Node& node = run_.table.nodes[index];
+  if (node.instance.empty()) raise_missing_path(run_, index);
+  Call& call = calls_[index];
+  const bool with_config = takes_config_children(node, call);
+  const bool bound = run_is_bound();
+  if (!call.is_chosen || call.with_config != with_config || call.in_bound_run != bound ||
+      call.compares_kinds) {
+    call.with_config = with_config;
+    call.in_bound_run = bound;
+    choose_arguments(index, call);
+  }
+  const Object result = call_instance(node, call);
+  if (node.is_bound) registers_.require_intact();
+  if (result.empty()) raise_function_failure(run_, index, row);
+  store_output(run_, registers_, index, result, row);
+}
+
+/// The truth of the caller's mapping, which functions can change while the run goes on.
+bool RotationStep::run_is_bound() const {
+  PyObject* bound = run_.bound_instances;
+  return PyDict_CheckExact(bound) ? PyDict_GET_SIZE(bound) > 0 : truth(bound);
+}
+
+/// A bound instance without `arity` receives the literals that were configuration, too.
+bool RotationStep::takes_config_children(const Node& node, const Call& call) const {
+  if (!node.is_bound) return false;
+  PyObject* arity = run_.space.names.arity;
+  PyTypeObject* type = Py_TYPE(node.instance.get());
+  const bool nobody_can_tell = !call.has_config_children &&
+                               type->tp_getattro == PyObject_GenericGetAttr &&
+                               find_on_type(type, arity) == nullptr;
+  return !nobody_can_tell && !has_attribute(node.instance, arity);
+}
+
+void RotationStep::choose_arguments(NodeIndex index, Call& call) const {
+  const Node& node = run_.table.nodes[index];
+  call.arguments.clear();
+  for (std::uint32_t place = 0; place < node.child_count; ++place) {
+    const std::size_t slot = node.first_child + place;
+    const NodeIndex child = run_.table.children[slot];
+    if (is_argument(child, run_.table.is_config_child[slot] != 0, call.with_config)) {
+      call.arguments.emplace_back(child);
+    }
+  }
+  call.is_chosen = true;
+}
+
+bool RotationStep::is_argument(NodeIndex index, bool is_config, bool with_config) const {
+  if (is_config && !with_config) return false;
+  const Node& child = run_.table.nodes[index];
+  const auto is = [&](NodeKind kind, PyObject* name) {
+    return child.kind == NodeKind::compared ? equal(child.type, name) : child.kind == kind;
+  };
+  const host::Names& names = run_.space.names;
+  if (is(NodeKind::string_literal, names.string)) return false;
+  if (is(NodeKind::int_literal, names.int_) && !run_is_bound()) return false;
+  return !is(NodeKind::bool_literal, names.bool_);
+}
+
+/// The instance's result; empty where it failed.
+Object RotationStep::call_instance(const Node& node, Call& call) {
+  constexpr std::size_t first_argument = 2;
+  std::size_t count = 0;
+  for (CallArgument& argument : call.arguments) {
+    stack_[first_argument + count++] =
+        call.in_bound_run ? argument.view(registers_) : argument.copy(registers_);
+  }
+  PyObject* names = nullptr;
+  if (!node.is_bound) {
+    stack_[first_argument + count] = run_.context;
+    names = run_.space.context_keyword;
+  }
+  // A class written in Python is called through its function, as the interpreter would do after
+  // two more look-ups.
+  PyTypeObject* type = Py_TYPE(node.instance.get());
+  PyObject* entry = find_on_type(type, run_.space.names.call_);
+  if (entry != nullptr && PyFunction_Check(entry)) {
+    const Object function = Object::share(entry);
+    stack_[1] = node.instance;
+    return Object::own_or_empty(PyObject_Vectorcall(
+        function, stack_.data() + 1, (count + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+  }
+  return Object::own_or_empty(PyObject_Vectorcall(node.instance, stack_.data() + first_argument,
+                                                  count | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+}
+
+}  // namespace quernbrook::evaluation

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <vector>
+
+#include "expression_evaluator/call_argument.hpp"
+#include "expression_evaluator/registers.hpp"
+#include "expression_evaluator/run.hpp"
+
+namespace quernbrook::evaluation {
+
+/// What a "rotation" node does in a row: its instance is called with its children's rows.
+class RotationStep {
+ public:
+  RotationStep(const Run& run, const Registers& registers);
+
+  void run(graph_prep::NodeIndex node, npy_intp row);
+
+ private:
+  /// What a node keeps from row to row.
+  struct Call {
+    std::vector<CallArgument> arguments;
+    /// The choice of children that `arguments` stand for.
+    bool is_chosen = false;
+    bool with_config = false;
+    bool in_bound_run = false;
+    /// Fixed for the run:
+    bool has_config_children = false;
+    bool compares_kinds = false;
+  };
+
+  bool run_is_bound() const;
+  bool takes_config_children(const graph_prep::Node& node, const Call& call) const;
+  void choose_arguments(graph_prep::NodeIndex node, Call& call) const;
+  bool is_argument(graph_prep::NodeIndex child, bool is_config, bool with_config) const;
+  Object call_instance(const graph_prep::Node& node, Call& call);
+
+  const Run& run_;
+  const Registers& registers_;
+  std::vector<Call> calls_;        // by node; idle for all but rotations
+  std::vector<PyObject*> stack_;   // of the call under way: a free place, the instance, arguments
+};
+
+}  // namespace quernbrook::evaluation

@@ -1,0 +1,105 @@
+#include "graph_prep/config_preflight.hpp"
+
+#include "host/graph_walk.hpp"
+#include "host/parameter_schema.hpp"
+#include "host/registry.hpp"
+#include "python/error.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::graph_prep {
+
+using namespace python;
+using host::NodePath;
+
+namespace {
+
+/// The keys of a dict that fulfil a condition, sorted.
+template <class Condition>
+Object sorted_keys(PyObject* config, Condition&& condition) {
+  Object found = Object::own(PyList_New(0));
+  const Object keys = iterator(config);
+  while (true) {
+    const Object key = next(keys);
+    if (key.empty()) break;
+    if (condition(key)) checked(PyList_Append(found, key));
+  }
+  checked(PyList_Sort(found));
+  return found;
+}
+
+void refuse_if_any(const Namespace& space, PyObject* function_name, const NodePath& path,
+                   const char* fault, PyObject* keys) {
+  if (PyList_GET_SIZE(keys) == 0) return;
+  const Object joined = join(", ", keys);
+  raise(space.global(space.names.FunctionExecutionError),
+        message("Function '", function_name, "' at node '", path.text(), "' config contains ",
+                fault, " parameter(s): ", joined));
+}
+
+/// The engine supplies these itself, so that a graph may not set them.
+void refuse_engine_only(const Namespace& space, PyObject* function_name, PyObject* config,
+                        const NodePath& path) {
+  const Object keys = sorted_keys(config, [&](PyObject* key) {
+    return equal(key, space.names.n_alloc) || equal(key, space.names.a);
+  });
+  refuse_if_any(space, function_name, path, "engine-only", keys);
+}
+
+void refuse_unknown(const Namespace& space, PyObject* function_name, PyObject* config,
+                    const NodePath& path, PyObject* allowed) {
+  const Object keys =
+      sorted_keys(config, [&](PyObject* key) { return !contains(allowed, key); });
+  refuse_if_any(space, function_name, path, "unknown", keys);
+}
+
+bool is_schema_checked(const Namespace& space, PyObject* entry) {
+  const Object family = attribute_or(entry, space.names.family, space.names.empty);
+  return equal(family, space.names.virtualization);
+}
+
+void check_explicit_config(const Namespace& space, PyObject* context, PyObject* node,
+                           PyObject* function_name, const NodePath& path) {
+  const Object config = host::config_of(space, node);
+  refuse_engine_only(space, function_name, config, path);
+  const Object registry = host::registry_of(space, context);
+  if (registry.is_none() || !host::registry_has(space, registry, function_name)) return;
+  const Object entry = host::registry_entry(space, registry, function_name);
+  const Object allowed = host::schema_names(space, entry);
+  // An empty schema admits everything here; the merged check refuses it.
+  if (is_schema_checked(space, entry) && PySet_GET_SIZE(allowed.get()) > 0) {
+    refuse_unknown(space, function_name, config, path, allowed);
+  }
+}
+
+}  // namespace
+
+void preflight_explicit_config(const Namespace& space, PyObject* context, PyObject* graph) {
+  struct Frame {
+    host::ChildIterator children;
+  };
+  const auto enter = [&](PyObject* node, const NodePath& path) {
+    host::require_node_instance(space, node, path);
+    const Object kind = host::type_value(space, node, path);
+    const Object value = host::node_value(space, node, path);
+    if (equal(kind, space.names.rotation) || equal(kind, space.names.reduction)) {
+      check_explicit_config(space, context, node, value, path);
+    }
+    return Frame{host::ChildIterator(host::children_of(space, node))};
+  };
+  host::walk_graph(graph, space.names.root, enter, [](const Frame&, const NodePath&) {});
+}
+
+void validate_merged_config(const Namespace& space, PyObject* context, PyObject* function_name,
+                            PyObject* config, const NodePath& path) {
+  refuse_engine_only(space, function_name, config, path);
+  const Object registry = host::registry_of(space, context);
+  if (registry.is_none() || !host::registry_has(space, registry, function_name)) return;
+  const Object entry = host::registry_entry(space, registry, function_name);
+  const Object allowed = host::schema_names(space, entry);
+  if (is_schema_checked(space, entry)) {
+    refuse_unknown(space, function_name, config, path, allowed);
+  }
+}
+
+}  // namespace quernbrook::graph_prep

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "graph_prep/node_collection.hpp"
+#include "host/graph_node.hpp"
+
+namespace quernbrook::graph_prep {
+
+/// Takes the function node's instance from the caller, restores it or creates it, in this order.
+void choose_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
+                     const host::NodePath& path);
+
+}  // namespace quernbrook::graph_prep
