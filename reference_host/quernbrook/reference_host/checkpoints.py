@@ -1,0 +1,128 @@
+"""All function states of a run in one file.
+
+The file begins with a line that names the format, its version, the number of states, the length
+of what follows and its SHA-256. Then come two lines for each state: its key as a JSON string, and
+the bytes of ``FunctionState.to_bytes``, which never hold a line break.
+"""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import os
+import re
+import secrets
+from collections.abc import Mapping
+from pathlib import Path
+from typing import Any
+
+_FORMAT = "quernbrook-checkpoint"
+_VERSION = 1
+_LONGEST_HEADER = 256
+_HEADER = re.compile(
+    rb"(?P<format>[!-~]+) (?P<version>\d{1,9}) (?P<states>\d{1,18}) (?P<length>\d{1,18}) "
+    rb"(?P<sha256>[0-9a-f]{64})\n"
+)
+
+
+class CheckpointError(Exception):
+    """A file that is no intact checkpoint; the message names the file and the reason."""
+
+    def __init__(self, path: Path, reason: str) -> None:
+        super().__init__(f"checkpoint '{path}': {reason}")
+        self.path = path
+        self.reason = reason
+
+    def __reduce__(self) -> tuple[type[CheckpointError], tuple[Path, str]]:
+        return type(self), (self.path, self.reason)
+
+
+def save(path: str | os.PathLike[str], states: Mapping[str, Any]) -> None:
+    """Write `states`, as an evaluation returned them, in place of whatever `path` held.
+
+    A reader, or a machine back from a power cut, finds either the old file or the new one, whole.
+    Raises TypeError for state data that JSON can't hold, and OSError.
+    """
+    path = Path(path)
+    payload = _encode(states)
+    digest = hashlib.sha256(payload).hexdigest()
+    header = f"{_FORMAT} {_VERSION} {len(states)} {len(payload)} {digest}\n".encode()
+    temporary = path.with_name(f".{path.name}.{secrets.token_hex(8)}")
+    try:
+        with temporary.open("xb") as file:
+            file.write(header)
+            file.write(payload)
+            file.flush()
+            os.fsync(file.fileno())
+        temporary.replace(path)
+    except BaseException:
+        temporary.unlink(missing_ok=True)
+        raise
+    _sync_folder(path.parent)
+
+
+def load(path: str | os.PathLike[str]) -> dict[str, Any]:
+    """Return the states of the file, each a ``FunctionState``, ready for ``function_states``.
+
+    Raises CheckpointError for a file that is cut, altered, too long, of another version or no
+    checkpoint at all, and OSError.
+    """
+    path = Path(path)
+    with path.open("rb") as file:
+        line = file.readline(_LONGEST_HEADER)
+        header = _HEADER.fullmatch(line)
+        if header is None or header["format"] != _FORMAT.encode():
+            raise CheckpointError(path, "not a checkpoint, or cut in its first line")
+        if int(header["version"]) != _VERSION:
+            version = int(header["version"])
+            raise CheckpointError(path, f"version {version} is not known; known: {_VERSION}")
+        # Measured before it is read, so that a foreign file of any size costs nothing.
+        length = os.fstat(file.fileno()).st_size - len(line)
+        if length != int(header["length"]):
+            word = "cut" if length < int(header["length"]) else "too long"
+            raise CheckpointError(path, f"{word}: {length} of {int(header['length'])} bytes")
+        payload = file.read()
+    if hashlib.sha256(payload).hexdigest() != header["sha256"].decode():
+        raise CheckpointError(path, "altered: its checksum differs")
+    try:
+        states = _decode(payload)
+    except (KeyError, TypeError, ValueError, RecursionError) as error:
+        reason = f"holds no states: {type(error).__name__}: {error}"
+        raise CheckpointError(path, reason) from error
+    if len(states) != int(header["states"]):
+        raise CheckpointError(path, f"holds {len(states)} of {int(header['states'])} states")
+    return states
+
+
+def _encode(states: Mapping[str, Any]) -> bytes:
+    function_state = _function_state()
+    lines = []
+    for key, state in states.items():
+        lines.append(json.dumps(key).encode())
+        lines.append(function_state(state.name, state.state_data).to_bytes())
+    return b"".join(line + b"\n" for line in lines)
+
+
+def _decode(payload: bytes) -> dict[str, Any]:
+    function_state = _function_state()
+    lines = payload.splitlines()
+    return {
+        json.loads(key): function_state.from_bytes(state)
+        for key, state in zip(lines[::2], lines[1::2], strict=True)
+    }
+
+
+def _function_state() -> Any:
+    # Not at the top: the evaluator imports its host's modules while it loads.
+    from quernbrook.simulator_engine.expression_evaluator import FunctionState
+
+    return FunctionState
+
+
+def _sync_folder(folder: Path) -> None:
+    """Make the rename itself last."""
+    descriptor = os.open(folder, os.O_RDONLY)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)

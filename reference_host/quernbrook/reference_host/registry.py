@@ -1,0 +1,90 @@
+"""The registry: functions by name, and their instances.
+
+This module must not hold a class named ``FunctionState``: the evaluator would take it for the
+registry's own typed state and convert every state to it before a restore.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterable
+from typing import Any
+
+from quernbrook.reference_host import arithmetic, cross_sectional, reductions, rolling
+from quernbrook.reference_host.entries import FunctionEntry
+from quernbrook.simulator_engine._types import FunctionExecutionError
+
+
+class FunctionRegistry:
+    """Knows functions by name and makes their instances."""
+
+    def __init__(self, entries: Iterable[FunctionEntry] = ()) -> None:
+        self._entries: dict[str, FunctionEntry] = {}
+        for entry in entries:
+            self.register(entry)
+
+    def register(self, entry: FunctionEntry) -> None:
+        """Add a function, or replace the one of the same name.
+
+        Its instances need the attribute ``stateful`` and are called with rows: a rotation as
+        ``instance(*rows, context=context)`` in a registry run and ``instance(*rows)`` when bound,
+        a reduction as ``instance(block, signal_pnl=signal_pnl)``. Rows are float64 vectors of
+        N_alloc, and so is the result. A stateful instance also has ``get_state()`` and
+        ``restore(state_data)``, a stateful reduction also ``window``.
+        """
+        self._entries[entry.name] = entry
+
+    def has(self, name: str) -> bool:
+        return name in self._entries
+
+    def has_factory(self, name: str) -> bool:
+        """Whether `name` is a function of the user's own, and not one of the library."""
+        return name in self._entries and self._entries[name].factory is not None
+
+    def get_entry(self, name: str) -> FunctionEntry:
+        """Raises FunctionExecutionError for an unknown name."""
+        if name not in self._entries:
+            raise FunctionExecutionError(f"Function '{name}' is not registered")
+        return self._entries[name]
+
+    def create_instance(self, name: str, **config: Any) -> Any:
+        """Raises FunctionExecutionError for an unknown name and for a faulty configuration."""
+        entry = self.get_entry(name)
+        try:
+            return entry.build(**entry.complete_config(config))
+        except ValueError as error:
+            raise FunctionExecutionError(f"Function '{name}': {error}") from error
+
+    def create_instance_from_state(self, name: str, restore_state: Any, **config: Any) -> Any:
+        """Return an instance that goes on, bit for bit, where the saved one stood.
+
+        `restore_state` is an object with ``name`` and ``state_data``, or the data itself.
+        Raises FunctionExecutionError like `create_instance`, and for a state that is another
+        function's, was saved under another window, or isn't a state of this function at all.
+        """
+        instance = self.create_instance(name, **config)
+        saved_name = getattr(restore_state, "name", name)
+        if saved_name != name:
+            raise FunctionExecutionError(
+                f"Function '{name}' can't go on from a state of '{saved_name}'"
+            )
+        if not instance.stateful:
+            raise FunctionExecutionError(f"Function '{name}' has no state to restore")
+        try:
+            instance.restore(getattr(restore_state, "state_data", restore_state))
+        except (KeyError, TypeError, ValueError) as error:
+            raise FunctionExecutionError(
+                f"Function '{name}' can't restore its state: {type(error).__name__}: {error}"
+            ) from error
+        return instance
+
+
+def default_registry() -> FunctionRegistry:
+    """Return a new registry with all functions of the library."""
+    return FunctionRegistry(
+        (
+            *arithmetic.FUNCTIONS,
+            *cross_sectional.FUNCTIONS,
+            *reductions.FUNCTIONS,
+            *rolling.FUNCTIONS,
+        )
+    )

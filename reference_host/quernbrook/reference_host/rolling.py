@@ -1,0 +1,113 @@
+"""Operations along time over a rolling window of rows.
+
+No instance gives a value before its window is full: until then a row of NaN. A NaN in the rows
+that a value is made of makes the value NaN, in its own column only.
+"""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+from quernbrook.reference_host.arrays import Block, Row
+from quernbrook.reference_host.entries import FunctionEntry, Parameter
+from quernbrook.reference_host.window import RollingInstance, deviations, mean, root_mean_square
+
+
+class RollingRotation(RollingInstance):
+    """Base of the rolling functions; a subclass gives `name` and `compute`."""
+
+    arity = 1
+
+    def compute(self, rows: Block) -> Row:
+        """Return a new row from the full window, its oldest row first."""
+        raise NotImplementedError
+
+    def __call__(self, row: Row, *, context: Any = None) -> Row:
+        """Take in one row. Raises ValueError when its width has changed."""
+        self._rows.push(row)
+        if not self._rows.is_full:
+            return np.full(row.shape, np.nan)
+        with np.errstate(all="ignore"):
+            return self.compute(self._rows.rows)
+
+
+class LongitudinalSum(RollingRotation):
+    """The sum over the window."""
+
+    name = "longitudinal_sum"
+
+    def compute(self, rows: Block) -> Row:
+        return np.add.reduce(rows, axis=0)
+
+
+class LongitudinalMean(RollingRotation):
+    """The mean over the window."""
+
+    name = "longitudinal_mean"
+
+    def compute(self, rows: Block) -> Row:
+        return mean(rows)
+
+
+class LongitudinalStd(RollingRotation):
+    """The population standard deviation over the window."""
+
+    name = "longitudinal_std"
+
+    def compute(self, rows: Block) -> Row:
+        return root_mean_square(deviations(rows))
+
+
+class LongitudinalZscore(RollingRotation):
+    """The newest value less the window's mean, in population standard deviations.
+
+    0 where all values of the window are equal.
+    """
+
+    name = "longitudinal_zscore"
+
+    def compute(self, rows: Block) -> Row:
+        centred = deviations(rows)
+        std = root_mean_square(centred)
+        return np.divide(centred[-1], std, out=np.zeros_like(std), where=std != 0.0)
+
+
+class LongitudinalDelay(RollingRotation):
+    """The value of `window` rows ago."""
+
+    name = "longitudinal_delay"
+    extra_rows = 1
+
+    def compute(self, rows: Block) -> Row:
+        return rows[0].copy()
+
+
+class LongitudinalDelta(RollingRotation):
+    """The newest value less that of `window` rows ago."""
+
+    name = "longitudinal_delta"
+    extra_rows = 1
+
+    def compute(self, rows: Block) -> Row:
+        return rows[-1] - rows[0]
+
+
+FUNCTIONS = tuple(
+    FunctionEntry(
+        function.name,
+        "longitudinal",
+        build=function,
+        param_schema={"window": Parameter("int")},
+        stateful=True,
+        library=True,
+    )
+    for function in (
+        LongitudinalSum,
+        LongitudinalMean,
+        LongitudinalStd,
+        LongitudinalZscore,
+        LongitudinalDelay,
+        LongitudinalDelta,
+    )
+)
