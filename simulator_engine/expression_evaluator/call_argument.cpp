@@ -22,13 +22,14 @@ bool CallArgument::is_untouched(npy_intp columns, PyObject* base) const {
   const PyArrayObject_fields* fields = array_fields(array_);
   return fields->weakreflist == nullptr && fields->data == data_ && fields->base == base &&
          fields->flags == flags_ && fields->nd == 1 && fields->dimensions[0] == columns &&
-         fields->strides[0] == sizeof(double) && fields->descr->type_num == NPY_DOUBLE;
+         fields->strides[0] == sizeof(double) && fields->descr == dtype_;
 }
 
 void CallArgument::adopt(Object array) {
   array_ = std::move(array);
   data_ = array_fields(array_)->data;
   flags_ = array_fields(array_)->flags;
+  dtype_ = array_fields(array_)->descr;
 }
 
 }  // namespace quernbrook::evaluation

@@ -24,6 +24,7 @@ class CallArgument {
   Object array_;
   void* data_ = nullptr;
   int flags_ = 0;
+  PyArray_Descr* dtype_ = nullptr;  // NumPy's own and immortal
 };
 
 }  // namespace quernbrook::evaluation

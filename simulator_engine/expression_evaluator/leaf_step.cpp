@@ -1,10 +1,8 @@
 #include "expression_evaluator/leaf_step.hpp"
 
-#include <cstring>
-
+#include "expression_evaluator/matrix_row.hpp"
 #include "fast_paths/kernels/universe_mask.hpp"
 #include "host/universe.hpp"
-#include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/protocol.hpp"
 
@@ -14,92 +12,66 @@ using namespace python;
 using graph_prep::Node;
 using graph_prep::NodeIndex;
 
-LeafStep::LeafStep(const Run& run, const Registers& registers) : run_(run), registers_(registers) {}
+LeafStep::LeafStep(const Run& run, const Registers& registers)
+    : run_(run), registers_(registers), universe_(run, run.space.names.universe) {}
 
 void LeafStep::run(NodeIndex node, npy_intp row) {
-  const Object universe = Object::share(this->universe());
-  PyObject* feature = feature_at(run_.table.nodes[node]);
-  Row source;
-  if (feature != nullptr && find_row(feature, row, source)) {
-    double* target = registers_.row(node);
-    if (universe.is_none()) {
-      if (source.step == sizeof(double)) {
-        std::memcpy(target, source.data, registers_.row_bytes());
-      } else {
-        for (npy_intp column = 0; column < run_.columns; ++column) {
-          target[column] = *reinterpret_cast<const double*>(source.data + column * source.step);
-        }
-      }
-      return;
-    }
-    Row mask;
-    if (find_row(universe, row, mask)) {
-      constexpr auto size = static_cast<npy_intp>(sizeof(double));
-      kernels::mask_universe(reinterpret_cast<const double*>(source.data), source.step / size,
-                             reinterpret_cast<const double*>(mask.data), mask.step / size, target,
-                             static_cast<std::size_t>(run_.columns));
-      return;
-    }
+  const Object universe = Object::share(universe_.get());
+  if (run_quickly(node, universe, row)) return;
+  run_slowly(node, universe, row);
+  foreign_code_ran();
+}
+
+bool LeafStep::run_quickly(NodeIndex node, PyObject* universe, npy_intp row) const {
+  if (is_marked(node)) return false;
+  PyObject* feature = plain_feature(run_.table.nodes[node]);
+  MatrixRow source;
+  const auto readable = [&](PyObject* matrix, MatrixRow& found) {
+    return find_matrix_row(matrix, row, run_.columns, found) &&
+           !overlaps(found, run_.columns, registers_.row(0), registers_.bytes());
+  };
+  if (feature == nullptr || !readable(feature, source)) return false;
+  if (universe == Py_None) {
+    copy_matrix_row(source, run_.columns, registers_.row(node));
+    return true;
   }
-  run_slowly(node, row);
-  forget_universe();
+  MatrixRow mask;
+  if (!readable(universe, mask)) return false;
+  kernels::mask_universe(source.values(), source.step_in_doubles(), mask.values(),
+                         mask.step_in_doubles(), registers_.row(node),
+                         static_cast<std::size_t>(run_.columns));
+  return true;
 }
 
-PyObject* LeafStep::universe() {
-  if (!universe_is_current_) {
-    universe_ = attribute(run_.context, run_.space.names.universe);
-    universe_is_current_ = universe_is_plain_attribute();
-  }
-  return universe_;
-}
-
-/// Reading the attribute again cannot run foreign code or give another object.
-bool LeafStep::universe_is_plain_attribute() const {
-  PyTypeObject* type = Py_TYPE(run_.context.get());
-  return reinterpret_cast<PyObject*>(type) == run_.space.context_type &&
-         type->tp_getattro == PyObject_GenericGetAttr &&
-         find_on_type(type, run_.space.names.universe) == nullptr;
-}
-
-/// The matrix of the leaf, borrowed, if both the sequence and the index are plain; else null.
-PyObject* LeafStep::feature_at(const Node& node) const {
-  PyObject* features = run_.features;
-  if (!PyTuple_CheckExact(features) && !PyList_CheckExact(features)) return nullptr;
-  if (node.feature_index.empty() || !PyLong_CheckExact(node.feature_index.get())) return nullptr;
-  const Py_ssize_t place = PyLong_AsSsize_t(node.feature_index);
-  if (place < 0 || place >= PySequence_Fast_GET_SIZE(features)) {
-    PyErr_Clear();
-    return nullptr;
-  }
-  return PySequence_Fast_GET_ITEM(features, place);
-}
-
-bool LeafStep::find_row(PyObject* matrix, npy_intp row, Row& found) const {
-  if (!is_double_array(matrix)) return false;
-  PyArrayObject* array = as_array(matrix);
-  if (PyArray_NDIM(array) != 2 || row >= PyArray_DIM(array, 0) ||
-      PyArray_DIM(array, 1) != run_.columns) {
-    return false;
-  }
-  found.data = static_cast<const char*>(PyArray_DATA(array)) + row * PyArray_STRIDE(array, 0);
-  found.step = PyArray_STRIDE(array, 1);
-  return !registers_.overlaps(found.data, found.step, run_.columns);
-}
-
-void LeafStep::run_slowly(NodeIndex index, npy_intp row) {
+void LeafStep::run_slowly(NodeIndex index, PyObject* universe, npy_intp row) const {
   const Node& node = run_.table.nodes[index];
   if (node.feature_index.empty()) raise_missing_path(run_, index);
-  const Object all = Object::own(PySlice_New(nullptr, nullptr, nullptr));
-  const Object key = Object::own(PyTuple_Pack(2, integer(row).get(), all.get()));
+  const Object key = row_key(row);
   const Object register_row = registers_.view(index);
   const Object source = item(item(run_.features, node.feature_index), key);
-  if (universe_.is_none()) {
+  if (universe == Py_None && !is_marked(index)) {
     assign(register_row, source);
     return;
   }
-  const Object data = call_method(source, run_.space.names.copy);
-  const Object mask = item(attribute(run_.context, run_.space.names.universe), key);
+  Object data = call_method(source, run_.space.names.copy);
+  if (is_marked(index)) data = nan_row(run_);
+  Object mask = Object::none();
+  if (universe != Py_None) mask = item(attribute(run_.context, run_.space.names.universe), key);
   assign(register_row, host::apply_universe_mask(run_.space, data, mask));
+}
+
+/// The leaf's matrix, borrowed, if both the sequence and the index are plain; else null.
+PyObject* LeafStep::plain_feature(const Node& node) const {
+  PyObject* features = run_.features;
+  if (!PyTuple_CheckExact(features) && !PyList_CheckExact(features)) return nullptr;
+  const Py_ssize_t place = node.plain_feature_index;
+  if (place < 0 || place >= PySequence_Fast_GET_SIZE(features)) return nullptr;
+  return PySequence_Fast_GET_ITEM(features, place);
+}
+
+/// Missing data gives a row of NaNs whatever the matrix holds.
+bool LeafStep::is_marked(NodeIndex node) const {
+  return run_.tracks_data_nan && run_.is_data_nan[node] != 0;
 }
 
 }  // namespace quernbrook::evaluation

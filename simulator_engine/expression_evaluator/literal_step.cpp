@@ -19,6 +19,10 @@ bool is_plain_literal(PyObject* object) {
          PyUnicode_CheckExact(object);
 }
 
+bool is_plain_float(const Object& literal) {
+  return !literal.empty() && PyFloat_CheckExact(literal.get());
+}
+
 bool is_mixed_run(const Run& run) {
   // A bound function can write into any register, a precomputed output may come or go.
   return !run.bound_argument.is_none() || !run.owns_precomputed_outputs;
@@ -35,13 +39,18 @@ void LiteralStep::run(NodeIndex index, NodeKind kind, npy_intp row) {
                         (kind == NodeKind::float_literal || kind == NodeKind::string_literal ||
                          is_plain_literal(node.value));
   if (row > 0 && is_fixed && registers_are_private_) return;
+  if (kind == NodeKind::float_literal && !is_plain_float(node.literal)) {
+    if (node.literal.empty()) raise_missing_path(run_, index);
+    assign(registers_.view(index), node.literal);
+    return;
+  }
   std::fill_n(registers_.row(index), run_.columns, number(node, kind));
 }
 
 double LiteralStep::number(const Node& node, NodeKind kind) const {
   switch (kind) {
     case NodeKind::float_literal:
-      return node.literal;
+      return PyFloat_AS_DOUBLE(node.literal.get());
     case NodeKind::int_literal:
       return as_double(node.value);
     case NodeKind::bool_literal:

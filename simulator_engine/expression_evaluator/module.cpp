@@ -8,6 +8,10 @@
 #include "expression_evaluator/function_state.hpp"
 #include "expression_evaluator/result.hpp"
 #include "fast_paths/leaf.hpp"
+#include "filtration/filter_tree.hpp"
+#include "filtration/weight_extraction.hpp"
+#include "graph_prep/warmup_rows.hpp"
+#include "host/graph_caches.hpp"
 #include "host/graph_node.hpp"
 #include "host/namespace.hpp"
 #include "host/parameter_schema.hpp"
@@ -16,6 +20,9 @@
 #include "python/attribute_iterator.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
+#include "stages/stage_data.hpp"
+#include "stages/stage_options.hpp"
+#include "stages/transform_merge.hpp"
 
 // The module's surface, and its life.
 namespace quernbrook {
@@ -27,10 +34,17 @@ PyMethodDef* const functions[] = {
     evaluation::evaluate_functions,
     evaluation::context_functions,
     fast_paths::leaf_functions,
+    filtration::filter_tree_functions,
+    filtration::weight_extraction_functions,
+    graph_prep::warmup_functions,
+    host::graph_cache_functions,
     host::graph_node_functions,
     host::parameter_schema_functions,
     host::state_adapter_functions,
     host::universe_functions,
+    stages::stage_data_functions,
+    stages::stage_option_functions,
+    stages::transform_merge_functions,
 };
 
 void add_classes(PyObject* module, Namespace& space) {
@@ -43,26 +57,35 @@ void add_classes(PyObject* module, Namespace& space) {
 
 void add_constants(PyObject* module, const Namespace& space) {
   set_attribute(module, space.names._CONFIG_CHILD_TYPES, host::make_config_child_types(space));
+  set_attribute(module, space.names.FILTRATION_NODE_TYPES,
+                filtration::make_filtration_node_types());
 }
 
-Object keywords(std::initializer_list<PyObject*> names) {
+Object keywords(std::initializer_list<const char*> names) {
   Object tuple = Object::own(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
   Py_ssize_t place = 0;
-  for (PyObject* name : names) PyTuple_SET_ITEM(tuple.get(), place++, Py_NewRef(name));
+  for (const char* name : names) {
+    PyTuple_SET_ITEM(tuple.get(), place++,
+                     Object::own(PyUnicode_InternFromString(name)).release());
+  }
   return tuple;
 }
 
 void add_keywords(Namespace& space) {
-  const host::Names& names = space.names;
-  space.context_keyword = keywords({names.context});
-  space.data_nan_keyword = keywords({names.data_nan_features});
-  space.dtype_keyword = keywords({names.dtype});
-  space.evaluation_keywords = keywords({names.function_states, names.is_cold_start,
-                                        names.bound_function_instances, names.data_nan_features});
-  space.result_keywords = keywords({names.nan_source, names.node_outputs});
-  space.state_keywords = keywords({names.name, names.state_data});
-  space.typed_state_keywords =
-      keywords({names.function_name, names.function_version, names.data});
+  space.axis_keyword = keywords({"axis"});
+  space.context_keyword = keywords({"context"});
+  space.data_nan_keyword = keywords({"data_nan_features"});
+  space.dtype_keyword = keywords({"dtype"});
+  space.evaluation_keywords = keywords(
+      {"function_states", "is_cold_start", "bound_function_instances", "data_nan_features"});
+  space.filter_keywords = keywords({"function_name", "params", "children"});
+  space.filtration_result_keywords =
+      keywords({"passing_ids", "signal_count", "total_pool_size", "filter_diagnostics"});
+  space.result_keywords = keywords({"nan_source", "node_outputs"});
+  space.signal_pnl_keyword = keywords({"signal_pnl"});
+  space.state_failure_keywords = keywords({"instance_id", "node_id", "function_name"});
+  space.state_keywords = keywords({"name", "state_data"});
+  space.typed_state_keywords = keywords({"function_name", "function_version", "data"});
 }
 
 Namespace*& state_of(PyObject* module) {

@@ -1,7 +1,5 @@
 #include "expression_evaluator/registers.hpp"
 
-#include <algorithm>
-
 #include "python/error.hpp"
 
 namespace quernbrook::evaluation {
@@ -13,25 +11,17 @@ Registers::Registers(Object array, npy_intp columns)
       data_(doubles(array_)),
       stride_(static_cast<std::size_t>(columns)),
       rows_(PyArray_DIM(as_array(array_), 0)),
-      flags_(PyArray_FLAGS(as_array(array_))) {}
+      flags_(PyArray_FLAGS(as_array(array_))),
+      dtype_(PyArray_DESCR(as_array(array_))) {}
 
 Object Registers::view(std::size_t number) const {
   return vector_view(array_, row(number), static_cast<npy_intp>(stride_));
 }
 
-bool Registers::overlaps(const char* first, npy_intp step, npy_intp count) const noexcept {
-  const char* last = first + step * (count - 1);
-  const char* low = std::min(first, last);
-  const char* high = std::max(first, last) + sizeof(double);
-  const char* begin = reinterpret_cast<const char*>(data_);
-  const char* end = begin + static_cast<std::size_t>(rows_) * row_bytes();
-  return low < end && begin < high;
-}
-
 void Registers::require_intact() const {
   PyArrayObject* array = as_array(array_);
   const bool same_form =
-      PyArray_DATA(array) == data_ && PyArray_TYPE(array) == NPY_DOUBLE &&
+      PyArray_DATA(array) == data_ && PyArray_DESCR(array) == dtype_ &&
       PyArray_NDIM(array) == 2 && PyArray_DIM(array, 0) == rows_ &&
       PyArray_DIM(array, 1) == static_cast<npy_intp>(stride_);
   if (same_form && PyArray_FLAGS(array) == flags_) return;

@@ -17,8 +17,7 @@ class Registers {
   /// A new view of one register, as `registers[number, :]`.
   python::Object view(std::size_t number) const;
 
-  /// True if the doubles from `first` with the step and count given touch the block.
-  bool overlaps(const char* first, npy_intp step, npy_intp count) const noexcept;
+  std::size_t bytes() const noexcept { return static_cast<std::size_t>(rows_) * row_bytes(); }
 
   /// Raises where foreign code took the block's memory, form or writability away.
   void require_intact() const;
@@ -29,6 +28,7 @@ class Registers {
   std::size_t stride_;  // in doubles
   npy_intp rows_;
   int flags_;
+  PyArray_Descr* dtype_;  // NumPy's own and immortal
 };
 
 }  // namespace quernbrook::evaluation

@@ -1,5 +1,6 @@
 #include "expression_evaluator/rotation_step.hpp"
 
+#include "expression_evaluator/data_nan.hpp"
 #include "expression_evaluator/function_output.hpp"
 #include "python/protocol.hpp"
 
@@ -10,7 +11,7 @@ using graph_prep::Node;
 using graph_prep::NodeIndex;
 using graph_prep::NodeKind;
 
-RotationStep::RotationStep(const Run& run, const Registers& registers)
+RotationStep::RotationStep(Run& run, const Registers& registers)
     : run_(run), registers_(registers), calls_(run.table.nodes.size()) {
   std::size_t most_children = 0;
   for (NodeIndex index = 0; index < calls_.size(); ++index) {
@@ -39,9 +40,9 @@ void RotationStep::run(NodeIndex index, npy_intp row) {
     choose_arguments(index, call);
   }
   const Object result = call_instance(node, call);
-  if (node.is_bound) registers_.require_intact();
   if (result.empty()) raise_function_failure(run_, index, row);
-  store_output(run_, registers_, index, result, row);
+  if (node.is_bound) registers_.require_intact();
+  store_output(run_, registers_, index, propagate_data_nan(run_, registers_, index, result), row);
 }
 
 /// The truth of the caller's mapping, which functions can change while the run goes on.

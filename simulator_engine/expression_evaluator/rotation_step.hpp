@@ -11,7 +11,7 @@ namespace quernbrook::evaluation {
 /// What a "rotation" node does in a row: its instance is called with its children's rows.
 class RotationStep {
  public:
-  RotationStep(const Run& run, const Registers& registers);
+  RotationStep(Run& run, const Registers& registers);
 
   void run(graph_prep::NodeIndex node, npy_intp row);
 
@@ -34,7 +34,7 @@ class RotationStep {
   bool is_argument(graph_prep::NodeIndex child, bool is_config, bool with_config) const;
   Object call_instance(const graph_prep::Node& node, Call& call);
 
-  const Run& run_;
+  Run& run_;
   const Registers& registers_;
   std::vector<Call> calls_;        // by node; idle for all but rotations
   std::vector<PyObject*> stack_;   // of the call under way: a free place, the instance, arguments

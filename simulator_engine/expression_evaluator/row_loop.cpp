@@ -1,11 +1,11 @@
 #include "expression_evaluator/row_loop.hpp"
 
-#include <algorithm>
 #include <cstring>
 
 #include "expression_evaluator/leaf_step.hpp"
 #include "expression_evaluator/literal_step.hpp"
 #include "expression_evaluator/precomputed_step.hpp"
+#include "expression_evaluator/reduction_step.hpp"
 #include "expression_evaluator/registers.hpp"
 #include "expression_evaluator/rotation_step.hpp"
 #include "python/error.hpp"
@@ -28,13 +28,14 @@ class RowLoop {
         leaves_(run, registers_),
         literals_(run, registers_),
         precomputed_(run, registers_),
+        reductions_(run, registers_),
         rotations_(run, registers_) {}
 
   void run_all() {
     for (npy_intp row = 0; row < run_.rows; ++row) {
       checked(PyErr_CheckSignals());
       set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
-      leaves_.forget_universe();
+      foreign_code_ran();
       for (const NodeIndex node : run_.order) run_node(node, row);
       copy_outputs(row);
     }
@@ -57,17 +58,29 @@ class RowLoop {
       case NodeKind::bool_literal:
         literals_.run(index, kind, row);
         break;
+      case NodeKind::filtration:
+        reductions_.run_filtration(index, row);
+        break;
+      case NodeKind::reduction:
+        reductions_.run_reduction(index, row);
+        foreign_code_ran();
+        break;
       case NodeKind::rotation:
         rotations_.run(index, row);
-        leaves_.forget_universe();
+        foreign_code_ran();
         break;
       default:
         break;
     }
   }
 
+  void foreign_code_ran() noexcept {
+    leaves_.foreign_code_ran();
+    reductions_.foreign_code_ran();
+  }
+
   void copy_outputs(npy_intp row) {
-    copy_register(run_.root(), run_.weights, row);
+    copy_register(run_.table.root, run_.weights, row);
     for (NodeIndex node = 0; node < run_.node_outputs.size(); ++node) {
       copy_register(node, run_.node_outputs[node], row);
     }
@@ -83,6 +96,7 @@ class RowLoop {
   LeafStep leaves_;
   LiteralStep literals_;
   PrecomputedStep precomputed_;
+  ReductionStep reductions_;
   RotationStep rotations_;
 };
 

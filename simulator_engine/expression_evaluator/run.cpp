@@ -1,6 +1,12 @@
 #include "expression_evaluator/run.hpp"
 
+#include <algorithm>
+#include <limits>
+
+#include "expression_evaluator/data_nan.hpp"
+#include "expression_evaluator/instance_lifecycle.hpp"
 #include "expression_evaluator/row_loop.hpp"
+#include "graph_prep/collection_record.hpp"
 #include "graph_prep/config_preflight.hpp"
 #include "graph_prep/execution_order.hpp"
 #include "graph_prep/node_collection.hpp"
@@ -10,6 +16,7 @@
 #include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
+#include "stages/transform_merge.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -19,6 +26,20 @@ using graph_prep::NodeIndex;
 using host::Names;
 
 namespace {
+
+void merge_transforms(Run& run) {
+  const Names& names = run.space.names;
+  if (!truth(attribute(run.context, names.transform_pipeline)) ||
+      truth(attribute_or(run.context, names.transforms_already_combined, Py_False))) {
+    return;
+  }
+  run.graph = stages::merge_transforms(run.space, run.graph, run.context);
+}
+
+void attach_stage_data(Run& run) {
+  call(run.space.global(run.space.names._attach_stage_data_feature_leaves), run.graph,
+       run.context);
+}
 
 void validate_shapes(Run& run) {
   const Names& names = run.space.names;
@@ -87,12 +108,38 @@ void prepare_tables(Run& run) {
       or_new_dict(attribute_or(run.context, names._precomputed_node_nan_source, Py_None));
 }
 
-void collect_nodes(Run& run) {
-  run.table = graph_prep::collect_nodes(run.space, run.graph,
-                                        {.context = run.context,
-                                         .function_states = run.function_states,
-                                         .bound_argument = run.bound_argument,
-                                         .bound_instances = run.bound_instances});
+/// Only runs with bound instances use the record on the graph, and only on a graph that no
+/// transforms are about to be laid around.
+void decide_on_cache(Run& run) {
+  const Namespace& space = run.space;
+  const Names& names = space.names;
+  run.cached_record = Object::none();
+  run.uses_collection_cache =
+      is_instance(run.graph, space.global(names.FunctionGraphNode)) &&
+      !run.bound_argument.is_none() &&
+      (!truth(attribute(run.context, names.transform_pipeline)) ||
+       truth(attribute_or(run.context, names.transforms_already_combined, Py_False)));
+  if (run.uses_collection_cache) {
+    run.cached_record =
+        call(space.global(names._graph_cache_get), run.graph, names._collect_nodes_cache);
+  }
+}
+
+void fill_tables(Run& run) {
+  const graph_prep::CollectionInputs inputs{.context = run.context,
+                                            .function_states = run.function_states,
+                                            .bound_argument = run.bound_argument,
+                                            .bound_instances = run.bound_instances};
+  if (!run.cached_record.is_none()) {
+    run.table = graph_prep::load_collection_record(run.space, run.cached_record, inputs);
+    return;
+  }
+  run.table = graph_prep::collect_nodes(run.space, run.graph, inputs);
+  if (run.uses_collection_cache) {
+    const Names& names = run.space.names;
+    call(run.space.global(names._graph_cache_set), run.graph, names._collect_nodes_cache,
+         graph_prep::make_collection_record(run.space, run.table));
+  }
 }
 
 /// The function node, or other parent, that names itself in a complaint about the leaf.
@@ -108,9 +155,8 @@ Object parent_name(const Run& run, NodeIndex leaf) {
 void check_feature_shapes(Run& run) {
   const Object expected =
       Object::own(PyTuple_Pack(2, run.row_count.get(), run.column_count.get()));
-  for (NodeIndex index = 0; index < run.table.nodes.size(); ++index) {
+  for (const NodeIndex index : run.table.leaves) {
     const Node& node = run.table.nodes[index];
-    if (node.feature_index.empty()) continue;
     const Object shape =
         attribute(item(run.features, node.feature_index), run.space.names.shape);
     if (!not_equal(shape, expected)) continue;
@@ -135,18 +181,14 @@ void check_state_keys(Run& run) {
   const Object provided =
       Object::own(PySet_New(call_method(run.function_states, run.space.names.keys)));
   const Object known = Object::own(PySet_New(nullptr));
-  const NodeIndex count = static_cast<NodeIndex>(run.table.nodes.size());
-  for (NodeIndex index = 0; index < count; ++index) {
-    if (run.table.nodes[index].is_function) {
-      checked(PySet_Add(known, run.table.state_key(run.space, index)));
-    }
+  for (const NodeIndex index : run.table.functions) {
+    checked(PySet_Add(known, run.table.state_key(run.space, index)));
   }
   if (!compare(provided, known, Py_LE)) refuse_state_keys(run);
 
   const Object stateful = Object::own(PySet_New(nullptr));
-  for (NodeIndex index = 0; index < count; ++index) {
-    const Node& node = run.table.nodes[index];
-    if (node.is_function && truth(attribute(node.instance, run.space.names.stateful))) {
+  for (const NodeIndex index : run.table.functions) {
+    if (truth(attribute(run.table.nodes[index].instance, run.space.names.stateful))) {
       checked(PySet_Add(stateful, run.table.state_key(run.space, index)));
     }
   }
@@ -156,14 +198,31 @@ void check_state_keys(Run& run) {
 npy_intp register_count(const Run& run) { return static_cast<npy_intp>(run.table.nodes.size()); }
 
 void order_nodes(Run& run) {
-  run.order = graph_prep::execution_order(run.table, run.root());
+  run.order = graph_prep::execution_order(run.table, run.table.root);
+  run.filtrations.resize(run.table.nodes.size());
   set_attribute(run.context, run.space.names.registers, zeros(register_count(run), run.columns));
+}
+
+void compute_warmup_rows(Run& run) {
+  run.warmup_rows = integer(0);
+  if (truth(run.bound_instances)) return;
+  const Object compute = run.space.global(run.space.names._compute_graph_warmup_rows);
+  run.warmup_rows = call(compute, run.graph, attribute(run.context, run.space.names.registry));
+}
+
+void prepare_extraction_buffer(Run& run) {
+  PyObject* name = run.space.names.useful_signals;
+  run.extraction_buffer = Object::none();
+  if (truth(attribute(run.context, name))) {
+    run.extraction_buffer = zeros(length(attribute(run.context, name)), run.columns);
+  }
 }
 
 void prepare_buffers(Run& run) {
   run.weights = zeros(run.rows, run.columns);
   run.registers = zeros(register_count(run), run.columns);
-  run.nan_source = Object::own(PyDict_New());
+  prepare_extraction_buffer(run);
+  seed_data_nan(run);
   const bool by_default = truth(run.bound_instances) || truth(run.precomputed_outputs);
   run.collects_node_outputs = truth(attribute_or(
       run.context, run.space.names._collect_node_outputs, by_default ? Py_True : Py_False));
@@ -176,53 +235,69 @@ void prepare_buffers(Run& run) {
 
 void publish(Run& run) {
   set_attribute(run.context, run.space.names.registers, run.registers);
+  if (!run.extraction_buffer.is_none()) {
+    set_attribute(run.context, run.space.names.extraction_buffer, run.extraction_buffer);
+  }
+}
+
+/// Only the weights lose their warm-up rows; the outputs of the nodes keep theirs.
+void blank_warmup_rows(Run& run) {
+  if (!compare(run.warmup_rows, integer(0), Py_GT)) return;
+  const npy_intp rows = compare(run.warmup_rows, integer(run.rows), Py_LT)
+                            ? index_value(run.warmup_rows)
+                            : run.rows;
+  std::fill_n(doubles(run.weights), rows * run.columns, std::numeric_limits<double>::quiet_NaN());
 }
 
 Object node_outputs_by_path(const Run& run) {
   if (!run.collects_node_outputs) return Object::none();
   Object outputs = Object::own(PyDict_New());
+  const std::vector<Object> paths = run.table.paths(run.space);
   for (NodeIndex index = 0; index < run.node_outputs.size(); ++index) {
-    checked(PyDict_SetItem(outputs, run.table.path(run.space, index), run.node_outputs[index]));
+    checked(PyDict_SetItem(outputs, paths[index], run.node_outputs[index]));
   }
   return outputs;
 }
 
 Object make_result(Run& run) {
-  const Object states = Object::own(PyDict_New());
   const Object outputs = node_outputs_by_path(run);
   return call_named(run.space.global(run.space.names.EvaluationResult),
-                    run.space.result_keywords, run.weights, states, run.nan_source, outputs);
+                    run.space.result_keywords, run.weights, run.states, run.nan_source, outputs);
 }
 
 }  // namespace
+
+Object nan_row(const Run& run) {
+  return filled_vector(run.columns, std::numeric_limits<double>::quiet_NaN());
+}
 
 void raise_missing_path(const Run& run, NodeIndex node) {
   raise_key_error(run.table.path(run.space, node));
 }
 
 Object evaluate_run(Run& run) {
-  // 1: transform merge
+  merge_transforms(run);   // 1
   validate_shapes(run);  // 2
-  // 3: stage data leaves
+  attach_stage_data(run);  // 3
   fix_dimensions(run);                                                              // 4
   build_universe_mask(run);                                                         // 5
   graph_prep::preflight_explicit_config(run.space, run.context, run.graph);         // 6
   if (Object result = try_fast_roads(run); !result.empty()) return result;          // 7
   prepare_tables(run);                                                              // 8
-  // 9: cache decision
-  collect_nodes(run);         // 10
+  decide_on_cache(run);       // 9
+  fill_tables(run);           // 10
   check_feature_shapes(run);  // 11
   check_state_keys(run);      // 12
   order_nodes(run);           // 13
-  // 14: warm-up figure
-  prepare_buffers(run);  // 15
-  // 16: cold-start pre-fill
-  // 17: warm-up deduction
-  run_rows(run);  // 18
-  publish(run);   // 19
-  // 20: warm-up rows of the weights
-  // 21: states
-  return make_result(run);  // 22
+  compute_warmup_rows(run);   // 14
+  prepare_buffers(run);       // 15
+  prefill_on_cold_start(run); // 16
+  deduct_rows_seen(run);      // 17
+  run_rows(run);              // 18
+  publish(run);               // 19
+  blank_warmup_rows(run);     // 20
+  collect_states(run);        // 21
+  return make_result(run);    // 22
 }
 
 }  // namespace quernbrook::evaluation

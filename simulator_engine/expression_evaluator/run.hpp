@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "graph_prep/node_table.hpp"
@@ -31,6 +32,8 @@ struct Run {
   npy_intp columns = 0;
 
   // The tables of the general road.
+  bool uses_collection_cache = false;
+  Object cached_record;  // the tables kept on the graph, or None
   graph_prep::NodeTable table;
   std::vector<graph_prep::NodeIndex> order;
   Object bound_instances;              // the caller's mapping itself, or a new dict
@@ -40,15 +43,22 @@ struct Run {
   bool owns_precomputed_outputs = false;  // the host gave none
   bool collects_node_outputs = false;
 
-  Object registers;  // (nodes, N_alloc)
-  Object weights;    // (T, N_alloc)
-  Object states;     // dict of state key to state
-  Object nan_source;
+  Object registers;          // (nodes, N_alloc)
+  Object weights;            // (T, N_alloc)
+  Object extraction_buffer;  // (signals, N_alloc), or None
+  Object states;             // dict of state key to state
 
-  graph_prep::NodeIndex root() const {
-    return static_cast<graph_prep::NodeIndex>(table.nodes.size() - 1);
-  }
+  // Marks of missing data, for the caller and by node.
+  Object nan_source;
+  std::vector<std::uint8_t> is_data_nan;
+  bool tracks_data_nan = false;
+
+  std::vector<Object> filtrations;  // results by node; empty until resolved
+  Object warmup_rows;               // leading rows of the weights to blank, an int
 };
+
+/// A new row of NaNs.
+Object nan_row(const Run& run);
 
 /// KeyError for a node that is missing in one of the run's tables.
 [[noreturn]] void raise_missing_path(const Run& run, graph_prep::NodeIndex node);

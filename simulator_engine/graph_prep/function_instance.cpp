@@ -29,6 +29,24 @@ Object registry_instance(const Namespace& space, const CollectionInputs& inputs,
   return host::create_instance(space, inputs.context, node.value, node.config);
 }
 
+/// Adopts the instance bound to `path`; false if there is none.
+bool adopt_bound_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
+                          PyObject* path) {
+  if (!contains(inputs.bound_instances, path)) return false;
+  node.instance = item(inputs.bound_instances, path);
+  if (node.instance.is_none()) {
+    refuse(space, message("Bound function instance is None for node '", path, "' (function '",
+                          node.value, "')"));
+  }
+  node.is_bound = true;
+  return true;
+}
+
+[[noreturn]] void refuse_missing(const Namespace& space, const Node& node, PyObject* path) {
+  refuse(space, message("Bound function instance missing for path '", path, "' (function '",
+                        node.value, "')"));
+}
+
 }  // namespace
 
 void choose_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
@@ -36,27 +54,18 @@ void choose_instance(const Namespace& space, const CollectionInputs& inputs, Nod
   // Nothing is bound in an empty dict, so that its paths need no spelling.
   const bool may_be_bound = !PyDict_CheckExact(inputs.bound_instances) ||
                             PyDict_GET_SIZE(inputs.bound_instances) > 0;
-  if (may_be_bound) {
-    const Object key = path.text();
-    if (contains(inputs.bound_instances, key)) {
-      node.instance = item(inputs.bound_instances, key);
-      if (node.instance.is_none()) {
-        refuse(space, message("Bound function instance is None for node '", key, "' (function '",
-                              node.value, "')"));
-      }
-      node.is_bound = true;
-      return;
-    }
-  }
-  if (inputs.bound_argument != Py_None) {
-    refuse(space, message("Bound function instance missing for path '", path.text(),
-                          "' (function '", node.value, "')"));
-  }
+  if (may_be_bound && adopt_bound_instance(space, inputs, node, path.text())) return;
+  if (inputs.bound_argument != Py_None) refuse_missing(space, node, path.text());
   if (!host::registry_can_instantiate(space, inputs.context, node.value)) {
     refuse(space, message("Function '", node.value, "' at node '", path.text(),
                           "' is not bound and cannot be instantiated from the evaluation registry"));
   }
   node.instance = registry_instance(space, inputs, node, path);
+}
+
+void take_bound_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
+                         PyObject* path) {
+  if (!adopt_bound_instance(space, inputs, node, path)) refuse_missing(space, node, path);
 }
 
 }  // namespace quernbrook::graph_prep

@@ -9,4 +9,8 @@ namespace quernbrook::graph_prep {
 void choose_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
                      const host::NodePath& path);
 
+/// Takes the instance that the caller bound to `path`; it must be there.
+void take_bound_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
+                         PyObject* path);
+
 }  // namespace quernbrook::graph_prep

@@ -98,10 +98,12 @@ class Collector {
 
   /// Writes the node's record. All of its children have theirs.
   void leave(const Frame& frame, const NodePath& path) {
+    const auto index = static_cast<NodeIndex>(table_.nodes.size());
     Node node;
     node.type = frame.type;
     node.value = frame.value;
     node.canonical_id = canonical_id(frame.graph_node, path);
+    node.child_sequence = frame.child_sequence;
     node.kind = kind_of(space_, node.type);
     adopt_children(node, frame.first_finished);
 
@@ -109,10 +111,11 @@ class Collector {
         node.kind == NodeKind::compared ? compare_kind(space_, node.type) : node.kind;
     switch (kind) {
       case NodeKind::leaf:
-        node.feature_index = feature_index(node.value);
+        set_feature_index(space_, node, node.value, inputs_.context);
+        table_.leaves.push_back(index);
         break;
       case NodeKind::float_literal:
-        node.literal = as_double(node.value);
+        node.literal = Object::own(PyFloat_FromDouble(as_double(node.value)));
         break;
       case NodeKind::filtration:
         node.graph_node = frame.graph_node;
@@ -120,13 +123,15 @@ class Collector {
       case NodeKind::rotation:
       case NodeKind::reduction:
         complete_function(node, frame, path);
+        table_.functions.push_back(index);
         if (kind == NodeKind::reduction) find_filtration(node, frame, path);
         break;
       default:
         break;
     }
-    finished_.push_back(static_cast<NodeIndex>(table_.nodes.size()));
+    finished_.push_back(index);
     table_.nodes.push_back(std::move(node));
+    table_.root = index;
   }
 
   NodeTable take_table() { return std::move(table_); }
@@ -138,16 +143,7 @@ class Collector {
     return host::require_field(space_, graph_node, key, path);
   }
 
-  Object feature_index(PyObject* name) const {
-    PyObject* attribute_name = space_.names.feature_index;
-    if (!contains(attribute(inputs_.context, attribute_name), name)) {
-      raise(space_.evaluation_error(), message("Feature '", name, "' not in context"));
-    }
-    return item(attribute(inputs_.context, attribute_name), name);
-  }
-
   void complete_function(Node& node, const Frame& frame, const NodePath& path) {
-    node.is_function = true;
     node.state_key = stamped_state_key(frame.graph_node, path);
     node.config = host::config_of(space_, frame.graph_node);
     const Object parameter_names = named_parameters(node.value);
@@ -190,6 +186,7 @@ class Collector {
   }
 
   void find_filtration(Node& node, const Frame& frame, const NodePath& path) const {
+    node.is_reduction = true;
     host::ChildIterator children(frame.child_sequence);
     while (true) {
       const Object child = children.next();

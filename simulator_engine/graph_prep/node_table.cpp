@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -43,16 +44,45 @@ NodeKind compare_kind(const Namespace& space, PyObject* type) {
   return NodeKind::unknown;
 }
 
+void set_feature_index(const Namespace& space, Node& node, PyObject* name, PyObject* context) {
+  PyObject* attribute_name = space.names.feature_index;
+  if (!contains(attribute(context, attribute_name), name)) {
+    raise(space.evaluation_error(), message("Feature '", name, "' not in context"));
+  }
+  node.feature_index = item(attribute(context, attribute_name), name);
+  if (!PyLong_CheckExact(node.feature_index.get())) return;
+  node.plain_feature_index = PyLong_AsSsize_t(node.feature_index);
+  // Out of range: the sequence itself will say so.
+  PyErr_Clear();
+}
+
 Object NodeTable::path(const Namespace& space, NodeIndex index) const {
+  if (!nodes[index].path.empty()) return nodes[index].path;
   std::vector<std::uint32_t> positions;
   for (NodeIndex at = index; nodes[at].parent != no_node; at = nodes[at].parent) {
     positions.push_back(nodes[at].position);
   }
-  std::vector<Object> parts{space.names.root};
+  std::string way_down;
   for (auto position = positions.rbegin(); position != positions.rend(); ++position) {
-    parts.push_back(as_text((".c" + std::to_string(*position)).c_str()));
+    way_down += ".c" + std::to_string(*position);
   }
-  return concatenate(parts);
+  return message(space.names.root, way_down.c_str());
+}
+
+std::vector<Object> NodeTable::paths(const Namespace& space) const {
+  std::vector<Object> spelt(nodes.size());
+  // Parents stand behind their children.
+  for (auto index = static_cast<NodeIndex>(nodes.size()); index-- > 0;) {
+    const Node& node = nodes[index];
+    if (!node.path.empty()) {
+      spelt[index] = node.path;
+    } else if (node.parent == no_node) {
+      spelt[index] = space.names.root;
+    } else {
+      spelt[index] = message(spelt[node.parent], ".c", static_cast<Py_ssize_t>(node.position));
+    }
+  }
+  return spelt;
 }
 
 Object NodeTable::state_key(const Namespace& space, NodeIndex index) const {

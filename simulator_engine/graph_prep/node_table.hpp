@@ -34,6 +34,7 @@ NodeKind kind_of(const Namespace& space, PyObject* type);
 NodeKind compare_kind(const Namespace& space, PyObject* type);
 
 struct Node {
+  Object path;  // empty until somebody spelt it
   Object type;
   Object value;
   Object canonical_id;  // None where the node has none
@@ -42,20 +43,28 @@ struct Node {
   std::uint32_t position = 0;  // among the parent's children
   std::uint32_t first_child = 0;
   std::uint32_t child_count = 0;
-  double literal = 0.0;  // of a float node
+  Object literal;        // of a float node
   Object feature_index;  // of a leaf: its key in the sequence of features
+  Py_ssize_t plain_feature_index = -1;  // the same, if it is a plain, non-negative int
   Object graph_node;     // of a filtration: the node itself
+  Object child_sequence; // as the graph node holds it
   // Of a function node:
   Object config;
   Object state_key;  // empty where the path is the key
   Object instance;
   NodeIndex filtration_child = no_node;  // of a reduction: its first filtration child
-  bool is_function = false;
+  bool is_reduction = false;
   bool is_bound = false;
 };
 
+/// Looks the leaf's feature name up in the context's feature index.
+void set_feature_index(const Namespace& space, Node& node, PyObject* name, PyObject* context);
+
 struct NodeTable {
   std::vector<Node> nodes;
+  NodeIndex root = no_node;
+  std::vector<NodeIndex> leaves;     // in the order of their feature look-ups
+  std::vector<NodeIndex> functions;  // in the order of their instances
   /// The children of all nodes; a node's span lies at `first_child`.
   std::vector<NodeIndex> children;
   /// Parallel to `children`: nonzero where the child was consumed as configuration.
@@ -66,6 +75,8 @@ struct NodeTable {
   }
   /// The node's path, "root.c0.c2".
   Object path(const Namespace& space, NodeIndex index) const;
+  /// The paths of all nodes, by index.
+  std::vector<Object> paths(const Namespace& space) const;
   /// The key of the node's function state.
   Object state_key(const Namespace& space, NodeIndex index) const;
 };

@@ -1,31 +1,13 @@
 #include "host/graph_walk.hpp"
 
-#include "python/protocol.hpp"
+#include <string>
+
 #include "python/recursion.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::host {
 
 using namespace python;
-
-ChildIterator::ChildIterator(Object children) {
-  if (PyList_CheckExact(children.get()) || PyTuple_CheckExact(children.get())) {
-    children_ = std::move(children);
-  } else {
-    iterator_ = iterator(children);
-  }
-}
-
-Object ChildIterator::next() {
-  Object child;
-  if (!iterator_.empty()) {
-    child = python::next(iterator_);
-  } else if (next_position_ < PySequence_Fast_GET_SIZE(children_.get())) {
-    child = Object::share(PySequence_Fast_GET_ITEM(children_.get(), next_position_));
-  }
-  if (!child.empty()) ++next_position_;
-  return child;
-}
 
 Object ChildPath::text() const { return message(parent_.text(), ".c", position_); }
 
@@ -44,11 +26,11 @@ void WalkPath::ascend() noexcept {
 }
 
 Object WalkPath::text() const {
-  Object text = Object::share(root_path_);
+  std::string way_down;
   for (std::size_t level = 1; level < positions_.size(); ++level) {
-    text = message(text, ".c", positions_[level]);
+    way_down += ".c" + std::to_string(positions_[level]);
   }
-  return text;
+  return way_down.empty() ? Object::share(root_path_) : message(root_path_, way_down.c_str());
 }
 
 }  // namespace quernbrook::host

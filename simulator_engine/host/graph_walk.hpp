@@ -4,24 +4,11 @@
 #include <vector>
 
 #include "host/graph_node.hpp"
+#include "python/sequence_iterator.hpp"
 
 namespace quernbrook::host {
 
-/// `enumerate(children)`: each child with its position, by the sequence's own iteration.
-class ChildIterator {
- public:
-  explicit ChildIterator(Object children);
-
-  /// The next child, or empty at the end.
-  Object next();
-  /// The position of the child that next() returned last.
-  Py_ssize_t position() const noexcept { return next_position_ - 1; }
-
- private:
-  Object children_;  // walked by index where that is what its iterator does
-  Object iterator_;  // else by its iterator
-  Py_ssize_t next_position_ = 0;
-};
+using ChildIterator = python::SequenceIterator;
 
 /// The path of a child of the node at `parent`.
 class ChildPath final : public NodePath {
@@ -46,6 +33,8 @@ class WalkPath final : public NodePath {
   void descend(Py_ssize_t position);
   void ascend() noexcept;
   Object text() const override;
+  /// The current node's place among its siblings.
+  Py_ssize_t position() const noexcept { return positions_.back(); }
 
  private:
   PyObject* root_path_;

@@ -16,13 +16,18 @@ struct Namespace {
   python::Object context_type;
   python::Object attribute_iterator_type;
   /// The keyword names of calls that are made over and over, as tuples.
-  python::Object context_keyword;       // ("context",)
-  python::Object data_nan_keyword;      // ("data_nan_features",)
-  python::Object dtype_keyword;         // ("dtype",)
-  python::Object evaluation_keywords;   // the last four of evaluate()
-  python::Object result_keywords;       // ("nan_source", "node_outputs")
-  python::Object state_keywords;        // ("name", "state_data")
-  python::Object typed_state_keywords;  // ("function_name", "function_version", "data")
+  python::Object axis_keyword;  // ("axis",)
+  python::Object context_keyword;
+  python::Object data_nan_keyword;
+  python::Object dtype_keyword;
+  python::Object evaluation_keywords;  // the last four arguments of evaluate()
+  python::Object filter_keywords;      // of FilterNode
+  python::Object filtration_result_keywords;
+  python::Object result_keywords;  // the last two of EvaluationResult
+  python::Object signal_pnl_keyword;
+  python::Object state_failure_keywords;  // of the log event
+  python::Object state_keywords;          // of FunctionState
+  python::Object typed_state_keywords;    // of a registry's FunctionState
 
   /// The value of a global name now; NameError where somebody deleted it.
   python::Object global(PyObject* name) const;

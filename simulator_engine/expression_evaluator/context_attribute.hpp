@@ -1,0 +1,28 @@
+#pragma once
+
+#include "expression_evaluator/run.hpp"
+
+namespace quernbrook::evaluation {
+
+/// An attribute of the run's context that functions may replace between any two calls. It is read
+/// each time, except on our own class while no foreign code has run: there the value is the same
+/// and nobody can tell.
+class ContextAttribute {
+ public:
+  ContextAttribute(const Run& run, PyObject* name) : run_(run), name_(name) {}
+
+  /// The value now; it lives until the next call or forget().
+  PyObject* get();
+  /// Foreign code ran and may have replaced the value.
+  void forget() noexcept { is_current_ = false; }
+
+ private:
+  bool is_plain() const;
+
+  const Run& run_;
+  PyObject* name_;
+  Object value_;
+  bool is_current_ = false;
+};
+
+}  // namespace quernbrook::evaluation

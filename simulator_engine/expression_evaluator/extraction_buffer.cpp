@@ -1,0 +1,74 @@
+#include "expression_evaluator/extraction_buffer.hpp"
+
+#include <algorithm>
+
+#include "expression_evaluator/matrix_row.hpp"
+#include "python/array.hpp"
+#include "python/error.hpp"
+#include "python/protocol.hpp"
+#include "python/sequence_iterator.hpp"
+
+namespace quernbrook::evaluation {
+
+using namespace python;
+
+ExtractionBuffer::ExtractionBuffer(Run& run)
+    : run_(run), useful_signals_(run, run.space.names.useful_signals) {}
+
+void ExtractionBuffer::fill(PyObject* passing_ids, Py_ssize_t count, npy_intp row) {
+  fit(count);
+  SequenceIterator ids(Object::share(passing_ids));
+  for (Object id = ids.next(); !id.empty(); id = ids.next()) copy_row(id, ids.position(), row);
+}
+
+/// A buffer of any other number of rows is replaced, not sliced.
+void ExtractionBuffer::fit(Py_ssize_t count) {
+  if (run_.extraction_buffer.is_none() || length(run_.extraction_buffer) != count) {
+    run_.extraction_buffer = zeros(count, run_.columns);
+  }
+}
+
+/// A stateful reduction can reach the buffer behind its view and change its form.
+bool ExtractionBuffer::has_its_form() const {
+  PyObject* buffer = run_.extraction_buffer;
+  return is_contiguous_double_array(buffer) && PyArray_NDIM(as_array(buffer)) == 2 &&
+         PyArray_DIM(as_array(buffer), 1) == run_.columns &&
+         PyArray_ISWRITEABLE(as_array(buffer));
+}
+
+void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {
+  const Object signal = item(useful_signals_.get(), id);
+  const Object weights = attribute(signal, run_.space.names.weights);
+  PyArrayObject* buffer = as_array(run_.extraction_buffer);
+  MatrixRow source;
+  if (has_its_form() && place < PyArray_DIM(buffer, 0) &&
+      find_matrix_row(weights, row, run_.columns, source) &&
+      !overlaps(source, run_.columns, PyArray_DATA(buffer),
+                static_cast<std::size_t>(PyArray_NBYTES(buffer)))) {
+    copy_matrix_row(source, run_.columns,
+                    doubles(run_.extraction_buffer) + place * run_.columns);
+    return;
+  }
+  const Object values = item(weights, row_key(row));
+  set_item(run_.extraction_buffer, row_key(place), values);
+  foreign_code_ran();
+}
+
+Object ExtractionBuffer::first_rows(Py_ssize_t count) const {
+  if (run_.extraction_buffer.is_none()) {
+    raise_text(PyExc_TypeError, "'NoneType' object is not subscriptable");
+  }
+  PyObject* buffer = run_.extraction_buffer;
+  if (!has_its_form()) {
+    const Object first = Object::own(PySlice_New(nullptr, integer(count), nullptr));
+    const Object all = Object::own(PySlice_New(nullptr, nullptr, nullptr));
+    return item(buffer, Object::own(PyTuple_Pack(2, first.get(), all.get())));
+  }
+  npy_intp shape[] = {std::min<npy_intp>(count, PyArray_DIM(as_array(buffer), 0)), run_.columns};
+  Object rows = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr,
+                                        doubles(buffer), 0, NPY_ARRAY_CARRAY, nullptr));
+  checked(PyArray_SetBaseObject(as_array(rows), Py_NewRef(buffer)));
+  return rows;
+}
+
+}  // namespace quernbrook::evaluation

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "expression_evaluator/extraction_buffer.hpp"
+#include "expression_evaluator/registers.hpp"
+#include "expression_evaluator/run.hpp"
+
+namespace quernbrook::evaluation {
+
+/// What "filtration" and "reduction" nodes do in a row: the one brings the passing signals' weights
+/// into the extraction buffer, the other makes one row of them.
+class ReductionStep {
+ public:
+  ReductionStep(Run& run, const Registers& registers);
+
+  void run_filtration(graph_prep::NodeIndex node, npy_intp row);
+  void run_reduction(graph_prep::NodeIndex node, npy_intp row);
+  void foreign_code_ran() noexcept { buffer_.foreign_code_ran(); }
+
+ private:
+  Object reduce(const graph_prep::Node& node, PyObject* input, PyObject* pnl);
+  Object mean(PyObject* input) const;
+
+  Run& run_;
+  const Registers& registers_;
+  ExtractionBuffer buffer_;
+};
+
+}  // namespace quernbrook::evaluation

@@ -1,0 +1,184 @@
+#include "filtration/filter_tree.hpp"
+
+#include <initializer_list>
+#include <vector>
+
+#include "filtration/filter_operands.hpp"
+#include "host/graph_walk.hpp"
+#include "python/call.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::filtration {
+
+using namespace python;
+using host::NodePath;
+
+Object make_filtration_node_types() {
+  const Object kinds = Object::own(PySet_New(nullptr));
+  for (const char* kind :
+       {"filtration", "gt", "lt", "gte", "lte", "eq", "neq", "between", "in_", "and_", "or_",
+        "not_", "top_pct", "bottom_pct", "top_n", "bottom_n"}) {
+    checked(PySet_Add(kinds, as_text(kind)));
+  }
+  return Object::own(PyFrozenSet_New(kinds));
+}
+
+namespace {
+
+/// The filter nodes among a node's children; what stands between them is kept as operands.
+class FilterChildren {
+ public:
+  FilterChildren(const Namespace& space, Object children, const NodePath& path)
+      : space_(space), children_(std::move(children)), path_(path) {}
+
+  Object next() {
+    while (true) {
+      Object child = children_.next();
+      if (child.empty()) return child;
+      const host::ChildPath child_path(path_, position());
+      const Object kind = host::type_value(space_, child, child_path);
+      if (contains(space_.global(space_.names.FILTRATION_NODE_TYPES), kind)) return child;
+      take_operand(child, kind, child_path);
+    }
+  }
+  Py_ssize_t position() const noexcept { return children_.position(); }
+  const FilterOperands& operands() const noexcept { return operands_; }
+
+ private:
+  void take_operand(PyObject* child, PyObject* kind, const NodePath& path) {
+    const host::Names& names = space_.names;
+    if (equal(kind, names.string)) {
+      operands_.strings.push_back(host::node_value(space_, child, path));
+    } else if (equal(kind, names.float_)) {
+      operands_.floats.push_back(host::node_value(space_, child, path));
+    } else if (equal(kind, names.int_)) {
+      operands_.integers.push_back(host::node_value(space_, child, path));
+    }
+  }
+
+  const Namespace& space_;
+  host::ChildIterator children_;
+  const NodePath& path_;  // of the node whose children these are, while they are asked for
+  FilterOperands operands_;
+};
+
+Object convert(const Namespace& space, PyObject* graph_node, PyObject* root_path) {
+  struct Frame {
+    Object operation;
+    FilterChildren children;
+  };
+  // The converted children of every node that is still open, the innermost last.
+  std::vector<Object> converted{Object::own(PyList_New(0))};
+  const auto enter = [&](PyObject* node, const NodePath& path) {
+    Object operation = host::node_value(space, node, path);
+    Frame frame{std::move(operation),
+                FilterChildren(space, host::children_of(space, node), path)};
+    converted.push_back(Object::own(PyList_New(0)));
+    return frame;
+  };
+  const auto leave = [&](const Frame& frame, const NodePath&) {
+    const Object parameters = filter_parameters(frame.operation, frame.children.operands());
+    const Object children = std::move(converted.back());
+    converted.pop_back();
+    const Object filter = call_named(space.global(space.names.FilterNode), space.filter_keywords,
+                                     frame.operation, parameters, children);
+    checked(PyList_Append(converted.back(), filter));
+  };
+  host::walk_graph(graph_node, root_path, enter, leave);
+  return Object::share(PyList_GET_ITEM(converted.back().get(), 0));
+}
+
+/// The children that a description goes down to.
+class DescribedChildren {
+ public:
+  DescribedChildren(Object children, Py_ssize_t most)
+      : children_(std::move(children)), most_(most) {}
+
+  Object next() { return most_-- > 0 ? children_.next() : Object(); }
+  Py_ssize_t position() const noexcept { return children_.position(); }
+
+ private:
+  host::ChildIterator children_;
+  Py_ssize_t most_;
+};
+
+Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_path) {
+  struct Frame {
+    Object operation;
+    bool has_operands;
+    DescribedChildren children;
+  };
+  const host::Names& names = space.names;
+  std::vector<Object> described{Object::own(PyList_New(0))};
+  const auto is_any = [&](PyObject* value, std::initializer_list<const char*> texts) {
+    for (const char* text : texts) {
+      if (equal(value, as_text(text))) return true;
+    }
+    return false;
+  };
+  const auto enter = [&](PyObject* node, const NodePath& path) {
+    Object operation = host::node_value(space, node, path);
+    Object children = host::children_of(space, node);
+    Object parts = Object::own(PyList_New(0));
+    bool has_operands = true;
+    Py_ssize_t most = 0;
+    if (equal(operation, names.filtration)) {
+      most = 1;
+    } else if (is_any(operation, {"gt"})) {
+      host::ChildIterator operands(children);
+      for (Object child = operands.next(); !child.empty(); child = operands.next()) {
+        const host::ChildPath child_path(path, operands.position());
+        checked(PyList_Append(parts, as_text(host::node_value(space, child, child_path))));
+      }
+    } else if (is_any(operation, {"and_", "or_", "not_"})) {
+      most = PY_SSIZE_T_MAX;
+    } else {
+      has_operands = false;
+    }
+    described.push_back(std::move(parts));
+    return Frame{std::move(operation), has_operands, DescribedChildren(std::move(children), most)};
+  };
+  const auto leave = [&](const Frame& frame, const NodePath&) {
+    const Object parts = std::move(described.back());
+    described.pop_back();
+    const Object text = frame.has_operands
+                            ? message(frame.operation, "(", join(", ", parts), ")")
+                            : as_text(frame.operation);
+    checked(PyList_Append(described.back(), text));
+  };
+  host::walk_graph(graph_node, root_path, enter, leave);
+  return Object::share(PyList_GET_ITEM(described.back().get(), 0));
+}
+
+Object or_filtration(const Namespace& space, PyObject* path) {
+  return path == nullptr ? space.names.filtration : Object::share(path);
+}
+
+Object dict_to_filter_node(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<2> parameters{"_dict_to_filter_node", {"graph_node", "path"}, 1};
+  const auto [graph_node, path] = parameters.bind(arguments);
+  return convert(space, graph_node, or_filtration(space, path));
+}
+
+Object describe_dict_filter(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<2> parameters{"_describe_dict_filter", {"node", "path"}, 1};
+  const auto [node, path] = parameters.bind(arguments);
+  return describe(space, node, or_filtration(space, path));
+}
+
+}  // namespace
+
+PyMethodDef filter_tree_functions[] = {
+    function_definition<dict_to_filter_node>(
+        "_dict_to_filter_node",
+        "_dict_to_filter_node($module, /, graph_node, path='filtration')\n--\n\n"
+        "Convert a filter subtree of the graph into the library's FilterNode tree."),
+    function_definition<describe_dict_filter>(
+        "_describe_dict_filter",
+        "_describe_dict_filter($module, /, node, path='filtration')\n--\n\n"
+        "Build a human-readable description of a dict-format filter tree."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace quernbrook::filtration

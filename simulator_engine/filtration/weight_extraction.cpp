@@ -1,0 +1,124 @@
+#include "filtration/weight_extraction.hpp"
+
+#include "python/array.hpp"
+#include "python/call.hpp"
+#include "python/error.hpp"
+#include "python/protocol.hpp"
+#include "python/text.hpp"
+
+namespace quernbrook::filtration {
+
+using namespace python;
+
+namespace {
+
+/// `operator.index(t)` as the 32-bit number that the function takes.
+int row_number(PyObject* t) {
+  const Object number = Object::own(PyNumber_Index(t));
+  const long value = PyLong_AsLong(number);
+  if (value == -1 && PyErr_Occurred() != nullptr) {
+    if (!error_matches(PyExc_OverflowError)) throw ErrorSet{};
+    PyErr_Clear();
+    raise_text(PyExc_OverflowError, "value too large to convert to int");
+  }
+  if (value != static_cast<int>(value)) {
+    raise_text(PyExc_OverflowError, "value too large to convert to int");
+  }
+  return static_cast<int>(value);
+}
+
+bool is_empty_or_none(PyObject* object) { return object == Py_None || !truth(object); }
+
+Py_ssize_t dimension(const Namespace& space, PyObject* signal, Py_ssize_t place) {
+  const Object weights = attribute(signal, space.names.weights);
+  return index_value(item(attribute(weights, space.names.shape), integer(place)));
+}
+
+Object nothing_passes(const Namespace& space, PyObject* useful_signals) {
+  Py_ssize_t columns = 0;
+  if (!is_empty_or_none(useful_signals)) {
+    const Object first = next(iterator(call_method(useful_signals, space.names.values)));
+    if (first.empty()) raise_text(PyExc_StopIteration, "");
+    columns = dimension(space, first, 1);
+  }
+  return zeros(0, columns);
+}
+
+void check_ids(PyObject* useful_signals, PyObject* passing_ids) {
+  const Object ids = iterator(passing_ids);
+  while (true) {
+    const Object id = next(ids);
+    if (id.empty()) return;
+    if (!id.is_none() && !PyUnicode_Check(id.get())) {
+      raise(PyExc_TypeError, message("Expected str, got ", type_name(id)));
+    }
+    if (!contains(useful_signals, id)) raise_key_error(id);
+  }
+}
+
+Object extract(const Namespace& space, PyObject* useful_signals, PyObject* passing_ids, int t) {
+  const Object first_signal = item(useful_signals, item(passing_ids, integer(0)));
+  const Py_ssize_t rows = dimension(space, first_signal, 0);
+  const Py_ssize_t columns = dimension(space, first_signal, 1);
+  if (t < 0 || t >= rows) {
+    raise(PyExc_IndexError,
+          message("t=", t, " out of bounds for weights array with valid range [0, ", rows, ")"));
+  }
+  check_ids(useful_signals, passing_ids);
+
+  const Py_ssize_t count = length(passing_ids);
+  Object result = zeros(count, columns);
+  const Object all = Object::own(PySlice_New(nullptr, nullptr, nullptr));
+  const Object key = Object::own(PyTuple_Pack(2, integer(t).get(), all.get()));
+  for (Py_ssize_t place = 0; place < count; ++place) {
+    const Object id = item(passing_ids, integer(place));
+    const Object weights = attribute(item(useful_signals, id), space.names.weights);
+    const Object row = item(weights, key);
+    assign(vector_view(result, doubles(result) + place * columns, columns), row);
+  }
+  return result;
+}
+
+Object extract_filtration_weights(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<3> parameters{"extract_filtration_weights",
+                                            {"useful_signals", "passing_ids", "t"}};
+  const auto [useful_signals, passing_ids, t] = parameters.bind(arguments);
+  const int row = row_number(t);
+  if (is_empty_or_none(passing_ids)) return nothing_passes(space, useful_signals);
+  return extract(space, useful_signals, passing_ids, row);
+}
+
+}  // namespace
+
+PyMethodDef weight_extraction_functions[] = {
+    function_definition<extract_filtration_weights>(
+        "extract_filtration_weights",
+        "extract_filtration_weights($module, /, useful_signals, passing_ids, t)\n--\n\n"
+        "Extract weight rows for all passing signals at timestep t.\n"
+        "\n"
+        "Parameters\n"
+        "----------\n"
+        "useful_signals : mapping of str to UsefulSignal\n"
+        "    The pool; `weights` of each is an array of shape (T, N_alloc).\n"
+        "passing_ids : sequence of str, or None\n"
+        "    The ids of the signals to extract.\n"
+        "t : int\n"
+        "    The row, from 0 to T - 1, of 32 bits.\n"
+        "\n"
+        "Returns\n"
+        "-------\n"
+        "ndarray of shape (A, N_alloc)\n"
+        "    New float64 array with rows ordered by `passing_ids`.\n"
+        "\n"
+        "Raises\n"
+        "------\n"
+        "IndexError\n"
+        "    `t` is negative or lies beyond the first signal's rows.\n"
+        "KeyError\n"
+        "    An id is not in `useful_signals`.\n"
+        "TypeError\n"
+        "    An id is neither a str nor None, or `t` is no integer."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace quernbrook::filtration

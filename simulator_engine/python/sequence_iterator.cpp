@@ -1,0 +1,26 @@
+#include "python/sequence_iterator.hpp"
+
+#include "python/protocol.hpp"
+
+namespace quernbrook::python {
+
+SequenceIterator::SequenceIterator(Object iterable) {
+  if (PyList_CheckExact(iterable.get()) || PyTuple_CheckExact(iterable.get())) {
+    sequence_ = std::move(iterable);
+  } else {
+    iterator_ = iterator(iterable);
+  }
+}
+
+Object SequenceIterator::next() {
+  Object item;
+  if (!iterator_.empty()) {
+    item = python::next(iterator_);
+  } else if (next_position_ < PySequence_Fast_GET_SIZE(sequence_.get())) {
+    item = Object::share(PySequence_Fast_GET_ITEM(sequence_.get(), next_position_));
+  }
+  if (!item.empty()) ++next_position_;
+  return item;
+}
+
+}  // namespace quernbrook::python

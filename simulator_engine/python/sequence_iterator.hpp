@@ -1,0 +1,23 @@
+#pragma once
+
+#include "python/object.hpp"
+
+namespace quernbrook::python {
+
+/// `enumerate(iterable)`: each item with its position, by the iterable's own iteration.
+class SequenceIterator {
+ public:
+  explicit SequenceIterator(Object iterable);
+
+  /// The next item, or empty at the end.
+  Object next();
+  /// The position of the item that next() returned last.
+  Py_ssize_t position() const noexcept { return next_position_ - 1; }
+
+ private:
+  Object sequence_;  // walked by index where that is what its iterator does
+  Object iterator_;  // else by its iterator
+  Py_ssize_t next_position_ = 0;
+};
+
+}  // namespace quernbrook::python
