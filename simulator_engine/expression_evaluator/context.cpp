@@ -176,7 +176,7 @@ constexpr const char* context_docstring =
     "column_labels=None, signal_pnl_vectors=None, function_states=None, universe_mask=None, "
     "current_day_index=0, pool_id=None, universe_tag=None, transforms_already_combined=False, "
     "validate_inputs=True)\n--\n\n"
-    "EvaluationContext - stores inputs, validates dimensions, allocates extraction buffer.\n"
+    "EvaluationContext — stores inputs, validates dimensions, allocates extraction buffer.\n"
     "\n"
     "Every attribute is public and writable, and everything is held by reference: no array and\n"
     "no dictionary is copied.\n"

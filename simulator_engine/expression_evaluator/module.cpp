@@ -7,7 +7,10 @@
 #include "expression_evaluator/evaluate.hpp"
 #include "expression_evaluator/function_state.hpp"
 #include "expression_evaluator/result.hpp"
+#include "fast_paths/eligibility.hpp"
 #include "fast_paths/leaf.hpp"
+#include "fast_paths/longitudinal.hpp"
+#include "fast_paths/rank.hpp"
 #include "filtration/filter_tree.hpp"
 #include "filtration/weight_extraction.hpp"
 #include "graph_prep/warmup_rows.hpp"
@@ -33,7 +36,10 @@ using namespace python;
 PyMethodDef* const functions[] = {
     evaluation::evaluate_functions,
     evaluation::context_functions,
+    fast_paths::eligibility_functions,
     fast_paths::leaf_functions,
+    fast_paths::longitudinal_functions,
+    fast_paths::rank_functions,
     filtration::filter_tree_functions,
     filtration::weight_extraction_functions,
     graph_prep::warmup_functions,
@@ -59,6 +65,10 @@ void add_constants(PyObject* module, const Namespace& space) {
   set_attribute(module, space.names._CONFIG_CHILD_TYPES, host::make_config_child_types(space));
   set_attribute(module, space.names.FILTRATION_NODE_TYPES,
                 filtration::make_filtration_node_types());
+  set_attribute(module, space.names._LONGITUDINAL_FAST_MIN_ROWS,
+                integer(fast_paths::longitudinal_min_rows));
+  set_attribute(module, space.names._LONGITUDINAL_FAST_NAMES,
+                fast_paths::make_longitudinal_names(space));
 }
 
 Object keywords(std::initializer_list<const char*> names) {
@@ -81,6 +91,7 @@ void add_keywords(Namespace& space) {
   space.filter_keywords = keywords({"function_name", "params", "children"});
   space.filtration_result_keywords =
       keywords({"passing_ids", "signal_count", "total_pool_size", "filter_diagnostics"});
+  space.rank_multiply_keywords = keywords({"bound_function_instances", "data_nan_features"});
   space.result_keywords = keywords({"nan_source", "node_outputs"});
   space.signal_pnl_keyword = keywords({"signal_pnl"});
   space.state_failure_keywords = keywords({"instance_id", "node_id", "function_name"});

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "expression_evaluator/data_nan.hpp"
+#include "expression_evaluator/fast_roads.hpp"
 #include "expression_evaluator/instance_lifecycle.hpp"
 #include "expression_evaluator/row_loop.hpp"
 #include "graph_prep/collection_record.hpp"
@@ -73,25 +74,6 @@ void build_universe_mask(Run& run) {
   if (!attribute(run.context, name).is_none()) return;
   set_attribute(run.context, name,
                 host::universe_mask(run.space, run.context, run.rows, run.columns));
-}
-
-Object fast_road_result(Run& run, PyObject* weights) {
-  const Object states = Object::own(PyDict_New());
-  return call(run.space.global(run.space.names.EvaluationResult), weights, states);
-}
-
-/// The result of the first fast road that takes the graph; empty if none does.
-Object try_fast_roads(Run& run) {
-  const Namespace& space = run.space;
-  const Object leaf_is_open =
-      call_named(space.global(space.names._can_use_leaf_fast_path), space.data_nan_keyword,
-                 run.graph, run.context, run.function_states, run.data_nan_features);
-  if (truth(leaf_is_open)) {
-    const Object weights =
-        call(space.global(space.names._evaluate_leaf_fast), run.graph, run.context);
-    return fast_road_result(run, weights);
-  }
-  return {};
 }
 
 Object or_new_dict(const Object& mapping) {
@@ -282,7 +264,7 @@ Object evaluate_run(Run& run) {
   fix_dimensions(run);                                                              // 4
   build_universe_mask(run);                                                         // 5
   graph_prep::preflight_explicit_config(run.space, run.context, run.graph);         // 6
-  if (Object result = try_fast_roads(run); !result.empty()) return result;          // 7
+  if (Object result = take_fast_road(run); !result.empty()) return result;          // 7
   prepare_tables(run);                                                              // 8
   decide_on_cache(run);       // 9
   fill_tables(run);           // 10

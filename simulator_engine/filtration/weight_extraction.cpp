@@ -41,7 +41,7 @@ Object nothing_passes(const Namespace& space, PyObject* useful_signals) {
     if (first.empty()) raise_text(PyExc_StopIteration, "");
     columns = dimension(space, first, 1);
   }
-  return zeros(0, columns);
+  return uninitialised(0, columns);
 }
 
 void check_ids(PyObject* useful_signals, PyObject* passing_ids) {
@@ -67,7 +67,7 @@ Object extract(const Namespace& space, PyObject* useful_signals, PyObject* passi
   check_ids(useful_signals, passing_ids);
 
   const Py_ssize_t count = length(passing_ids);
-  Object result = zeros(count, columns);
+  Object result = uninitialised(count, columns);
   const Object all = Object::own(PySlice_New(nullptr, nullptr, nullptr));
   const Object key = Object::own(PyTuple_Pack(2, integer(t).get(), all.get()));
   for (Py_ssize_t place = 0; place < count; ++place) {

@@ -15,6 +15,11 @@ Object zeros(npy_intp rows, npy_intp columns) {
   return Object::own(PyArray_ZEROS(2, shape, NPY_DOUBLE, 0));
 }
 
+Object uninitialised(npy_intp rows, npy_intp columns) {
+  npy_intp shape[] = {rows, columns};
+  return Object::own(PyArray_SimpleNew(2, shape, NPY_DOUBLE));
+}
+
 Object empty_vector(npy_intp size) { return Object::own(PyArray_SimpleNew(1, &size, NPY_DOUBLE)); }
 
 Object filled_vector(npy_intp size, double value) {

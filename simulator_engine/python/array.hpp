@@ -24,6 +24,7 @@ inline double* doubles(PyObject* array) {
 
 /// New C-ordered float64 arrays.
 Object zeros(npy_intp rows, npy_intp columns);
+Object uninitialised(npy_intp rows, npy_intp columns);
 Object empty_vector(npy_intp size);
 Object filled_vector(npy_intp size, double value);
 
