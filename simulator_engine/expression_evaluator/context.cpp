@@ -58,19 +58,17 @@ void check_signal(const Namespace& space, PyObject* id, PyObject* signal, PyObje
   if (!attribute(signal, names.weights).is_none()) {
     const Object shape = shape_of(space, attribute(signal, names.weights));
     if (not_equal(shape, feature_shape)) {
-      raise(space.evaluation_error(),
-            message("useful signal '", id, "' weights shape ",
-                    shape_of(space, attribute(signal, names.weights)),
-                    " does not match feature shape ", feature_shape));
+      raise(space.evaluation_error(), message("useful signal '", id, "' weights shape ",
+                                              shape_of(space, attribute(signal, names.weights)),
+                                              " does not match feature shape ", feature_shape));
     }
   }
   if (!attribute(signal, names.pnl).is_none()) {
     const Object shape = shape_of(space, attribute(signal, names.pnl));
     if (not_equal(first_of(shape), first_of(feature_shape))) {
-      raise(space.evaluation_error(),
-            message("useful signal '", id, "' pnl shape ",
-                    shape_of(space, attribute(signal, names.pnl)),
-                    " does not match feature shape ", feature_shape));
+      raise(space.evaluation_error(), message("useful signal '", id, "' pnl shape ",
+                                              shape_of(space, attribute(signal, names.pnl)),
+                                              " does not match feature shape ", feature_shape));
     }
   }
 }
@@ -79,8 +77,8 @@ Object context_init(Namespace& space, PyObject* self, const CallArguments& argum
   static constexpr Parameters<17> parameters{
       "__init__",
       {"features", "feature_index", "useful_signals", "registry", "universe", "metaparameters",
-       "transform_pipeline", "stage_data", "column_labels", "signal_pnl_vectors",
-       "function_states", "universe_mask", "current_day_index", "pool_id", "universe_tag",
+       "transform_pipeline", "stage_data", "column_labels", "signal_pnl_vectors", "function_states",
+       "universe_mask", "current_day_index", "pool_id", "universe_tag",
        "transforms_already_combined", "validate_inputs"},
       2};
   const auto bound = parameters.bind(arguments);
@@ -125,8 +123,7 @@ Object context_init(Namespace& space, PyObject* self, const CallArguments& argum
     call(space.global(names._validate_evaluation_shapes), features, universe, useful_signals);
   }
 
-  if (truth(attribute(self, names.useful_signals)) &&
-      length(attribute(self, names.features)) > 0) {
+  if (truth(attribute(self, names.useful_signals)) && length(attribute(self, names.features)) > 0) {
     const Py_ssize_t signals = length(attribute(self, names.useful_signals));
     const Object shape = shape_of(space, first_of(attribute(self, names.features)));
     const Py_ssize_t columns = index_value(item(shape, integer(1)));
@@ -240,10 +237,9 @@ void validate_shapes(const Namespace& space, PyObject* features, PyObject* unive
   for (Py_ssize_t place = 1; place < length(features); ++place) {
     const Object shape = shape_of(space, item(features, integer(place)));
     if (not_equal(shape, feature_shape)) {
-      raise(space.evaluation_error(),
-            message("Feature dimension mismatch: 'feature_0' shape ", feature_shape,
-                    " vs 'feature_", place, "' shape ",
-                    shape_of(space, item(features, integer(place)))));
+      raise(space.evaluation_error(), message("Feature dimension mismatch: 'feature_0' shape ",
+                                              feature_shape, " vs 'feature_", place, "' shape ",
+                                              shape_of(space, item(features, integer(place)))));
     }
   }
   if (universe != Py_None && not_equal(shape_of(space, universe), feature_shape)) {

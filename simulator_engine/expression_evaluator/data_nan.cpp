@@ -17,8 +17,8 @@ using graph_prep::NodeKind;
 namespace {
 
 void mark(Run& run, NodeIndex node) {
-  checked(PyDict_SetItem(run.nan_source, run.table.path(run.space, node),
-                         run.space.names.data_nan));
+  checked(
+      PyDict_SetItem(run.nan_source, run.table.path(run.space, node), run.space.names.data_nan));
   run.is_data_nan[node] = 1;
 }
 
@@ -54,8 +54,8 @@ bool is_all_nan(const Run& run, const Registers& registers, NodeIndex node) {
 void seed_data_nan(Run& run) {
   run.nan_source = Object::own(PyDict_New());
   run.is_data_nan.assign(run.table.nodes.size(), 0);
-  const Object names = Object::own(
-      PySet_New(truth(run.data_nan_features) ? run.data_nan_features.get() : nullptr));
+  const Object names =
+      Object::own(PySet_New(truth(run.data_nan_features) ? run.data_nan_features.get() : nullptr));
   if (PySet_GET_SIZE(names.get()) > 0) mark_features(run, names);
   mark_precomputed(run);
   run.tracks_data_nan = PyDict_GET_SIZE(run.nan_source.get()) > 0;

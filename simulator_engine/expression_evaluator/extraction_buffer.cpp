@@ -32,8 +32,7 @@ void ExtractionBuffer::fit(Py_ssize_t count) {
 bool ExtractionBuffer::has_its_form() const {
   PyObject* buffer = run_.extraction_buffer;
   return is_contiguous_double_array(buffer) && PyArray_NDIM(as_array(buffer)) == 2 &&
-         PyArray_DIM(as_array(buffer), 1) == run_.columns &&
-         PyArray_ISWRITEABLE(as_array(buffer));
+         PyArray_DIM(as_array(buffer), 1) == run_.columns && PyArray_ISWRITEABLE(as_array(buffer));
 }
 
 void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {
@@ -45,8 +44,7 @@ void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {
       find_matrix_row(weights, row, run_.columns, source) &&
       !overlaps(source, run_.columns, PyArray_DATA(buffer),
                 static_cast<std::size_t>(PyArray_NBYTES(buffer)))) {
-    copy_matrix_row(source, run_.columns,
-                    doubles(run_.extraction_buffer) + place * run_.columns);
+    copy_matrix_row(source, run_.columns, doubles(run_.extraction_buffer) + place * run_.columns);
     return;
   }
   const Object values = item(weights, row_key(row));

@@ -34,22 +34,14 @@ namespace {
 using namespace python;
 
 PyMethodDef* const functions[] = {
-    evaluation::evaluate_functions,
-    evaluation::context_functions,
-    fast_paths::eligibility_functions,
-    fast_paths::leaf_functions,
-    fast_paths::longitudinal_functions,
-    fast_paths::rank_functions,
-    filtration::filter_tree_functions,
-    filtration::weight_extraction_functions,
-    graph_prep::warmup_functions,
-    host::graph_cache_functions,
-    host::graph_node_functions,
-    host::parameter_schema_functions,
-    host::state_adapter_functions,
-    host::universe_functions,
-    stages::stage_data_functions,
-    stages::stage_option_functions,
+    evaluation::evaluate_functions,     evaluation::context_functions,
+    fast_paths::eligibility_functions,  fast_paths::leaf_functions,
+    fast_paths::longitudinal_functions, fast_paths::rank_functions,
+    filtration::filter_tree_functions,  filtration::weight_extraction_functions,
+    graph_prep::warmup_functions,       host::graph_cache_functions,
+    host::graph_node_functions,         host::parameter_schema_functions,
+    host::state_adapter_functions,      host::universe_functions,
+    stages::stage_data_functions,       stages::stage_option_functions,
     stages::transform_merge_functions,
 };
 
@@ -75,8 +67,7 @@ Object keywords(std::initializer_list<const char*> names) {
   Object tuple = Object::own(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
   Py_ssize_t place = 0;
   for (const char* name : names) {
-    PyTuple_SET_ITEM(tuple.get(), place++,
-                     Object::own(PyUnicode_InternFromString(name)).release());
+    PyTuple_SET_ITEM(tuple.get(), place++, Object::own(PyUnicode_InternFromString(name)).release());
   }
   return tuple;
 }
@@ -127,9 +118,7 @@ int module_traverse(PyObject* module, visitproc visit, void* arg) {
   return 0;
 }
 
-void module_free(void* module) {
-  delete state_of(static_cast<PyObject*>(module));
-}
+void module_free(void* module) { delete state_of(static_cast<PyObject*>(module)); }
 
 PyModuleDef_Slot slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
@@ -139,11 +128,12 @@ PyModuleDef_Slot slots[] = {
 PyModuleDef definition = {
     .m_base = PyModuleDef_HEAD_INIT,
     .m_name = "expression_evaluator",
-    .m_doc = "Expression evaluator implementation (MVP).\n"
-             "\n"
-             "Executes validated expression graphs against feature data, row by row or in\n"
-             "whole-matrix form, and produces a (T, N_alloc) weights matrix together with the\n"
-             "states of all stateful functions.",
+    .m_doc =
+        "Expression evaluator implementation (MVP).\n"
+        "\n"
+        "Executes validated expression graphs against feature data, row by row or in\n"
+        "whole-matrix form, and produces a (T, N_alloc) weights matrix together with the\n"
+        "states of all stateful functions.",
     .m_size = sizeof(Namespace*),
     .m_methods = nullptr,
     .m_slots = slots,

@@ -20,10 +20,9 @@ Object Registers::view(std::size_t number) const {
 
 void Registers::require_intact() const {
   PyArrayObject* array = as_array(array_);
-  const bool same_form =
-      PyArray_DATA(array) == data_ && PyArray_DESCR(array) == dtype_ &&
-      PyArray_NDIM(array) == 2 && PyArray_DIM(array, 0) == rows_ &&
-      PyArray_DIM(array, 1) == static_cast<npy_intp>(stride_);
+  const bool same_form = PyArray_DATA(array) == data_ && PyArray_DESCR(array) == dtype_ &&
+                         PyArray_NDIM(array) == 2 && PyArray_DIM(array, 0) == rows_ &&
+                         PyArray_DIM(array, 1) == static_cast<npy_intp>(stride_);
   if (same_form && PyArray_FLAGS(array) == flags_) return;
   if (same_form && !PyArray_ISWRITEABLE(array)) {
     raise_text(PyExc_ValueError, "assignment destination is read-only");

@@ -1,8 +1,8 @@
 #include "expression_evaluator/result.hpp"
 
+#include "python/attribute_iterator.hpp"
 #include "python/call.hpp"
 #include "python/instance_type.hpp"
-#include "python/attribute_iterator.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -68,8 +68,8 @@ PyMethodDef result_methods[] = {
         "__init__",
         "__init__($self, /, weights, states, nan_source=None, node_outputs=None)\n--\n\n"
         "Store the outcome of a run by reference."),
-    method_definition<result_iter>(
-        "__iter__", "__iter__($self, /)\n--\n\nYield the weights, then the states."),
+    method_definition<result_iter>("__iter__",
+                                   "__iter__($self, /)\n--\n\nYield the weights, then the states."),
     method_definition<result_len>(
         "__len__", "__len__($self, /)\n--\n\nReturn 2, the length of (weights, states)."),
     method_definition<result_getitem>(

@@ -36,8 +36,8 @@ class RotationStep {
 
   Run& run_;
   const Registers& registers_;
-  std::vector<Call> calls_;        // by node; idle for all but rotations
-  std::vector<PyObject*> stack_;   // of the call under way: a free place, the instance, arguments
+  std::vector<Call> calls_;       // by node; idle for all but rotations
+  std::vector<PyObject*> stack_;  // of the call under way: a free place, the instance, arguments
 };
 
 }  // namespace quernbrook::evaluation

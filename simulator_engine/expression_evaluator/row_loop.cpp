@@ -87,8 +87,7 @@ class RowLoop {
   }
 
   void copy_register(NodeIndex node, PyObject* matrix, npy_intp row) const {
-    std::memcpy(doubles(matrix) + row * run_.columns, registers_.row(node),
-                registers_.row_bytes());
+    std::memcpy(doubles(matrix) + row * run_.columns, registers_.row(node), registers_.row_bytes());
   }
 
   Run& run_;

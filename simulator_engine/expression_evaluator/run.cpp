@@ -38,8 +38,7 @@ void merge_transforms(Run& run) {
 }
 
 void attach_stage_data(Run& run) {
-  call(run.space.global(run.space.names._attach_stage_data_feature_leaves), run.graph,
-       run.context);
+  call(run.space.global(run.space.names._attach_stage_data_feature_leaves), run.graph, run.context);
 }
 
 void validate_shapes(Run& run) {
@@ -135,12 +134,10 @@ Object parent_name(const Run& run, NodeIndex leaf) {
 }
 
 void check_feature_shapes(Run& run) {
-  const Object expected =
-      Object::own(PyTuple_Pack(2, run.row_count.get(), run.column_count.get()));
+  const Object expected = Object::own(PyTuple_Pack(2, run.row_count.get(), run.column_count.get()));
   for (const NodeIndex index : run.table.leaves) {
     const Node& node = run.table.nodes[index];
-    const Object shape =
-        attribute(item(run.features, node.feature_index), run.space.names.shape);
+    const Object shape = attribute(item(run.features, node.feature_index), run.space.names.shape);
     if (!not_equal(shape, expected)) continue;
     const Object type = run.space.global(run.space.names.EvaluationShapeError);
     const Object parent = parent_name(run, index);
@@ -206,8 +203,8 @@ void prepare_buffers(Run& run) {
   prepare_extraction_buffer(run);
   seed_data_nan(run);
   const bool by_default = truth(run.bound_instances) || truth(run.precomputed_outputs);
-  run.collects_node_outputs = truth(attribute_or(
-      run.context, run.space.names._collect_node_outputs, by_default ? Py_True : Py_False));
+  run.collects_node_outputs = truth(attribute_or(run.context, run.space.names._collect_node_outputs,
+                                                 by_default ? Py_True : Py_False));
   if (!run.collects_node_outputs) return;
   run.node_outputs.reserve(run.table.nodes.size());
   for (std::size_t node = 0; node < run.table.nodes.size(); ++node) {
@@ -225,9 +222,8 @@ void publish(Run& run) {
 /// Only the weights lose their warm-up rows; the outputs of the nodes keep theirs.
 void blank_warmup_rows(Run& run) {
   if (!compare(run.warmup_rows, integer(0), Py_GT)) return;
-  const npy_intp rows = compare(run.warmup_rows, integer(run.rows), Py_LT)
-                            ? index_value(run.warmup_rows)
-                            : run.rows;
+  const npy_intp rows =
+      compare(run.warmup_rows, integer(run.rows), Py_LT) ? index_value(run.warmup_rows) : run.rows;
   std::fill_n(doubles(run.weights), rows * run.columns, std::numeric_limits<double>::quiet_NaN());
 }
 
@@ -243,8 +239,8 @@ Object node_outputs_by_path(const Run& run) {
 
 Object make_result(Run& run) {
   const Object outputs = node_outputs_by_path(run);
-  return call_named(run.space.global(run.space.names.EvaluationResult),
-                    run.space.result_keywords, run.weights, run.states, run.nan_source, outputs);
+  return call_named(run.space.global(run.space.names.EvaluationResult), run.space.result_keywords,
+                    run.weights, run.states, run.nan_source, outputs);
 }
 
 }  // namespace
@@ -258,28 +254,28 @@ void raise_missing_path(const Run& run, NodeIndex node) {
 }
 
 Object evaluate_run(Run& run) {
-  merge_transforms(run);   // 1
-  validate_shapes(run);  // 2
-  attach_stage_data(run);  // 3
-  fix_dimensions(run);                                                              // 4
-  build_universe_mask(run);                                                         // 5
-  graph_prep::preflight_explicit_config(run.space, run.context, run.graph);         // 6
-  if (Object result = take_fast_road(run); !result.empty()) return result;          // 7
-  prepare_tables(run);                                                              // 8
-  decide_on_cache(run);       // 9
-  fill_tables(run);           // 10
-  check_feature_shapes(run);  // 11
-  check_state_keys(run);      // 12
-  order_nodes(run);           // 13
-  compute_warmup_rows(run);   // 14
-  prepare_buffers(run);       // 15
-  prefill_on_cold_start(run); // 16
-  deduct_rows_seen(run);      // 17
-  run_rows(run);              // 18
-  publish(run);               // 19
-  blank_warmup_rows(run);     // 20
-  collect_states(run);        // 21
-  return make_result(run);    // 22
+  merge_transforms(run);                                                     // 1
+  validate_shapes(run);                                                      // 2
+  attach_stage_data(run);                                                    // 3
+  fix_dimensions(run);                                                       // 4
+  build_universe_mask(run);                                                  // 5
+  graph_prep::preflight_explicit_config(run.space, run.context, run.graph);  // 6
+  if (Object result = take_fast_road(run); !result.empty()) return result;   // 7
+  prepare_tables(run);                                                       // 8
+  decide_on_cache(run);                                                      // 9
+  fill_tables(run);                                                          // 10
+  check_feature_shapes(run);                                                 // 11
+  check_state_keys(run);                                                     // 12
+  order_nodes(run);                                                          // 13
+  compute_warmup_rows(run);                                                  // 14
+  prepare_buffers(run);                                                      // 15
+  prefill_on_cold_start(run);                                                // 16
+  deduct_rows_seen(run);                                                     // 17
+  run_rows(run);                                                             // 18
+  publish(run);                                                              // 19
+  blank_warmup_rows(run);                                                    // 20
+  collect_states(run);                                                       // 21
+  return make_result(run);                                                   // 22
 }
 
 }  // namespace quernbrook::evaluation

@@ -36,10 +36,10 @@ struct Run {
   Object cached_record;  // the tables kept on the graph, or None
   graph_prep::NodeTable table;
   std::vector<graph_prep::NodeIndex> order;
-  Object bound_instances;              // the caller's mapping itself, or a new dict
-  Object precomputed_outputs;          // by canonical id
-  Object precomputed_nan_source;       // by canonical id
-  std::vector<Object> node_outputs;    // one matrix a node where they are collected
+  Object bound_instances;                 // the caller's mapping itself, or a new dict
+  Object precomputed_outputs;             // by canonical id
+  Object precomputed_nan_source;          // by canonical id
+  std::vector<Object> node_outputs;       // one matrix a node where they are collected
   bool owns_precomputed_outputs = false;  // the host gave none
   bool collects_node_outputs = false;
 

@@ -38,8 +38,8 @@ Object column_index(const Run& run, PyObject* pnl_column) {
     if (!error_matches(PyExc_ValueError)) throw;
     const Handling error;
     const Object labels = attribute(run.context, names.column_labels);
-    raise(run.space.evaluation_error(), message("PnL column '", pnl_column,
-                                                "' not found in column_labels: ", labels));
+    raise(run.space.evaluation_error(),
+          message("PnL column '", pnl_column, "' not found in column_labels: ", labels));
   }
 }
 

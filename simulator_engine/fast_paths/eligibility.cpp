@@ -164,8 +164,7 @@ bool is_supported_chain(const Namespace& space, PyObject* graph, PyObject* conte
 }
 
 bool longitudinal_is_open(const Namespace& space, PyObject* graph, PyObject* context,
-                          PyObject* function_states, PyObject* rows,
-                          PyObject* data_nan_features) {
+                          PyObject* function_states, PyObject* rows, PyObject* data_nan_features) {
   if (truth(data_nan_features)) return false;
   if (compare(rows, space.global(space.names._LONGITUDINAL_FAST_MIN_ROWS), Py_LT)) return false;
   if (function_states != Py_None || context_has_stages(space, context)) return false;
@@ -191,8 +190,8 @@ Object can_use_rank_multiply(Namespace& space, const CallArguments& arguments) {
       3,
       3};
   const auto [graph, context, states, bound, data_nan] = parameters.bind(arguments);
-  return as_bool(rank_multiply_is_open(space, graph, context, states, or_none(bound),
-                                       or_none(data_nan)));
+  return as_bool(
+      rank_multiply_is_open(space, graph, context, states, or_none(bound), or_none(data_nan)));
 }
 
 Object can_use_longitudinal(Namespace& space, const CallArguments& arguments) {

@@ -31,8 +31,8 @@ Object can_use_leaf_fast_path(Namespace& space, const CallArguments& arguments) 
       3,
       3};
   const auto [graph, context, function_states, data_nan_features] = parameters.bind(arguments);
-  return Object::own(PyBool_FromLong(leaf_road_is_open(space, graph, context, function_states,
-                                                       or_none(data_nan_features))));
+  return Object::own(PyBool_FromLong(
+      leaf_road_is_open(space, graph, context, function_states, or_none(data_nan_features))));
 }
 
 Object evaluate_leaf_fast(Namespace& space, const CallArguments& arguments) {
@@ -43,8 +43,8 @@ Object evaluate_leaf_fast(Namespace& space, const CallArguments& arguments) {
   const Object index = item(feature_index, host::node_value(space, graph, host::LabelPath("root")));
   const Object feature = item(attribute(context, names.features), index);
   const Object data = host::as_float64(space, feature);
-  const Object masked = call(space.global(names._apply_universe_mask), data,
-                             attribute(context, names.universe));
+  const Object masked =
+      call(space.global(names._apply_universe_mask), data, attribute(context, names.universe));
   Object result = host::as_contiguous_float64(space, masked);
   host::publish_last_row(space, context, result);
   return result;

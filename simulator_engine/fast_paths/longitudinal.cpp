@@ -37,8 +37,8 @@ Object feature_matrix_for_fast_path(Namespace& space, const CallArguments& argum
   const Object index = item(attribute(context, names.feature_index), name);
   const Object feature = item(attribute(context, names.features), index);
   const Object data = host::as_float64(space, feature);
-  const Object masked = call(space.global(names._apply_universe_mask), data,
-                             attribute(context, names.universe));
+  const Object masked =
+      call(space.global(names._apply_universe_mask), data, attribute(context, names.universe));
   return host::as_contiguous_float64(space, masked);
 }
 
@@ -62,9 +62,8 @@ Object rolling_by_kernel(PyObject* data, npy_intp window, RollingStatistic stati
   Object result = uninitialised(rows, columns);
   const GilRelease release;
   kernels::rolling(statistic, doubles(data), PyArray_STRIDE(array, 0) / size,
-                   PyArray_STRIDE(array, 1) / size, doubles(result),
-                   static_cast<std::size_t>(rows), static_cast<std::size_t>(columns),
-                   static_cast<std::size_t>(window));
+                   PyArray_STRIDE(array, 1) / size, doubles(result), static_cast<std::size_t>(rows),
+                   static_cast<std::size_t>(columns), static_cast<std::size_t>(window));
   return result;
 }
 
@@ -92,8 +91,7 @@ Object first_data_child(const Namespace& space, PyObject* children) {
   const LabelPath parent("fast_path.eval");
   host::ChildIterator all(Object::share(children));
   for (Object child = all.next(); !child.empty(); child = all.next()) {
-    const Object kind =
-        host::type_value(space, child, host::ChildPath(parent, all.position()));
+    const Object kind = host::type_value(space, child, host::ChildPath(parent, all.position()));
     const bool is_literal =
         equal(kind, names.int_) || equal(kind, names.string) || equal(kind, names.bool_);
     if (!is_literal) return child;

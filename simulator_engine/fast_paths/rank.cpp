@@ -52,8 +52,8 @@ bool same_shape(PyObject* left, PyObject* right) {
 Object rank(const Namespace& space, PyObject* data, PyObject* universe) {
   Object masked = Object::share(data);
   const bool masks_itself =
-      universe == Py_None || (is_double_matrix(data) && is_double_matrix(universe) &&
-                              same_shape(data, universe));
+      universe == Py_None ||
+      (is_double_matrix(data) && is_double_matrix(universe) && same_shape(data, universe));
   if (!masks_itself) {
     const Object apply = space.global(space.names._apply_universe_mask);
     masked = host::as_float64(space, call(apply, data, universe));
@@ -67,10 +67,10 @@ Object rank(const Namespace& space, PyObject* data, PyObject* universe) {
   bool is_ranked = false;
   {
     const GilRelease release;
-    is_ranked = kernels::rank_rows(
-        values.data, values.row_step, values.column_step, mask.data, mask.row_step,
-        mask.column_step, doubles(result), static_cast<std::size_t>(PyArray_DIM(shape, 0)),
-        static_cast<std::size_t>(PyArray_DIM(shape, 1)));
+    is_ranked = kernels::rank_rows(values.data, values.row_step, values.column_step, mask.data,
+                                   mask.row_step, mask.column_step, doubles(result),
+                                   static_cast<std::size_t>(PyArray_DIM(shape, 0)),
+                                   static_cast<std::size_t>(PyArray_DIM(shape, 1)));
   }
   return is_ranked ? result : Object::none();
 }

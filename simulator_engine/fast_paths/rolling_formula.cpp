@@ -34,12 +34,10 @@ class Formula {
     const Object shape = attribute(matrix, space_.names.shape);
     const Object zero_shape =
         Object::own(PyTuple_Pack(2, integer(1).get(), item(shape, integer(1)).get()));
-    const Object zeros =
-        call_named(get("zeros"), space_.dtype_keyword, zero_shape, zero_dtype);
+    const Object zeros = call_named(get("zeros"), space_.dtype_keyword, zero_shape, zero_dtype);
     const Object names =
-        in_that_dtype
-            ? Object::own(PyTuple_Pack(2, as_text("axis").get(), as_text("dtype").get()))
-            : space_.axis_keyword;
+        in_that_dtype ? Object::own(PyTuple_Pack(2, as_text("axis").get(), as_text("dtype").get()))
+                      : space_.axis_keyword;
     const Object sums = in_that_dtype
                             ? call_named(get("cumsum"), names, matrix, integer(0), zero_dtype)
                             : call_named(get("cumsum"), names, matrix, integer(0));
@@ -111,8 +109,7 @@ Object rolling_by_formula(const Namespace& space, PyObject* data, PyObject* out,
   const Object window_sum_of_squares = windows(square_totals);
   const Object mean = over(window_sum, window);
   const Object mean_of_squares = over(window_sum_of_squares, window);
-  const Object variance =
-      numpy.apply("maximum", zero, minus(mean_of_squares, times(mean, mean)));
+  const Object variance = numpy.apply("maximum", zero, minus(mean_of_squares, times(mean, mean)));
   const Object deviation =
       call_named(numpy.get("sqrt"), space.dtype_keyword, variance, numpy.extended());
   if (is_standard_deviation) return store(computable, deviation);

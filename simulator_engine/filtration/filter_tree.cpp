@@ -16,9 +16,8 @@ using host::NodePath;
 
 Object make_filtration_node_types() {
   const Object kinds = Object::own(PySet_New(nullptr));
-  for (const char* kind :
-       {"filtration", "gt", "lt", "gte", "lte", "eq", "neq", "between", "in_", "and_", "or_",
-        "not_", "top_pct", "bottom_pct", "top_n", "bottom_n"}) {
+  for (const char* kind : {"filtration", "gt", "lt", "gte", "lte", "eq", "neq", "between", "in_",
+                           "and_", "or_", "not_", "top_pct", "bottom_pct", "top_n", "bottom_n"}) {
     checked(PySet_Add(kinds, as_text(kind)));
   }
   return Object::own(PyFrozenSet_New(kinds));
@@ -72,8 +71,7 @@ Object convert(const Namespace& space, PyObject* graph_node, PyObject* root_path
   std::vector<Object> converted{Object::own(PyList_New(0))};
   const auto enter = [&](PyObject* node, const NodePath& path) {
     Object operation = host::node_value(space, node, path);
-    Frame frame{std::move(operation),
-                FilterChildren(space, host::children_of(space, node), path)};
+    Frame frame{std::move(operation), FilterChildren(space, host::children_of(space, node), path)};
     converted.push_back(Object::own(PyList_New(0)));
     return frame;
   };
@@ -142,9 +140,8 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
   const auto leave = [&](const Frame& frame, const NodePath&) {
     const Object parts = std::move(described.back());
     described.pop_back();
-    const Object text = frame.has_operands
-                            ? message(frame.operation, "(", join(", ", parts), ")")
-                            : as_text(frame.operation);
+    const Object text = frame.has_operands ? message(frame.operation, "(", join(", ", parts), ")")
+                                           : as_text(frame.operation);
     checked(PyList_Append(described.back(), text));
   };
   host::walk_graph(graph_node, root_path, enter, leave);

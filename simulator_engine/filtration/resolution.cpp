@@ -38,9 +38,8 @@ Object no_passing_signals(const Namespace& space) {
                               const Handling& error) {
   const host::Names& names = space.names;
   const Object description = describe(space, filtration_node);
-  const Object failure =
-      call(space.evaluation_error(),
-           message("Filtration returned 0 signals for filters: ", description));
+  const Object failure = call(space.evaluation_error(),
+                              message("Filtration returned 0 signals for filters: ", description));
   const Object diagnostics = attribute(error.value(), names.filter_diagnostics);
   set_attribute(failure, names.filter_diagnostics,
                 truth(diagnostics) ? diagnostics : no_passing_signals(space));
@@ -51,10 +50,9 @@ Object no_passing_signals(const Namespace& space) {
                                const Handling& error) {
   const host::Names& names = space.names;
   const Object description = describe(space, filtration_node);
-  const Object failure =
-      call(space.global(names.FiltrationResolutionError),
-           message("Filtration resolution failed for filters: ", description, ": ",
-                   type_name(error.value()), ": ", error.value()));
+  const Object failure = call(space.global(names.FiltrationResolutionError),
+                              message("Filtration resolution failed for filters: ", description,
+                                      ": ", type_name(error.value()), ": ", error.value()));
   const Object diagnostics = no_passing_signals(space);
   checked(PyDict_SetItem(diagnostics, names.cause, type_name(error.value())));
   set_attribute(failure, names.filter_diagnostics, diagnostics);
@@ -75,8 +73,7 @@ Object resolve_filtration(const Namespace& space, PyObject* context, PyObject* f
     if (is(names.EmptyFiltrationError) || is(names.EmptyPoolError)) {
       raise_empty(space, filtration_node, error);
     }
-    const bool is_failure =
-        PyErr_GivenExceptionMatches(error.value(), PyExc_Exception) != 0;
+    const bool is_failure = PyErr_GivenExceptionMatches(error.value(), PyExc_Exception) != 0;
     if (is(names.EvaluationError) || !is_failure) error.raise_again();
     raise_failed(space, filtration_node, error);
   }

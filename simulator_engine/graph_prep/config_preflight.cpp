@@ -48,8 +48,7 @@ void refuse_engine_only(const Namespace& space, PyObject* function_name, PyObjec
 
 void refuse_unknown(const Namespace& space, PyObject* function_name, PyObject* config,
                     const NodePath& path, PyObject* allowed) {
-  const Object keys =
-      sorted_keys(config, [&](PyObject* key) { return !contains(allowed, key); });
+  const Object keys = sorted_keys(config, [&](PyObject* key) { return !contains(allowed, key); });
   refuse_if_any(space, function_name, path, "unknown", keys);
 }
 

@@ -1,6 +1,5 @@
 #include "graph_prep/execution_order.hpp"
 
-
 namespace quernbrook::graph_prep {
 
 std::vector<NodeIndex> execution_order(const NodeTable& table, NodeIndex root) {

@@ -52,13 +52,14 @@ bool adopt_bound_instance(const Namespace& space, const CollectionInputs& inputs
 void choose_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
                      const NodePath& path) {
   // Nothing is bound in an empty dict, so that its paths need no spelling.
-  const bool may_be_bound = !PyDict_CheckExact(inputs.bound_instances) ||
-                            PyDict_GET_SIZE(inputs.bound_instances) > 0;
+  const bool may_be_bound =
+      !PyDict_CheckExact(inputs.bound_instances) || PyDict_GET_SIZE(inputs.bound_instances) > 0;
   if (may_be_bound && adopt_bound_instance(space, inputs, node, path.text())) return;
   if (inputs.bound_argument != Py_None) refuse_missing(space, node, path.text());
   if (!host::registry_can_instantiate(space, inputs.context, node.value)) {
-    refuse(space, message("Function '", node.value, "' at node '", path.text(),
-                          "' is not bound and cannot be instantiated from the evaluation registry"));
+    refuse(space,
+           message("Function '", node.value, "' at node '", path.text(),
+                   "' is not bound and cannot be instantiated from the evaluation registry"));
   }
   node.instance = registry_instance(space, inputs, node, path);
 }

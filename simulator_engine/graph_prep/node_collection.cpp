@@ -92,7 +92,7 @@ class Collector {
     Object type = host::type_value(space_, node, path);
     Object value = host::node_value(space_, node, path);
     Object children = host::children_of(space_, node);
-    return Frame{Object::share(node), std::move(type), std::move(value), children,
+    return Frame{Object::share(node),           std::move(type), std::move(value), children,
                  host::ChildIterator(children), finished_.size()};
   }
 

@@ -43,11 +43,11 @@ struct Node {
   std::uint32_t position = 0;  // among the parent's children
   std::uint32_t first_child = 0;
   std::uint32_t child_count = 0;
-  Object literal;        // of a float node
-  Object feature_index;  // of a leaf: its key in the sequence of features
+  Object literal;                       // of a float node
+  Object feature_index;                 // of a leaf: its key in the sequence of features
   Py_ssize_t plain_feature_index = -1;  // the same, if it is a plain, non-negative int
-  Object graph_node;     // of a filtration: the node itself
-  Object child_sequence; // as the graph node holds it
+  Object graph_node;                    // of a filtration: the node itself
+  Object child_sequence;                // as the graph node holds it
   // Of a function node:
   Object config;
   Object state_key;  // empty where the path is the key

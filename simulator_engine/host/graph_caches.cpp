@@ -86,10 +86,9 @@ Object invalidate_graph_evaluation_caches(Namespace& space, const CallArguments&
 }  // namespace
 
 PyMethodDef graph_cache_functions[] = {
-    function_definition<call_graph_cache_get>(
-        "_graph_cache_get",
-        "_graph_cache_get($module, /, graph, key)\n--\n\n"
-        "Read a per-graph evaluator cache slot."),
+    function_definition<call_graph_cache_get>("_graph_cache_get",
+                                              "_graph_cache_get($module, /, graph, key)\n--\n\n"
+                                              "Read a per-graph evaluator cache slot."),
     function_definition<call_graph_cache_set>(
         "_graph_cache_set",
         "_graph_cache_set($module, /, graph, key, value)\n--\n\n"
@@ -99,7 +98,8 @@ PyMethodDef graph_cache_functions[] = {
         "generate_node_identities($module, /, graph)\n--\n\n"
         "Generate tree node identity strings for all nodes in the graph.\n"
         "\n"
-        "The root is \"root\", child i of the node p is \"p.c{i}\". Returns Dict[str, Any] mapping\n"
+        "The root is \"root\", child i of the node p is \"p.c{i}\". Returns Dict[str, Any] "
+        "mapping\n"
         "tree node identity strings to node names/values, parents before their children. The\n"
         "dict is kept on the graph and returned again until the caches are invalidated.\n"
         "\n"

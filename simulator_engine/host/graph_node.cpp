@@ -10,8 +10,8 @@ using namespace python;
 
 void require_node_instance(const Namespace& space, PyObject* node, const NodePath& path) {
   if (is_instance(node, space.global(space.names.FunctionGraphNode))) return;
-  const Object text = message("Graph node '", path.text(), "' must be FunctionGraphNode; got ",
-                              type_name(node));
+  const Object text =
+      message("Graph node '", path.text(), "' must be FunctionGraphNode; got ", type_name(node));
   raise(space.global(space.names.SchemaError), text);
 }
 

@@ -31,8 +31,7 @@ struct ImportedModule {
 };
 
 [[noreturn]] void refuse_import(PyObject* source, const char* module, const char* name) {
-  const Object file =
-      attribute_or(source, as_text("__file__"), as_text("unknown location"));
+  const Object file = attribute_or(source, as_text("__file__"), as_text("unknown location"));
   const Object text = Object::own(
       PyUnicode_FromFormat("cannot import name '%s' from '%s' (%S)", name, module, file.get()));
   PyErr_SetImportError(text, as_text(module), file);
@@ -82,8 +81,7 @@ void import_names(PyObject* module) {
   const Object structlog = attribute(module, as_text("structlog"));
   const Object logger = call_method(structlog, as_text("get_logger"),
                                     as_text("quernbrook.simulator_engine.expression_evaluator"));
-  set_attribute(module, as_text("_logger"),
-                call_method(structlog, as_text("wrap_logger"), logger));
+  set_attribute(module, as_text("_logger"), call_method(structlog, as_text("wrap_logger"), logger));
 }
 
 }  // namespace quernbrook::host

@@ -24,7 +24,7 @@ struct Namespace {
   python::Object filter_keywords;      // of FilterNode
   python::Object filtration_result_keywords;
   python::Object rank_multiply_keywords;  // of the rank multiply road's test
-  python::Object result_keywords;  // the last two of EvaluationResult
+  python::Object result_keywords;         // the last two of EvaluationResult
   python::Object signal_pnl_keyword;
   python::Object state_failure_keywords;  // of the log event
   python::Object state_keywords;          // of FunctionState

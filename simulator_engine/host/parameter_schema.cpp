@@ -76,8 +76,8 @@ Object schema_names(const Namespace& space, PyObject* entry) {
 
 Object make_config_child_types(const Namespace& space) {
   Object kinds = Object::own(PySet_New(nullptr));
-  for (PyObject* kind : {space.names.float_.get(), space.names.int_.get(),
-                         space.names.string.get(), space.names.bool_.get()}) {
+  for (PyObject* kind : {space.names.float_.get(), space.names.int_.get(), space.names.string.get(),
+                         space.names.bool_.get()}) {
     checked(PySet_Add(kinds, kind));
   }
   return kinds;

@@ -37,8 +37,8 @@ Object function_state_version(const Namespace& space, PyObject* registry, PyObje
 Object registry_function_state_class(const Namespace& space, PyObject* registry) {
   const Names& names = space.names;
   const Object registry_class = attribute(registry, names.class_);
-  const Object module_name = attribute_or(registry_class, names.module_,
-                                          Object::own(PyUnicode_FromString("")));
+  const Object module_name =
+      attribute_or(registry_class, names.module_, Object::own(PyUnicode_FromString("")));
   if (!truth(module_name)) return Object::none();
   Object module;
   try {

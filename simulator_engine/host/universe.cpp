@@ -23,8 +23,8 @@ bool same_shape(PyObject* left, PyObject* right) {
 
 Object mask_contiguous(PyObject* data, PyObject* universe) {
   PyArrayObject* source = as_array(data);
-  Object result = Object::own(
-      PyArray_SimpleNew(PyArray_NDIM(source), PyArray_DIMS(source), NPY_DOUBLE));
+  Object result =
+      Object::own(PyArray_SimpleNew(PyArray_NDIM(source), PyArray_DIMS(source), NPY_DOUBLE));
   const auto count = static_cast<std::size_t>(PyArray_SIZE(source));
   const double* values = doubles(data);
   const double* mask = doubles(universe);
@@ -60,8 +60,7 @@ Object universe_mask(const Namespace& space, PyObject* context, npy_intp rows, n
                 npy_uint8{1});
     return mask;
   }
-  const Object is_finite =
-      call(space.numpy(names.isfinite), attribute(context, names.universe));
+  const Object is_finite = call(space.numpy(names.isfinite), attribute(context, names.universe));
   const Object zero = Object::own(PyFloat_FromDouble(0.0));
   const Object is_not_zero =
       Object::own(PyObject_RichCompare(attribute(context, names.universe), zero, Py_NE));

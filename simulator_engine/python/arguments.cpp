@@ -21,7 +21,8 @@ namespace {
 [[noreturn]] void refuse_missing(const ParameterList& parameters, PyObject** bound) {
   std::vector<std::string> missing;
   for (std::size_t place = 0; place < parameters.required; ++place) {
-    if (bound[place] == nullptr) missing.push_back("'" + std::string(parameters.names[place]) + "'");
+    if (bound[place] == nullptr)
+      missing.push_back("'" + std::string(parameters.names[place]) + "'");
   }
   std::string list = missing.front();
   for (std::size_t place = 1; place < missing.size(); ++place) {
@@ -38,8 +39,8 @@ std::size_t place_of(const ParameterList& parameters, PyObject* name) {
   for (std::size_t place = 0; place < parameters.count; ++place) {
     if (PyUnicode_CompareWithASCIIString(name, parameters.names[place]) == 0) return place;
   }
-  PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'",
-               parameters.function, name);
+  PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", parameters.function,
+               name);
   throw ErrorSet{};
 }
 

@@ -25,8 +25,7 @@ template <Reference... Arguments>
 Object call_named(PyObject* callable, PyObject* names, const Arguments&... arguments) {
   std::array<PyObject*, sizeof...(Arguments) + 1> stack{nullptr,
                                                         static_cast<PyObject*>(arguments)...};
-  const auto positional =
-      sizeof...(Arguments) - static_cast<std::size_t>(PyTuple_GET_SIZE(names));
+  const auto positional = sizeof...(Arguments) - static_cast<std::size_t>(PyTuple_GET_SIZE(names));
   return Object::own(PyObject_Vectorcall(callable, stack.data() + 1,
                                          positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
 }

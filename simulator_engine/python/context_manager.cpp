@@ -45,8 +45,8 @@ void ContextManager::leave() { call(exit_, Py_None, Py_None, Py_None); }
 
 bool ContextManager::leave_with(const Handling& error) {
   const Object traceback = error.traceback();
-  const Object swallows = call(exit_, error.type(), error.value(),
-                               traceback.empty() ? Py_None : traceback.get());
+  const Object swallows =
+      call(exit_, error.type(), error.value(), traceback.empty() ? Py_None : traceback.get());
   return truth(swallows);
 }
 

@@ -66,8 +66,7 @@ void raise_key_error(PyObject* key) { raise_object(call(PyExc_KeyError, key)); }
 
 Handling::Handling() : value_(take_pending_error()) {
   PyErr_GetExcInfo(&outer_type_, &outer_value_, &outer_traceback_);
-  PyErr_SetExcInfo(Py_NewRef(type()), Py_NewRef(value_.get()),
-                   PyException_GetTraceback(value_));
+  PyErr_SetExcInfo(Py_NewRef(type()), Py_NewRef(value_.get()), PyException_GetTraceback(value_));
 }
 
 Handling::~Handling() { PyErr_SetExcInfo(outer_type_, outer_value_, outer_traceback_); }
