@@ -62,7 +62,7 @@ _COMPARISONS: dict[str, Callable[[Any, Any], bool]] = {
 
 # Name of each operator to the parameters that it must have.
 _FIELD_OPERATORS: dict[str, tuple[str, ...]] = {
-    **{name: ("field", "value") for name in _COMPARISONS},
+    **dict.fromkeys(_COMPARISONS, ("field", "value")),
     "between": ("field", "low", "high"),
     "in_": ("field", "values"),
     "top_pct": ("field", "pct"),

@@ -17,7 +17,7 @@ def _graph_cache_get(graph: Any, key: str) -> Any:
 def _graph_cache_set(graph: Any, key: str, value: Any) -> None:
     """Write a per-graph evaluator cache slot."""
     module._require_graph_node_instance(graph, "cache")
-    try:
+    try:  # noqa: SIM105
         setattr(graph, key, value)
     except (AttributeError, TypeError):
         pass

@@ -74,7 +74,7 @@ def _signal_pnl_of_row(run: Run, passing_ids: Any, A: int, pnl_column: Any, t: i
         try:
             col_idx = context.column_labels.index(pnl_column)
         except ValueError:
-            raise module.EvaluationError(
+            raise module.EvaluationError(  # noqa: B904 - it names no cause
                 f"PnL column '{pnl_column}' not found in column_labels: {context.column_labels}"
             )
         for k, sid in enumerate(passing_ids):

@@ -22,7 +22,7 @@ def _rolling_longitudinal_fast(data: Any, window: Any, name: Any) -> np.ndarray:
     data = np.asarray(data, dtype=np.float64)
     T, N_alloc = data.shape
     out = np.full((T, N_alloc), np.nan, dtype=np.float64)
-    if T < window:
+    if T < window:  # noqa: SIM300
         return out
     valid = ~np.isnan(data)
     accum_dtype = np.longdouble
