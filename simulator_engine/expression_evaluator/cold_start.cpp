@@ -92,7 +92,7 @@ void prefill(Run& run, NodeIndex index, PyObject* rows_needed) {
   const Py_ssize_t count = length(passing_ids);
   const Object column = pnl_column_index(run, node);
   const Object tail = Object::own(PyNumber_Subtract(run.row_count, rows_needed));
-  const npy_intp first = compare(tail, integer(0), Py_GT) ? index_value(tail) : 0;
+  const npy_intp first = index_value(larger(tail, integer(0)));
   for (npy_intp row = first; row < run.rows; ++row) {
     checked(PyErr_CheckSignals());
     const Object pnl = pnl_of_row(run, passing_ids, count, column, row);

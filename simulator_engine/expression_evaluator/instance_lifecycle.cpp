@@ -53,10 +53,10 @@ void deduct_rows_seen(Run& run) {
   for_each_stateful(run, [&](NodeIndex, const Node& node) {
     const Object count =
         call(run.space.global(run.space.names._get_warmup_count_for_instance), node.instance);
-    if (compare(count, rows_seen, Py_GT)) rows_seen = count;
+    rows_seen = larger(rows_seen, count);
   });
   const Object rest = Object::own(PyNumber_Subtract(run.warmup_rows, rows_seen));
-  run.warmup_rows = compare(rest, integer(0), Py_GT) ? rest : integer(0);
+  run.warmup_rows = larger(rest, integer(0));
 }
 
 void collect_states(Run& run) {

@@ -15,7 +15,7 @@ Registers::Registers(Object array, npy_intp columns)
       dtype_(PyArray_DESCR(as_array(array_))) {}
 
 Object Registers::view(std::size_t number) const {
-  return vector_view(array_, row(number), static_cast<npy_intp>(stride_));
+  return row_view(array_, static_cast<npy_intp>(number));
 }
 
 void Registers::require_intact() const {

@@ -104,7 +104,8 @@ Object RotationStep::call_instance(const Node& node, Call& call) {
   // two more look-ups.
   PyTypeObject* type = Py_TYPE(node.instance.get());
   PyObject* entry = find_on_type(type, run_.space.names.call_);
-  if (entry != nullptr && PyFunction_Check(entry)) {
+  if (entry != nullptr && PyFunction_Check(entry) &&
+      !PyType_HasFeature(type, Py_TPFLAGS_HAVE_VECTORCALL)) {
     const Object function = Object::share(entry);
     stack_[1] = node.instance;
     return Object::own_or_empty(PyObject_Vectorcall(

@@ -179,7 +179,8 @@ npy_intp register_count(const Run& run) { return static_cast<npy_intp>(run.table
 void order_nodes(Run& run) {
   run.order = graph_prep::execution_order(run.table, run.table.root);
   run.filtrations.resize(run.table.nodes.size());
-  set_attribute(run.context, run.space.names.registers, zeros(register_count(run), run.columns));
+  set_attribute(run.context, run.space.names.registers,
+                untouched_zeros(register_count(run), run.columns));
 }
 
 void compute_warmup_rows(Run& run) {

@@ -77,8 +77,8 @@ Object rolling_longitudinal_fast(Namespace& space, const CallArguments& argument
     return nan_matrix(index_value(rows), index_value(columns));
   }
   const RollingStatistic statistic = statistic_of(space, name);
-  if (is_double_array(data) && PyIndex_Check(window) && compare(window, integer(1), Py_GE)) {
-    return rolling_by_kernel(data, index_value(window), statistic);
+  if (PyLong_Check(window) && compare(window, integer(1), Py_GE)) {
+    return rolling_by_kernel(aligned(data), index_value(window), statistic);
   }
   const Object out = nan_matrix(index_value(rows), index_value(columns));
   return rolling_by_formula(space, data, out, window, statistic == RollingStatistic::mean,

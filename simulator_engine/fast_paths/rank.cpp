@@ -24,9 +24,9 @@ struct DoubleMatrix {
   std::ptrdiff_t column_step = 0;
 };
 
-bool is_double_matrix(PyObject* object) {
-  return is_double_array(object) && PyArray_NDIM(as_array(object)) == 2;
-}
+bool is_matrix(PyObject* array) { return PyArray_NDIM(as_array(array)) == 2; }
+
+bool is_double_matrix(PyObject* object) { return is_double_array(object) && is_matrix(object); }
 
 DoubleMatrix double_matrix(PyObject* object) {
   constexpr auto size = static_cast<npy_intp>(sizeof(double));
@@ -39,12 +39,33 @@ bool same_shape(PyObject* left, PyObject* right) {
          PyArray_DIM(as_array(left), 1) == PyArray_DIM(as_array(right), 1);
 }
 
-/// The complaints of the array library about anything but a matrix.
-[[noreturn]] void refuse_other_dimensions(PyObject* masked) {
-  const npy_intp dimensions = PyArray_Check(masked) ? PyArray_NDIM(as_array(masked)) : 0;
-  if (dimensions < 2) {
-    Object::own(PyArray_Sum(as_array(masked), 1, NPY_DOUBLE, nullptr));
+/// `array[:, first:last]`.
+Object columns_between(PyObject* array, PyObject* first, PyObject* last) {
+  const Object all = Object::own(PySlice_New(nullptr, nullptr, nullptr));
+  const Object some = Object::own(PySlice_New(first, last, nullptr));
+  return item(array, Object::own(PyTuple_Pack(2, all.get(), some.get())));
+}
+
+bool has_ties(const Namespace& space, PyObject* array) {
+  const Object numpy = space.global(space.names.np);
+  const Object sorted =
+      call_named(attribute(numpy, as_text("sort")), space.axis_keyword, array, integer(1));
+  const Object right = columns_between(sorted, integer(1), nullptr);
+  const Object left = columns_between(sorted, nullptr, integer(-1));
+  const Object equal_neighbours = Object::own(PyObject_RichCompare(right, left, Py_EQ));
+  const Object finite = call(attribute(numpy, space.names.isfinite), right);
+  const Object ties = Object::own(PyNumber_And(equal_neighbours, finite));
+  return truth(call(attribute(numpy, as_text("any")), ties));
+}
+
+/// What the array library makes of anything but a matrix: its complaint, unless ties come first.
+Object rank_other_dimensions(const Namespace& space, PyObject* masked) {
+  if (PyArray_NDIM(as_array(masked)) < 2) {
+    const Object missing = call(space.numpy(space.names.isnan), masked);
+    const Object valid = Object::own(PyNumber_Invert(missing));
+    call_named(space.numpy(space.names.sum), space.axis_keyword, valid, integer(1));
   }
+  if (has_ties(space, masked)) return Object::none();
   raise_text(PyExc_ValueError, "too many values to unpack (expected 2)");
 }
 
@@ -58,7 +79,8 @@ Object rank(const Namespace& space, PyObject* data, PyObject* universe) {
     const Object apply = space.global(space.names._apply_universe_mask);
     masked = host::as_float64(space, call(apply, data, universe));
   }
-  if (!is_double_matrix(masked)) refuse_other_dimensions(masked);
+  if (!is_matrix(masked)) return rank_other_dimensions(space, masked);
+  masked = aligned(masked);
   const DoubleMatrix values = double_matrix(masked);
   const DoubleMatrix mask =
       masks_itself && universe != Py_None ? double_matrix(universe) : DoubleMatrix{};

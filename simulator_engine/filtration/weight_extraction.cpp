@@ -74,7 +74,7 @@ Object extract(const Namespace& space, PyObject* useful_signals, PyObject* passi
     const Object id = item(passing_ids, integer(place));
     const Object weights = attribute(item(useful_signals, id), space.names.weights);
     const Object row = item(weights, key);
-    assign(vector_view(result, doubles(result) + place * columns, columns), row);
+    assign(row_view(result, place), row);
   }
   return result;
 }

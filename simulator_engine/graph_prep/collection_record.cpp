@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "graph_prep/function_instance.hpp"
+#include "graph_prep/path_index.hpp"
 #include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/sequence_iterator.hpp"
@@ -108,21 +109,42 @@ class RecordWriter {
   Record record_;
 };
 
+/// `table[key]`, or empty where a dict has no such key.
+Object member_or_empty(PyObject* table, PyObject* key) {
+  if (PyDict_CheckExact(table)) return dict_item(table, key);
+  return contains(table, key) ? item(table, key) : Object();
+}
+
+/// `table[key]`.
+Object member(PyObject* table, PyObject* key) {
+  Object value = PyDict_CheckExact(table) ? dict_item(table, key) : item(table, key);
+  if (value.empty()) raise_key_error(key);
+  return value;
+}
+
 class RecordReader {
  public:
   RecordReader(const Namespace& space, PyObject* record, const CollectionInputs& inputs)
-      : space_(space), names_(space.names), inputs_(inputs) {
-    node_info_ = item(record, names_.node_info);
-    float_values_ = item(record, names_.float_values);
-    state_keys_ = item(record, names_.state_keys);
-    filtration_nodes_ = item(record, names_.filtration_nodes);
-    reduction_nodes_ = item(record, names_.reduction_nodes);
-    feature_ref_names_ = item(record, names_.feature_ref_names);
-  }
+      : space_(space),
+        names_(space.names),
+        inputs_(inputs),
+        node_info_(item(record, names_.node_info)),
+        float_values_(item(record, names_.float_values)),
+        state_keys_(item(record, names_.state_keys)),
+        filtration_nodes_(item(record, names_.filtration_nodes)),
+        reduction_nodes_(item(record, names_.reduction_nodes)),
+        feature_ref_names_(item(record, names_.feature_ref_names)),
+        indices_(static_cast<std::size_t>(length(node_info_))) {}
 
   NodeTable read() {
     number_nodes();
-    for (NodeIndex index = 0; index < table_.nodes.size(); ++index) read_node(index);
+    for (Node& node : table_.nodes) read_node(node);
+    for_each(float_values_,
+             [&](PyObject* path, Node& node) { node.literal = member(float_values_, path); });
+    for_each(filtration_nodes_, [&](PyObject* path, Node& node) {
+      node.graph_node = member(filtration_nodes_, path);
+    });
+    for_each(reduction_nodes_, [&](PyObject* path, Node& node) { read_reduction(node, path); });
     table_.root = index_of(names_.root);
     read_features();
     read_functions();
@@ -132,67 +154,67 @@ class RecordReader {
  private:
   /// Nodes are numbered in the order of `node_info`, whatever it is.
   void number_nodes() {
-    indices_ = new_dict();
+    table_.nodes.reserve(static_cast<std::size_t>(length(node_info_)));
     SequenceIterator paths(node_info_);
     for (Object path = paths.next(); !path.empty(); path = paths.next()) {
-      set(indices_, path, integer(static_cast<Py_ssize_t>(table_.nodes.size())));
-      Node node;
-      node.path = path;
-      table_.nodes.push_back(std::move(node));
+      indices_.add(path, static_cast<NodeIndex>(table_.nodes.size()));
+      table_.nodes.emplace_back().path = std::move(path);
     }
   }
 
-  NodeIndex index_of(PyObject* path) const {
-    const Object index = dict_item(indices_, path);
-    if (index.empty()) raise_key_error(path);
-    return static_cast<NodeIndex>(PyLong_AsSsize_t(index));
+  NodeIndex index_of(PyObject* path) {
+    const NodeIndex index = indices_.find(path);
+    if (index == no_node) raise_key_error(path);
+    return index;
   }
 
-  void read_node(NodeIndex index) {
-    Node& node = table_.nodes[index];
-    const Object info = item(node_info_, node.path);
-    node.type = item(info, names_.type);
-    node.value = item(info, names_.node);
-    node.canonical_id = item(info, names_.canonical_id);
+  /// Runs `body` for every node that the table has an entry for.
+  template <class Body>
+  void for_each(PyObject* table, Body&& body) {
+    if (PyDict_CheckExact(table) && PyDict_GET_SIZE(table) == 0) return;
+    SequenceIterator paths(Object::share(table));
+    for (Object path = paths.next(); !path.empty(); path = paths.next()) {
+      const NodeIndex index = indices_.find(path);
+      if (index != no_node) body(path, table_.nodes[index]);
+    }
+  }
+
+  void read_node(Node& node) {
+    const Object info = member(node_info_, node.path);
+    node.type = member(info, names_.type);
+    node.value = member(info, names_.node);
+    node.canonical_id = member(info, names_.canonical_id);
     node.kind = kind_of(space_, node.type);
-    read_children(node, info);
-    if (contains(float_values_, node.path)) node.literal = item(float_values_, node.path);
-    if (contains(filtration_nodes_, node.path)) {
-      node.graph_node = item(filtration_nodes_, node.path);
-    }
-    if (contains(reduction_nodes_, node.path)) read_reduction(node);
+    read_children(node, member(info, names_.children_paths),
+                  member_or_empty(info, names_.config_child_paths));
   }
 
-  void read_children(Node& node, PyObject* info) {
-    const Object paths = item(info, names_.children_paths);
-    Object config_paths;
-    if (contains(info, names_.config_child_paths)) {
-      config_paths = item(info, names_.config_child_paths);
-    }
+  void read_children(Node& node, const Object& paths, const Object& config_paths) {
+    const bool has_config = !config_paths.empty() && (!PySet_CheckExact(config_paths.get()) ||
+                                                      PySet_GET_SIZE(config_paths.get()) > 0);
     node.first_child = static_cast<std::uint32_t>(table_.children.size());
     SequenceIterator children(paths);
     for (Object child = children.next(); !child.empty(); child = children.next()) {
       table_.children.push_back(index_of(child));
-      const bool is_config = !config_paths.empty() && contains(config_paths, child);
-      table_.is_config_child.push_back(is_config ? 1 : 0);
+      table_.is_config_child.push_back(has_config && contains(config_paths, child) ? 1 : 0);
       ++node.child_count;
     }
   }
 
-  void read_reduction(Node& node) const {
-    const Object entry = item(reduction_nodes_, node.path);
+  void read_reduction(Node& node, PyObject* path) {
+    const Object entry = member(reduction_nodes_, path);
     node.is_reduction = true;
     node.config = item(entry, names_.config);
-    const Object path = item(entry, names_.filtration_path);
-    if (truth(path) && contains(indices_, path)) node.filtration_child = index_of(path);
+    const Object filtration_path = item(entry, names_.filtration_path);
+    if (truth(filtration_path)) node.filtration_child = indices_.find(filtration_path);
   }
 
   void read_features() {
     SequenceIterator paths(feature_ref_names_);
     for (Object path = paths.next(); !path.empty(); path = paths.next()) {
       const NodeIndex index = index_of(path);
-      const Object name = item(feature_ref_names_, path);
-      set_feature_index(space_, table_.nodes[index], name, inputs_.context);
+      set_feature_index(space_, table_.nodes[index], member(feature_ref_names_, path),
+                        inputs_.context);
       table_.leaves.push_back(index);
     }
   }
@@ -202,7 +224,7 @@ class RecordReader {
     for (Object path = paths.next(); !path.empty(); path = paths.next()) {
       const NodeIndex index = index_of(path);
       Node& node = table_.nodes[index];
-      node.state_key = item(state_keys_, path);
+      node.state_key = member(state_keys_, path);
       take_bound_instance(space_, inputs_, node, path);
       table_.functions.push_back(index);
     }
@@ -217,7 +239,7 @@ class RecordReader {
   Object filtration_nodes_;
   Object reduction_nodes_;
   Object feature_ref_names_;
-  Object indices_;  // dict of path to node index
+  PathIndex indices_;
   NodeTable table_;
 };
 

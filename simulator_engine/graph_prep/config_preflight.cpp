@@ -40,6 +40,7 @@ void refuse_if_any(const Namespace& space, PyObject* function_name, const NodePa
 /// The engine supplies these itself, so that a graph may not set them.
 void refuse_engine_only(const Namespace& space, PyObject* function_name, PyObject* config,
                         const NodePath& path) {
+  if (PyDict_GET_SIZE(config) == 0) return;
   const Object keys = sorted_keys(config, [&](PyObject* key) {
     return equal(key, space.names.n_alloc) || equal(key, space.names.a);
   });

@@ -32,8 +32,13 @@ Object registry_instance(const Namespace& space, const CollectionInputs& inputs,
 /// Adopts the instance bound to `path`; false if there is none.
 bool adopt_bound_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
                           PyObject* path) {
-  if (!contains(inputs.bound_instances, path)) return false;
-  node.instance = item(inputs.bound_instances, path);
+  if (PyDict_CheckExact(inputs.bound_instances)) {
+    node.instance = dict_item(inputs.bound_instances, path);
+    if (node.instance.empty()) return false;
+  } else {
+    if (!contains(inputs.bound_instances, path)) return false;
+    node.instance = item(inputs.bound_instances, path);
+  }
   if (node.instance.is_none()) {
     refuse(space, message("Bound function instance is None for node '", path, "' (function '",
                           node.value, "')"));

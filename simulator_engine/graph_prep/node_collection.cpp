@@ -102,7 +102,8 @@ class Collector {
     Node node;
     node.type = frame.type;
     node.value = frame.value;
-    node.canonical_id = canonical_id(frame.graph_node, path);
+    node.canonical_id = host::optional_field(space_, frame.graph_node, space_.names.canonical_id);
+    if (node.canonical_id.empty()) node.canonical_id = Object::none();
     node.child_sequence = frame.child_sequence;
     node.kind = kind_of(space_, node.type);
     adopt_children(node, frame.first_finished);
@@ -137,14 +138,9 @@ class Collector {
   NodeTable take_table() { return std::move(table_); }
 
  private:
-  Object canonical_id(PyObject* graph_node, const NodePath& path) const {
-    PyObject* key = space_.names.canonical_id;
-    if (!host::has_field(space_, graph_node, key)) return Object::none();
-    return host::require_field(space_, graph_node, key, path);
-  }
-
   void complete_function(Node& node, const Frame& frame, const NodePath& path) {
-    node.state_key = stamped_state_key(frame.graph_node, path);
+    // A stamp is the key that the node had before transforms were laid around its graph.
+    node.state_key = host::optional_field(space_, frame.graph_node, space_.names._state_identity);
     node.config = host::config_of(space_, frame.graph_node);
     const Object parameter_names = named_parameters(node.value);
     ConfigChildren config(space_, node.value, parameter_names, node.config);
@@ -160,13 +156,6 @@ class Collector {
     config.finish();
     validate_merged_config(space_, inputs_.context, node.value, node.config, path);
     choose_instance(space_, inputs_, node, path);
-  }
-
-  /// The key that the node had before transforms were laid around its graph; empty without one.
-  Object stamped_state_key(PyObject* graph_node, const NodePath& path) const {
-    PyObject* key = space_.names._state_identity;
-    if (!host::has_field(space_, graph_node, key)) return {};
-    return host::require_field(space_, graph_node, key, path);
   }
 
   Object named_parameters(PyObject* function_name) const {

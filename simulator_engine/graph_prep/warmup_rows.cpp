@@ -21,10 +21,6 @@ Object as_integer(PyObject* object) {
   return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyLong_Type), object));
 }
 
-void raise_to(Object& largest, const Object& candidate) {
-  if (compare(candidate, largest, Py_GT)) largest = candidate;
-}
-
 /// The children whose rows a node may have to wait for.
 class WaitedForChildren {
  public:
@@ -91,7 +87,7 @@ class WarmupFigure {
                  const NodePath& path) const {
     const host::Names& names = space_.names;
     Object largest = integer(0);
-    for (const ChildWarmup& child : children) raise_to(largest, child.rows);
+    for (const ChildWarmup& child : children) largest = larger(largest, child.rows);
 
     const Object kind = host::type_value(space_, frame.node, path);
     const bool is_rotation = equal(kind, names.rotation);
@@ -110,7 +106,7 @@ class WarmupFigure {
     for (const ChildWarmup& child : children) {
       const host::ChildPath child_path(path, child.position);
       if (equal(host::type_value(space_, child.node, child_path), names.rotation)) {
-        raise_to(before, child.rows);
+        before = larger(before, child.rows);
       }
     }
     return Object::own(PyNumber_Add(own, before));
@@ -125,7 +121,7 @@ class WarmupFigure {
       if (!equal(host::type_value(space_, child, child_path), space_.names.int_)) continue;
       const Object value = host::node_value(space_, child, child_path);
       try {
-        raise_to(window, as_integer(value));
+        window = larger(window, as_integer(value));
       } catch (const ErrorSet&) {
         if (!error_matches(PyExc_TypeError) && !error_matches(PyExc_ValueError)) throw;
         PyErr_Clear();

@@ -8,8 +8,31 @@ namespace quernbrook::host {
 
 using namespace python;
 
+namespace {
+
+/// The attribute, if asking whether it is there and reading it are the same to any node: one look
+/// into the instance's own dictionary then serves for both. Empty wherever foreign code might run
+/// or the attribute might be missing.
+Object plain_attribute(PyObject* node, PyObject* key) {
+  PyTypeObject* type = Py_TYPE(node);
+  if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_dictoffset <= 0) return {};
+  PyObject* on_type = find_on_type(type, key);
+  if (on_type != nullptr && Py_TYPE(on_type)->tp_descr_get != nullptr) return {};
+  PyObject* attributes =
+      *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(node) + type->tp_dictoffset);
+  if (attributes == nullptr) return {};
+  return dict_item(attributes, key);
+}
+
+bool is_node(const Namespace& space, PyObject* node) {
+  const Object node_class = space.global(space.names.FunctionGraphNode);
+  return reinterpret_cast<PyObject*>(Py_TYPE(node)) == node_class || is_instance(node, node_class);
+}
+
+}  // namespace
+
 void require_node_instance(const Namespace& space, PyObject* node, const NodePath& path) {
-  if (is_instance(node, space.global(space.names.FunctionGraphNode))) return;
+  if (is_node(space, node)) return;
   const Object text =
       message("Graph node '", path.text(), "' must be FunctionGraphNode; got ", type_name(node));
   raise(space.global(space.names.SchemaError), text);
@@ -20,24 +43,40 @@ bool has_field(const Namespace& space, PyObject* node, PyObject* key) {
   return has_attribute(node, key);
 }
 
+Object optional_field(const Namespace& space, PyObject* node, PyObject* key) {
+  require_node_instance(space, node, LabelPath("field-check"));
+  Object value = plain_attribute(node, key);
+  if (value.empty() && has_attribute(node, key)) value = attribute(node, key);
+  return value;
+}
+
 Object require_field(const Namespace& space, PyObject* node, PyObject* key, const NodePath& path) {
-  if (!has_field(space, node, key)) {
-    const Object text = message("Graph node '", path.text(), "' missing required key: ", key);
-    raise(space.evaluation_error(), text);
+  Object value = optional_field(space, node, key);
+  if (value.empty()) {
+    raise(space.evaluation_error(),
+          message("Graph node '", path.text(), "' missing required key: ", key));
   }
-  return attribute(node, key);
+  return value;
 }
 
 Object children_of(const Namespace& space, PyObject* node) {
   require_node_instance(space, node, LabelPath("children"));
-  Object children = attribute(node, space.names.children);
+  Object children = plain_attribute(node, space.names.children);
+  if (children.empty()) children = attribute(node, space.names.children);
   return truth(children) ? children : Object::own(PyList_New(0));
 }
 
-Object config_of(const Namespace& space, PyObject* node) {
+Object explicit_config(const Namespace& space, PyObject* node) {
   require_node_instance(space, node, LabelPath("config"));
-  if (attribute(node, space.names.config).is_none()) return Object::own(PyDict_New());
-  const Object config = attribute(node, space.names.config);
+  Object config = plain_attribute(node, space.names.config);
+  if (!config.empty()) return config;
+  config = attribute(node, space.names.config);
+  return config.is_none() ? config : attribute(node, space.names.config);
+}
+
+Object config_of(const Namespace& space, PyObject* node) {
+  const Object config = explicit_config(space, node);
+  if (config.is_none()) return Object::own(PyDict_New());
   return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), config));
 }
 

@@ -35,6 +35,8 @@ class LabelPath final : public NodePath {
 /// Raises SchemaError unless `node` is a FunctionGraphNode.
 void require_node_instance(const Namespace& space, PyObject* node, const NodePath& path);
 bool has_field(const Namespace& space, PyObject* node, PyObject* key);
+/// The attribute `key`; empty where the node lacks it.
+Object optional_field(const Namespace& space, PyObject* node, PyObject* key);
 /// The attribute `key`; EvaluationError where the node lacks it.
 Object require_field(const Namespace& space, PyObject* node, PyObject* key, const NodePath& path);
 inline Object type_value(const Namespace& space, PyObject* node, const NodePath& path) {
@@ -45,6 +47,8 @@ inline Object node_value(const Namespace& space, PyObject* node, const NodePath&
 }
 /// The node's own sequence of children, or a new empty list.
 Object children_of(const Namespace& space, PyObject* node);
+/// The node's explicit configuration itself, or None.
+Object explicit_config(const Namespace& space, PyObject* node);
 /// A new dict with the node's explicit configuration.
 Object config_of(const Namespace& space, PyObject* node);
 

@@ -122,6 +122,7 @@
   NAME(stateful)                          \
   NAME(states)                            \
   NAME(string)                            \
+  NAME(sum)                               \
   NAME(transform_pipeline)                \
   NAME(transforms_already_combined)       \
   NAME(type)                              \

@@ -1,6 +1,9 @@
 #include "python/array.hpp"
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <new>
 
 namespace quernbrook::python {
 
@@ -10,9 +13,53 @@ bool is_double_array(PyObject* object) {
   return PyArray_TYPE(array) == NPY_DOUBLE && PyArray_ISBEHAVED_RO(array);
 }
 
+Object aligned(const Object& array) {
+  if (is_double_array(array)) return array;
+  return Object::own(PyArray_FromArray(as_array(array), PyArray_DescrFromType(NPY_DOUBLE),
+                                       NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY));
+}
+
 Object zeros(npy_intp rows, npy_intp columns) {
   npy_intp shape[] = {rows, columns};
   return Object::own(PyArray_ZEROS(2, shape, NPY_DOUBLE, 0));
+}
+
+namespace {
+
+/// Memory of whole pages, which the system hands out as zeros when they are first touched.
+struct Pages {
+  void* start;
+  std::size_t size;
+
+  static constexpr const char* capsule_name = "zeroed pages";
+  static void release(PyObject* capsule) {
+    auto* pages = static_cast<Pages*>(PyCapsule_GetPointer(capsule, capsule_name));
+    munmap(pages->start, pages->size);
+    delete pages;
+  }
+};
+
+Object zeroed_pages(std::size_t size) {
+  void* start = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (start == MAP_FAILED) throw std::bad_alloc();
+  auto* pages = new Pages{start, size};
+  return Object::own(PyCapsule_New(pages, Pages::capsule_name, Pages::release));
+}
+
+}  // namespace
+
+Object untouched_zeros(npy_intp rows, npy_intp columns) {
+  constexpr std::size_t worth_pages = 64 * 1024;  // below, writing zeros is quicker
+  const std::size_t size =
+      static_cast<std::size_t>(rows) * static_cast<std::size_t>(columns) * sizeof(double);
+  if (rows < 0 || columns < 0 || size < worth_pages) return zeros(rows, columns);
+  const Object memory = zeroed_pages(size);
+  void* start = static_cast<Pages*>(PyCapsule_GetPointer(memory, Pages::capsule_name))->start;
+  npy_intp shape[] = {rows, columns};
+  Object array = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, start, 0,
+                                         NPY_ARRAY_CARRAY, nullptr));
+  checked(PyArray_SetBaseObject(as_array(array), Py_NewRef(memory.get())));
+  return array;
 }
 
 Object uninitialised(npy_intp rows, npy_intp columns) {
@@ -28,11 +75,9 @@ Object filled_vector(npy_intp size, double value) {
   return vector;
 }
 
-Object vector_view(PyObject* owner, double* data, npy_intp size) {
-  Object view = Object::own(PyArray_New(&PyArray_Type, 1, &size, NPY_DOUBLE, nullptr, data, 0,
-                                        NPY_ARRAY_CARRAY, nullptr));
-  checked(PyArray_SetBaseObject(as_array(view), Py_NewRef(owner)));
-  return view;
+Object row_view(PyObject* matrix, npy_intp row) {
+  // Indexing as a sequence is NumPy's shortest way to a view.
+  return Object::own(PySequence_GetItem(matrix, row));
 }
 
 }  // namespace quernbrook::python

@@ -22,14 +22,19 @@ inline double* doubles(PyObject* array) {
   return static_cast<double*>(PyArray_DATA(as_array(array)));
 }
 
+/// A float64 array as is_double_array() wants it: itself, or a copy where its memory is odd.
+Object aligned(const Object& array);
+
 /// New C-ordered float64 arrays.
 Object zeros(npy_intp rows, npy_intp columns);
+/// The same for arrays that are rarely looked at: a large one costs nothing until it is.
+Object untouched_zeros(npy_intp rows, npy_intp columns);
 Object uninitialised(npy_intp rows, npy_intp columns);
 Object empty_vector(npy_intp size);
 Object filled_vector(npy_intp size, double value);
 
-/// A writable one-dimensional view of `size` doubles at `data`, which `owner` keeps alive.
-Object vector_view(PyObject* owner, double* data, npy_intp size);
+/// `matrix[row]`, a view.
+Object row_view(PyObject* matrix, npy_intp row);
 
 /// `view[...] = value`, with all of NumPy's rules for what may be assigned.
 inline void assign(PyObject* view, PyObject* value) {

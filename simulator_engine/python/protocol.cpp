@@ -24,6 +24,10 @@ bool compare(PyObject* left, PyObject* right, int operation) {
   return truth(Object::own(PyObject_RichCompare(left, right, operation)));
 }
 
+Object larger(const Object& first, const Object& second) {
+  return compare(second, first, Py_GT) ? second : first;
+}
+
 Object dict_item(PyObject* dict, PyObject* key) {
   PyObject* value = PyDict_GetItemWithError(dict, key);
   if (value == nullptr && PyErr_Occurred() != nullptr) throw ErrorSet{};

@@ -33,6 +33,8 @@ inline bool is_instance(PyObject* object, PyObject* type) {
 bool compare(PyObject* left, PyObject* right, int operation);
 inline bool equal(PyObject* left, PyObject* right) { return compare(left, right, Py_EQ); }
 inline bool not_equal(PyObject* left, PyObject* right) { return compare(left, right, Py_NE); }
+/// `max(first, second)`.
+Object larger(const Object& first, const Object& second);
 /// `item in container`.
 inline bool contains(PyObject* container, PyObject* item) {
   return checked(PySequence_Contains(container, item)) != 0;
