@@ -487,6 +487,24 @@ def test_the_filter_fails_before_the_reduction_over_it(evaluator, monkeypatch):
     assert instance.calls == []
 
 
+def test_a_filter_that_runs_the_context(evaluator, monkeypatch):
+    """A run within the filter resolves for itself."""
+    context = reduction_context(evaluator, {"f": stateful()})
+    calls: list[int] = []
+
+    def passing(pool: Any) -> list[str]:
+        calls.append(len(pool))
+        if len(calls) == 1:
+            evaluator.evaluate(reduction("f", TREE), context)
+            return ["b"]
+        return ["a", "c"]
+
+    replace_filters(monkeypatch, evaluator, filtration=passing)
+    evaluator.evaluate(reduction("f", TREE), context)
+    assert calls == [3, 3]
+    assert context.extraction_buffer[:, 0].tolist() == [230.0]
+
+
 def test_a_failing_run_leaves_nothing_behind(evaluator, monkeypatch):
     filters = replace_filters(monkeypatch, evaluator, filtration=raising(ValueError("once")))
     context = reduction_context(evaluator, {"f": stateful()})
