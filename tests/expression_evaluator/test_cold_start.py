@@ -375,6 +375,13 @@ def test_labels_that_fail(evaluator, kind):
     assert instance.calls == []
 
 
+def test_labels_in_an_array(evaluator):
+    instance = windowed()
+    with pytest.raises(ValueError, match="truth value of an array"):
+        start(evaluator, instance, column_labels=np.array(LABELS))
+    assert instance.calls == []
+
+
 def test_labels_without_an_index(evaluator):
     with fails(AttributeError, "'set' object has no attribute 'index'"):
         start(evaluator, windowed(), column_labels={"gross_returns"})

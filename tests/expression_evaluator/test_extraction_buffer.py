@@ -251,6 +251,80 @@ def test_what_a_reduction_writes_into_it(evaluator, monkeypatch):
     same_bits(pool["a"].weights, make_pool()["a"].weights)
 
 
+def reshape(array: np.ndarray) -> None:
+    array.shape = (9,)
+
+
+def retype(array: np.ndarray) -> None:
+    array.dtype = np.int64
+
+
+def protect(array: np.ndarray) -> None:
+    array.setflags(write=False)
+
+
+@pytest.mark.parametrize("spoil", [reshape, retype, protect])
+def test_an_argument_that_is_spoiled(evaluator, spoil):
+    """The next row's argument is as if nothing had happened."""
+    seen: list[Any] = []
+
+    def act(signals: np.ndarray, **_: Any) -> float:
+        seen.append((signals.shape, signals.dtype, signals.flags.writeable, signals.sum()))
+        spoil(signals)
+        return 0.0
+
+    class Instance:
+        """Keeps nothing of its calls."""
+
+        stateful = True
+
+        def __call__(self, signals: np.ndarray, signal_pnl: np.ndarray) -> float:
+            protect(signal_pnl)
+            return act(signals)
+
+        def get_state(self) -> None:
+            return None
+
+    pool = make_pool()
+    run(evaluator, PLAIN, Instance(), pool=pool)
+    assert seen == [((3, 3), np.float64, True, block(pool, "abc", t).sum()) for t in range(ROWS)]
+
+
+def test_a_buffer_that_is_spoiled(evaluator):
+    """The argument's base is the buffer itself: read-only it fails, in another shape it goes."""
+    instance = stateful(lambda signals, **_: protect(signals.base) or 0.0)
+    with fails(ValueError, "assignment destination is read-only"):
+        run(evaluator, PLAIN, instance)
+    assert len(instance.calls) == 1
+    instance = stateful(lambda signals, **_: reshape(signals.base) or 0.0)
+    run(evaluator, PLAIN, instance)
+    assert [given.shape for given in blocks(instance)] == [(3, 3)] * ROWS
+    assert len({id(call.args[0].base) for call in instance.calls}) == ROWS
+
+
+def test_a_run_within_a_run(evaluator, monkeypatch):
+    """A nested run extracts into a buffer of its own; the outer one's is published last."""
+    replace_filters(monkeypatch, evaluator, first=["b"], second=["c", "a"])
+    context = reduction_context(evaluator, {"g": stateful(0.0)})
+    inner = reduction("g", filtration("second"))
+    published: list[Any] = []
+
+    def nest(signals: np.ndarray, **_: Any) -> np.ndarray:
+        before = signals.copy()
+        evaluator.evaluate(inner, context)
+        published.append(context.extraction_buffer)
+        same_bits(signals, before)
+        return before[0]
+
+    instance = stateful(nest)
+    result = evaluator.evaluate(
+        FILTERED, context, bound_function_instances={"root": instance, "root.c0": None}
+    )
+    same_bits(result.weights, make_pool()["b"].weights)
+    assert [one.shape for one in published] == [(2, 3)] * ROWS
+    assert context.extraction_buffer.shape == (1, 3)
+
+
 # --- none at all ---------------------------------------------------------------------------------
 
 
@@ -265,6 +339,13 @@ def test_a_filter_that_passes_nothing_of_no_signals(evaluator, monkeypatch):
     instance, context = run(evaluator, FILTERED, pool={})
     assert context.extraction_buffer.shape == (0, 3)
     assert [given.shape for given in blocks(instance)] == [(0, 3)] * ROWS
+
+
+def test_a_context_without_a_pool(evaluator):
+    context = reduction_context(evaluator, {"f": stateful()})
+    context.useful_signals = None
+    with fails(AttributeError, "'NoneType' object has no attribute 'keys'"):
+        evaluator.evaluate(PLAIN, context)
 
 
 @pytest.mark.parametrize(("ids", "rows"), [("", None), ("ab", 2)])
@@ -445,6 +526,51 @@ def test_ids_that_cannot_be_read(evaluator, monkeypatch, kind):
         __iter__ = raising(fault)
 
     replace_filters(monkeypatch, evaluator, first=Ids("ab"))
+    with lets_through(fault):
+        run(evaluator, FILTERED)
+
+
+class Passing:
+    """A result whose ids can be read so many times, then fail."""
+
+    def __init__(self, ids: list[str], reads: int, fault: BaseException) -> None:
+        self.ids, self.reads, self.fault = ids, reads, fault
+
+    @property
+    def passing_ids(self) -> list[str]:
+        self.reads -= 1
+        if self.reads < 0:
+            raise self.fault
+        return self.ids
+
+
+@pytest.mark.parametrize("kind", [ValueError, KeyboardInterrupt])
+@pytest.mark.parametrize("reads", [0, 1, 2, 3])
+def test_a_result_is_read_at_both_nodes_in_every_row(evaluator, monkeypatch, kind, reads):
+    """By the filtration and by the reduction; what fails there fails as it is."""
+    fault = kind("ids")
+    replace_filters(monkeypatch, evaluator, first=["a"])
+    monkeypatch.setattr(evaluator, "FiltrationResult", lambda **_: Passing(["a"], reads, fault))
+    instance = stateful(0.0)
+    with lets_through(fault):
+        run(evaluator, FILTERED, instance)
+    assert len(instance.calls) == reads // 2
+
+
+@pytest.mark.parametrize("kind", [ValueError, KeyboardInterrupt])
+def test_ids_that_lose_their_size(evaluator, monkeypatch, kind):
+    fault = kind("size")
+
+    class Ids(list):
+        sizes = 1
+
+        def __len__(self) -> int:
+            self.sizes -= 1
+            if self.sizes < 0:
+                raise fault
+            return 1
+
+    replace_filters(monkeypatch, evaluator, first=Ids("a"))
     with lets_through(fault):
         run(evaluator, FILTERED)
 

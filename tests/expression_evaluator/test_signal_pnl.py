@@ -112,6 +112,7 @@ def test_a_column_that_is_not_among_the_labels(evaluator, labels, graph):
     text = f"PnL column '{name}' not found in column_labels: {labels}"
     assert str(caught.value) == text
     assert caught.value.__cause__ is None
+    assert not caught.value.__suppress_context__
     assert type(caught.value.__context__) is ValueError
 
 
@@ -131,6 +132,14 @@ def test_labels_that_are_a_text(evaluator):
 def test_labels_without_an_index(evaluator, labels, text):
     with fails(AttributeError, text):
         pnl(evaluator, column_labels=labels)
+
+
+def test_labels_in_an_array(evaluator):
+    """Their truth is asked outside the search, so that its failure says nothing of a column."""
+    with pytest.raises(ValueError, match="truth value of an array"):
+        pnl(evaluator, column_labels=np.array(LABELS))
+    with fails(AttributeError, "'numpy.ndarray' object has no attribute 'index'"):
+        pnl(evaluator, column_labels=np.array(LABELS[:1], dtype=object) == "gross_returns")
 
 
 @pytest.mark.parametrize("kind", [RuntimeError, KeyError, KeyboardInterrupt])

@@ -9,10 +9,10 @@ import numpy as np
 EXTENDED = np.longdouble
 
 
-def totals(steps: np.ndarray, dtype: Any, **options: Any) -> np.ndarray:
+def totals(steps: np.ndarray, dtype: Any = None) -> np.ndarray:
     """Row k is the sum of the first k rows."""
-    start = np.zeros((1, steps.shape[1]), dtype=dtype)
-    return np.vstack([start, np.cumsum(steps, axis=0, **options)])
+    start = np.zeros((1, steps.shape[1]), dtype=steps.dtype)
+    return np.vstack([start, np.cumsum(steps, axis=0, dtype=dtype)])
 
 
 def rolling_matrix(data: Any, window: Any, name: str) -> np.ndarray:
@@ -27,8 +27,8 @@ def rolling_matrix(data: Any, window: Any, name: str) -> np.ndarray:
         return result
     valid = ~np.isnan(data)
     filled = np.where(valid, data, 0.0).astype(EXTENDED, copy=False)
-    sums = totals(filled, EXTENDED, dtype=EXTENDED)
-    holes = totals((~valid).astype(np.int32), np.int32)
+    sums = totals(filled, EXTENDED)
+    holes = totals((~valid).astype(np.int32))
     window_sum = sums[window:] - sums[:-window]
     window_holes = holes[window:] - holes[:-window]
     computable = valid[window - 1 :] & (window_holes == 0)
@@ -38,7 +38,7 @@ def rolling_matrix(data: Any, window: Any, name: str) -> np.ndarray:
     if name == "longitudinal_mean":
         values = window_sum / window
     else:
-        squares = totals(filled * filled, EXTENDED, dtype=EXTENDED)
+        squares = totals(filled * filled, EXTENDED)
         window_squares = squares[window:] - squares[:-window]
         mean = window_sum / window
         variance = np.maximum(0.0, (window_squares / window) - (mean * mean))

@@ -1,0 +1,75 @@
+"""The code on the pages of the documentation runs, top to bottom, and prints what they show."""
+
+from __future__ import annotations
+
+import sys
+from collections.abc import Iterator
+from contextlib import redirect_stdout
+from io import StringIO
+from pathlib import Path
+from types import ModuleType
+
+import pytest
+from sybil import Document, Example, Sybil
+from sybil.evaluators.python import PythonEvaluator
+from sybil.parsers.markdown import CodeBlockParser
+
+DOCS = Path(__file__).parents[2] / "docs"
+PAGES = sorted(path for path in DOCS.rglob("*.md") if "```python\n" in path.read_text("utf-8"))
+
+run_block = PythonEvaluator()
+
+
+class Page:
+    """Runs the "python" blocks of a page and compares what they print with its "output" blocks."""
+
+    def __init__(self, path: Path) -> None:
+        self._printed = ""
+        parsers = [CodeBlockParser("python", self._run), CodeBlockParser("output", self._compare)]
+        self.document: Document = Sybil(parsers).parse(path)
+
+    def evaluate(self) -> None:
+        for example in self.document.examples():
+            example.evaluate()
+        assert not self._printed, "the last block's output is not shown"
+
+    def _run(self, example: Example) -> None:
+        assert not self._printed, f"{example.path}:{example.line}: output before it is not shown"
+        printed = StringIO()
+        with redirect_stdout(printed):
+            run_block(example)
+        self._printed = printed.getvalue()
+
+    def _compare(self, example: Example) -> str | None:
+        printed, self._printed = self._printed, ""
+        return None if printed == example.parsed else f"printed:\n{printed}"
+
+
+@pytest.fixture
+def main_module(monkeypatch: pytest.MonkeyPatch) -> Iterator[ModuleType]:
+    """A module that the blocks of one page share, importable as a script's __main__ is."""
+    module = ModuleType("page_of_the_guide")
+    monkeypatch.setitem(sys.modules, module.__name__, module)
+    yield module
+
+
+def test_there_are_pages() -> None:
+    assert {page.relative_to(DOCS).as_posix() for page in PAGES} >= {
+        "index.md",
+        "guide/filters.md",
+        "guide/functions.md",
+        "guide/graphs.md",
+        "guide/reductions.md",
+        "guide/registry.md",
+        "guide/running.md",
+    }
+
+
+@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.relative_to(DOCS).as_posix())
+def test_page(
+    path: Path, main_module: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.chdir(tmp_path)
+    page = Page(path)
+    page.document.namespace = vars(main_module)
+    page.evaluate()
