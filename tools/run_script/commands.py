@@ -19,7 +19,8 @@ def demo(arguments: Sequence[str]) -> int:
 
 
 def test(arguments: Sequence[str]) -> int:
-    prepare(["build", "test"])
+    # The tests run the demonstration and the code in the guide, too.
+    prepare(["build", "test", "demo", "docs"])
     kernels = 0
     if not arguments and (KERNEL_TESTS / "CMakeLists.txt").is_file():
         build = NATIVE_BUILD.with_name(f"{NATIVE_BUILD.name}-kernels")
@@ -37,7 +38,7 @@ def bench(arguments: Sequence[str]) -> int:
 def check(arguments: Sequence[str]) -> int:
     if arguments:
         raise Failure("check takes no arguments.")
-    prepare(["build", "test", "demo", "check"])
+    prepare(["build", "test", "demo", "docs", "check"])
     steps: dict[str, Callable[[], int]] = {
         "ruff check": lambda: python("-m", "ruff", "check"),
         "ruff format": lambda: python("-m", "ruff", "format", "--check"),
