@@ -58,36 +58,79 @@ bool is_schema_checked(const Namespace& space, PyObject* entry) {
   return equal(family, space.names.virtualization);
 }
 
-void check_explicit_config(const Namespace& space, PyObject* context, PyObject* node,
-                           PyObject* function_name, const NodePath& path) {
-  const Object config = host::config_of(space, node);
-  refuse_engine_only(space, function_name, config, path);
+void check_explicit_config(const Namespace& space, PyObject* context, PyObject* function_name,
+                           PyObject* config, const NodePath& path) {
+  if (config != Py_None) refuse_engine_only(space, function_name, config, path);
   const Object registry = host::registry_of(space, context);
   if (registry.is_none() || !host::registry_has(space, registry, function_name)) return;
   const Object entry = host::registry_entry(space, registry, function_name);
   const Object allowed = host::schema_names(space, entry);
   // An empty schema admits everything here; the merged check refuses it.
-  if (is_schema_checked(space, entry) && PySet_GET_SIZE(allowed.get()) > 0) {
+  if (is_schema_checked(space, entry) && PySet_GET_SIZE(allowed.get()) > 0 && config != Py_None) {
     refuse_unknown(space, function_name, config, path, allowed);
   }
 }
 
-}  // namespace
-
-void preflight_explicit_config(const Namespace& space, PyObject* context, PyObject* graph) {
+/// The walk over a whole graph that every run begins with.
+class Preflight {
+ public:
   struct Frame {
     host::ChildIterator children;
   };
-  const auto enter = [&](PyObject* node, const NodePath& path) {
-    host::require_node_instance(space, node, path);
-    const Object kind = host::type_value(space, node, path);
-    const Object value = host::node_value(space, node, path);
-    if (equal(kind, space.names.rotation) || equal(kind, space.names.reduction)) {
-      check_explicit_config(space, context, node, value, path);
+
+  Preflight(const Namespace& space, PyObject* context)
+      : space_(space), context_(context), reader_(space) {}
+
+  Frame enter(PyObject* node, const NodePath& path) {
+    const host::Names& names = space_.names;
+    plain_ = reader_.plain_attributes(node);
+    if (plain_ == nullptr) host::require_node_instance(space_, node, path);
+    const Object kind = field(node, names.type, path);
+    const Object value = field(node, names.node, path);
+    if (equal(kind, names.rotation) || equal(kind, names.reduction)) {
+      check_explicit_config(space_, context_, value, copy_of_config(node), path);
+      // The registry has run meanwhile.
+      plain_ = reader_.plain_attributes(node);
     }
-    return Frame{host::ChildIterator(host::children_of(space, node))};
+    return Frame{host::ChildIterator(children(node))};
+  }
+
+ private:
+  Object plain_field(PyObject* key) const {
+    return plain_ == nullptr ? Object() : dict_item(plain_, key);
+  }
+
+  Object field(PyObject* node, PyObject* key, const NodePath& path) const {
+    Object value = plain_field(key);
+    return value.empty() ? host::require_field(space_, node, key, path) : value;
+  }
+
+  /// None where there is nothing to check.
+  Object copy_of_config(PyObject* node) const {
+    Object config = plain_field(space_.names.config);
+    return config.is_none() ? config : host::config_of(space_, node);
+  }
+
+  Object children(PyObject* node) const {
+    const Object plain = plain_field(space_.names.children);
+    if (plain.is_none()) return Object::own(PyTuple_New(0));
+    return host::children_of(space_, node);
+  }
+
+  const Namespace& space_;
+  PyObject* context_;
+  host::NodeReader reader_;
+  PyObject* plain_ = nullptr;
+};
+
+}  // namespace
+
+void preflight_explicit_config(const Namespace& space, PyObject* context, PyObject* graph) {
+  Preflight preflight(space, context);
+  const auto enter = [&](PyObject* node, const NodePath& path) {
+    return preflight.enter(node, path);
   };
-  host::walk_graph(graph, space.names.root, enter, [](const Frame&, const NodePath&) {});
+  host::walk_graph(graph, space.names.root, enter, [](const auto&, const NodePath&) {});
 }
 
 void validate_merged_config(const Namespace& space, PyObject* context, PyObject* function_name,

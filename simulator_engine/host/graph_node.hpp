@@ -52,6 +52,24 @@ Object explicit_config(const Namespace& space, PyObject* node);
 /// A new dict with the node's explicit configuration.
 Object config_of(const Namespace& space, PyObject* node);
 
+/// Reads many nodes of one plain class without asking the class anew for each of them.
+class NodeReader {
+ public:
+  explicit NodeReader(const Namespace& space) : space_(space) {}
+
+  /// The dictionary that holds `type`, `node`, `config` and `children` of the node where nobody can
+  /// watch it being read; it is valid until foreign code runs. Null for all other nodes.
+  PyObject* plain_attributes(PyObject* node);
+
+ private:
+  void examine(PyTypeObject* type);
+
+  const Namespace& space_;
+  PyTypeObject* type_ = nullptr;
+  unsigned int version_ = 0;
+  bool is_plain_ = false;
+};
+
 extern PyMethodDef graph_node_functions[];
 
 }  // namespace quernbrook::host

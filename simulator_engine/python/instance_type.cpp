@@ -30,6 +30,7 @@ int Instance_clear(PyObject* self) {
 
 void Instance_dealloc(PyObject* self) {
   PyTypeObject* type = Py_TYPE(self);
+  if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(self) < 0) return;
   PyObject_GC_UnTrack(self);
   if (reinterpret_cast<Instance*>(self)->weak_references != nullptr) PyObject_ClearWeakRefs(self);
   Instance_clear(self);

@@ -21,6 +21,10 @@ Object attribute_or(PyObject* object, PyObject* name, PyObject* fallback) {
 }
 
 bool compare(PyObject* left, PyObject* right, int operation) {
+  if (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && operation == Py_EQ &&
+      PyUnicode_GET_LENGTH(left) != PyUnicode_GET_LENGTH(right)) {
+    return false;
+  }
   return truth(Object::own(PyObject_RichCompare(left, right, operation)));
 }
 

@@ -31,7 +31,10 @@ inline bool is_instance(PyObject* object, PyObject* type) {
 
 /// `bool(left <operation> right)`, without the short cut for identical objects.
 bool compare(PyObject* left, PyObject* right, int operation);
-inline bool equal(PyObject* left, PyObject* right) { return compare(left, right, Py_EQ); }
+inline bool equal(PyObject* left, PyObject* right) {
+  if (left == right && PyUnicode_CheckExact(left)) return true;
+  return compare(left, right, Py_EQ);
+}
 inline bool not_equal(PyObject* left, PyObject* right) { return compare(left, right, Py_NE); }
 /// `max(first, second)`.
 Object larger(const Object& first, const Object& second);

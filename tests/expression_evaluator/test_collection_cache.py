@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import copy
-import pickle
 from types import ModuleType, SimpleNamespace
 from typing import Any
 
@@ -15,6 +14,7 @@ from quernbrook.simulator_engine._types import (
     EvaluationShapeError,
     FunctionExecutionError,
 )
+from support.bound_runs import NOT_FAST, bound_run, nested, recorded
 from support.functions import RecordingFunction, raising
 from support.graphs import (
     aggregation,
@@ -31,36 +31,11 @@ from support.reductions import stateful
 from support.refusing_nodes import SlottedNode, failing_slot, refusing
 from support.registries import RecordingRegistry, entry
 from support.runs import bind_all, counting_matrix, fails, lets_through, make_context, same_bits
-from support.traps import Trap
 
 TABLES = ["node_info", "float_values", "state_keys", "filtration_nodes", "reduction_nodes"]
 KEYS = {*TABLES, "feature_ref_names"}
-NOT_FAST = ["unused, but it closes the fast roads"]
 MISSING = "Bound function instance missing for path '{}' (function '{}')"
 IS_NONE = "Bound function instance is None for node '{}' (function '{}')"
-
-
-def run(evaluator: ModuleType, graph: Any, bound: Any = "all", **options: Any) -> Any:
-    features = options.pop("features", {"a": counting_matrix(2), "b": counting_matrix(2, start=50)})
-    attributes = options.pop("attributes", {})
-    states = options.pop("states", None)
-    context = make_context(evaluator, features, **options)
-    for name, value in attributes.items():
-        setattr(context, name, value)
-    instances = bind_all(graph) if bound == "all" else bound
-    return evaluator.evaluate(
-        graph, context, states, bound_function_instances=instances, data_nan_features=NOT_FAST
-    )
-
-
-def recorded(evaluator: ModuleType, graph: Any, bound: Any = "all", **options: Any) -> Any:
-    """The record that a first run leaves."""
-    run(evaluator, graph, bound, **options)
-    return graph._collect_nodes_cache
-
-
-def nested() -> FunctionGraphNode:
-    return rotation("f", rotation("g", feature("a"), number(2.5)), aggregation("b"))
 
 
 # --- what is kept --------------------------------------------------------------------------------
@@ -76,7 +51,7 @@ def test_the_record(evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch) -> N
         reduction("mean", filters, string("pnl"), _state_identity="kept"),
         aggregation("a", canonical_id="id"),
     )
-    bound = bind_all(graph, lambda: stateful(state={}))
+    bound = bind_all(graph, lambda: stateful(1.0, state={}))
     record = recorded(evaluator, graph, bound, useful_signals=make_pool(rows=2))
     assert type(record) is dict
     assert set(record) == KEYS
@@ -102,7 +77,7 @@ def test_later_runs_leave_the_record_as_it_is(evaluator: ModuleType) -> None:
     record = recorded(evaluator, graph)
     tables = dict(record)
     before = copy.deepcopy(record)
-    same_bits(run(evaluator, graph).weights, run(evaluator, nested()).weights)
+    same_bits(bound_run(evaluator, graph).weights, bound_run(evaluator, nested()).weights)
     assert graph._collect_nodes_cache is record
     assert all(record[key] is tables[key] for key in KEYS)
     assert repr(record) == repr(before)
@@ -113,10 +88,10 @@ def test_later_runs_leave_the_record_as_it_is(evaluator: ModuleType) -> None:
 def test_only_bound_runs_keep_and_use_it(evaluator: ModuleType, states: Any) -> None:
     registry = RecordingRegistry(factories={"f": RecordingFunction(), "g": RecordingFunction()})
     graph = nested()
-    run(evaluator, graph, None, registry=registry, states=states)
+    bound_run(evaluator, graph, None, registry=registry, states=states)
     assert not hasattr(graph, "_collect_nodes_cache")
     graph._collect_nodes_cache = kept = "no record at all"
-    run(evaluator, graph, None, registry=registry, states=states)
+    bound_run(evaluator, graph, None, registry=registry, states=states)
     assert graph._collect_nodes_cache is kept
 
 
@@ -140,7 +115,7 @@ def test_failing_walks_keep_nothing(evaluator: ModuleType) -> None:
     graph = rotation("f", feature("a"))
     for bound in ({}, {"root": None}):
         with pytest.raises(FunctionExecutionError):
-            run(evaluator, graph, bound)
+            bound_run(evaluator, graph, bound)
         assert not hasattr(graph, "_collect_nodes_cache")
 
 
@@ -148,7 +123,7 @@ def test_what_fails_after_the_walk_leaves_the_record(evaluator: ModuleType) -> N
     graph = rotation("f", feature("b"))
     features = {"a": counting_matrix(2), "b": counting_matrix(1)}
     with pytest.raises(EvaluationShapeError):
-        run(evaluator, graph, features=features, validate_inputs=False)
+        bound_run(evaluator, graph, features=features, validate_inputs=False)
     assert graph._collect_nodes_cache["feature_ref_names"] == {"root.c0": "b"}
 
 
@@ -220,7 +195,7 @@ def test_a_merged_graph_keeps_its_own(
 
     monkeypatch.setattr(evaluator, "combine_signal_and_transforms", combine)
     bound = {path: RecordingFunction() for path in ("root", "root.c0", "root.c0.c0")}
-    run(evaluator, graph, bound, transform_pipeline=["stage"])
+    bound_run(evaluator, graph, bound, transform_pipeline=["stage"])
     assert graph._collect_nodes_cache is record
     kept = merged[0]._collect_nodes_cache
     # The stamps of the signal's functions are their paths without the transform.
@@ -231,7 +206,7 @@ def test_a_merged_graph_keeps_its_own(
 def test_a_graph_that_keeps_nothing(evaluator: ModuleType, fault: BaseException) -> None:
     graph = refusing(fault)("rotation", "f", [feature("a")])
     for _ in range(2):
-        same_bits(run(evaluator, graph).weights, counting_matrix(2))
+        same_bits(bound_run(evaluator, graph).weights, counting_matrix(2))
 
 
 @pytest.mark.parametrize("fault", [ValueError("x"), KeyboardInterrupt()], ids=repr)
@@ -239,7 +214,7 @@ def test_other_faults_of_the_slot_pass(evaluator: ModuleType, fault: BaseExcepti
     for make in (refusing, failing_slot):
         instance = RecordingFunction()
         with lets_through(fault):
-            run(evaluator, make(fault)("rotation", "f", [feature("a")]), {"root": instance})
+            bound_run(evaluator, make(fault)("rotation", "f", [feature("a")]), {"root": instance})
         assert instance.calls == []
 
 
@@ -247,10 +222,10 @@ def test_a_class_without_room(evaluator: ModuleType, monkeypatch: pytest.MonkeyP
     monkeypatch.setattr(evaluator, "FunctionGraphNode", SlottedNode)
     graph = SlottedNode("rotation", "f", [SlottedNode("feature", "b")])
     for _ in range(2):
-        same_bits(run(evaluator, graph).weights, counting_matrix(2, start=50))
+        same_bits(bound_run(evaluator, graph).weights, counting_matrix(2, start=50))
     graph.children.clear()
     bound = {"root": RecordingFunction(4.0)}
-    same_bits(run(evaluator, graph, bound).weights, np.full((2, 3), 4.0))
+    same_bits(bound_run(evaluator, graph, bound).weights, np.full((2, 3), 4.0))
 
 
 # --- what belongs to the run ---------------------------------------------------------------------
@@ -261,7 +236,7 @@ def test_another_context_has_other_columns(evaluator: ModuleType) -> None:
     recorded(evaluator, graph)
     features = {"b": counting_matrix(3, 1), "x": counting_matrix(3, 1), "a": -counting_matrix(3, 1)}
     bound = bind_all(graph)
-    result = run(evaluator, graph, bound, features=features)
+    result = bound_run(evaluator, graph, bound, features=features)
     same_bits(result.weights, features["a"])
     assert [call.values[1].tolist() for call in bound["root"].calls] == features["b"].tolist()
     assert list(result.node_outputs) == list(graph._collect_nodes_cache["node_info"])
@@ -271,7 +246,7 @@ def test_a_stage_array_can_be_a_kept_leaf(evaluator: ModuleType) -> None:
     graph = rotation("f", feature("b"))
     recorded(evaluator, graph)
     stage = np.array([[7, 8, 9], [4, 5, 6]])
-    result = run(
+    result = bound_run(
         evaluator, graph, features={"a": counting_matrix(2)}, stage_data=StageData({"b": stage})
     )
     same_bits(result.weights, stage.astype(np.float64))
@@ -281,7 +256,7 @@ def test_instances_belong_to_the_run(evaluator: ModuleType) -> None:
     graph = rotation("f", feature("a"))
     recorded(evaluator, graph)
     later = RecordingFunction(3.0, stateful=True, state={"count": 2})
-    result = run(evaluator, graph, {"root": later}, states={"root": {}})
+    result = bound_run(evaluator, graph, {"root": later}, states={"root": {}})
     same_bits(result.weights, np.full((2, 3), 3.0))
     assert result.states == {"root": {"count": 2}}
 
@@ -292,7 +267,7 @@ def test_bound_paths_are_marked_again(evaluator: ModuleType) -> None:
     recorded(evaluator, graph)
     for attributes, values in (({}, 2), ({"arity": 1}, 1)):
         instance = RecordingFunction(**attributes)
-        run(evaluator, graph, {"root": instance})
+        bound_run(evaluator, graph, {"root": instance})
         assert [len(call.args) for call in instance.calls] == [values] * 2
         assert [call.kwargs for call in instance.calls] == [{}, {}]
 
@@ -302,7 +277,7 @@ def test_a_cached_run_asks_the_registry_in_the_preflight_only(evaluator: ModuleT
     registry = RecordingRegistry({"f": entry()})
     calls = []
     for _ in range(2):
-        run(evaluator, graph, registry=registry)
+        bound_run(evaluator, graph, registry=registry)
         calls.append([method for method, *_ in registry.calls])
         registry.calls.clear()
     assert calls == [
@@ -324,7 +299,7 @@ def test_bound_instances_are_asked_in_the_order_of_the_walk(evaluator: ModuleTyp
             asked.append(("item", path))
             return super().__getitem__(path)
 
-    run(evaluator, graph, Bound(bind_all(graph)))
+    bound_run(evaluator, graph, Bound(bind_all(graph)))
     assert asked == [(how, path) for path in ("root.c0", "root") for how in ("in", "item")]
 
 
@@ -359,7 +334,7 @@ def test_features_are_looked_at_before_instances(
     record = recorded(evaluator, graph)
     matrices = {name: counting_matrix(1) for name in features}
     with fails(error, text):
-        run(evaluator, graph, bound, features=matrices)
+        bound_run(evaluator, graph, bound, features=matrices)
     assert graph._collect_nodes_cache is record
 
 
@@ -367,10 +342,10 @@ def test_the_walk_reports_the_fault_that_comes_first_in_the_graph(evaluator: Mod
     graph = faulty()
     matrices = {"a": counting_matrix(1)}
     with fails(FunctionExecutionError, MISSING.format("root.c0", "g")):
-        run(evaluator, graph, {}, features=matrices)
+        bound_run(evaluator, graph, {}, features=matrices)
     recorded(evaluator, graph)
     with fails(EvaluationError, "Feature 'b' not in context"):
-        run(evaluator, graph, {}, features=matrices)
+        bound_run(evaluator, graph, {}, features=matrices)
 
 
 def test_checks_behind_the_tables_still_run(evaluator: ModuleType) -> None:
@@ -379,9 +354,9 @@ def test_checks_behind_the_tables_still_run(evaluator: ModuleType) -> None:
     features = {"a": counting_matrix(2), "b": counting_matrix(1)}
     text = "Function 'h' input feature 'b' has shape (1, 3), expected (2, 3)"
     with fails(EvaluationShapeError, text):
-        run(evaluator, graph, features=features, validate_inputs=False)
+        bound_run(evaluator, graph, features=features, validate_inputs=False)
     with fails(EvaluationError, "Function state keys do not match graph tree structure"):
-        run(evaluator, graph, states={"other": {}})
+        bound_run(evaluator, graph, states={"other": {}})
 
 
 def test_a_failing_mapping_passes(evaluator: ModuleType) -> None:
@@ -391,7 +366,7 @@ def test_a_failing_mapping_passes(evaluator: ModuleType) -> None:
     for method in ("__contains__", "__getitem__"):
         bound = type("Bound", (dict,), {method: raising(fault)})({"root": RecordingFunction()})
         with lets_through(fault):
-            run(evaluator, graph, bound)
+            bound_run(evaluator, graph, bound)
     index = type("Index", (dict,), {"__contains__": raising(fault)})({"a": 0})
     context = make_context(evaluator, {"a": counting_matrix(1)}, validate_inputs=False)
     context.feature_index = index
@@ -416,7 +391,7 @@ def test_an_empty_mapping_uses_the_record(evaluator: ModuleType) -> None:
     graph = number(2.0)
     record = recorded(evaluator, graph, {})
     record["float_values"]["root"] = 5.0
-    same_bits(run(evaluator, graph, {}).weights, np.full((2, 3), 5.0))
+    same_bits(bound_run(evaluator, graph, {}).weights, np.full((2, 3), 5.0))
 
 
 @pytest.mark.parametrize("kind", [dict, EmptyLooking])
@@ -429,252 +404,8 @@ def test_warm_up_rows_and_literals_go_by_the_truth_of_the_mapping(
     for _ in range(2):
         instance = RecordingFunction(1.0)
         bound = kind({"root": instance})
-        result = run(evaluator, graph, bound, registry=registry, features=features)
+        result = bound_run(evaluator, graph, bound, registry=registry, features=features)
         warm_up = 0 if kind is dict else 2
         assert np.isnan(result.weights).sum(axis=0).tolist() == [warm_up] * 3
         assert {len(call.args) for call in instance.calls} == {2 if kind is dict else 1}
         assert bool(result.node_outputs) is (kind is dict)
-
-
-# --- the graph has changed -----------------------------------------------------------------------
-
-
-def test_a_changed_graph_is_not_noticed(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"), number(2.0))
-    recorded(evaluator, graph)
-    graph.children = [feature("nowhere"), number("no number")]
-    graph.node = "other"
-    bound = {"root": RecordingFunction()}
-    same_bits(run(evaluator, graph, bound).weights, counting_matrix(2))
-    with fails(FunctionExecutionError, MISSING.format("root", "f")):
-        run(evaluator, graph, {})
-    evaluator.invalidate_graph_evaluation_caches(graph)
-    with fails(EvaluationError, "Feature 'nowhere' not in context"):
-        run(evaluator, graph, bound)
-
-
-def test_the_preflight_and_the_fast_roads_see_the_graph_itself(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"))
-    recorded(evaluator, graph)
-    graph.config = {"A": 1}
-    with pytest.raises(FunctionExecutionError, match="engine-only"):
-        run(evaluator, graph)
-    graph.type, graph.node, graph.config = "feature", "b", None
-    context = make_context(evaluator, {"b": counting_matrix(1)})
-    assert (
-        evaluator.evaluate(graph, context, bound_function_instances={}).weights
-        is (context.features[0])
-    )
-
-
-def test_a_new_stamp_is_not_noticed(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"))
-    recorded(evaluator, graph)
-    graph._state_identity = "stamp"
-    bound = {"root": RecordingFunction(stateful=True, state={})}
-    assert list(run(evaluator, graph, bound).states) == ["root"]
-    evaluator.invalidate_graph_evaluation_caches(graph)
-    assert list(run(evaluator, graph, bound).states) == ["stamp"]
-
-
-# --- the record has changed ----------------------------------------------------------------------
-
-
-def rename_function(record: Any) -> None:
-    record["node_info"]["root"]["node"] = "renamed"
-
-
-def rename_feature(record: Any) -> None:
-    record["feature_ref_names"]["root.c0"] = "b"
-
-
-def forget_feature(record: Any) -> None:
-    del record["feature_ref_names"]["root.c0"]
-
-
-def add_unknown_feature(record: Any) -> None:
-    record["feature_ref_names"]["elsewhere"] = "zz"
-
-
-def add_function(record: Any) -> None:
-    record["state_keys"]["elsewhere"] = "elsewhere"
-
-
-def forget_function(record: Any) -> None:
-    record["state_keys"].clear()
-
-
-def forget_child(record: Any) -> None:
-    record["node_info"]["root"]["children_paths"].remove("root.c0")
-
-
-def forget_float(record: Any) -> None:
-    record["float_values"].clear()
-
-
-@pytest.mark.parametrize(
-    ("change", "error", "text"),
-    [
-        (rename_function, FunctionExecutionError, MISSING.format("root", "renamed")),
-        (add_unknown_feature, EvaluationError, "Feature 'zz' not in context"),
-        (add_function, KeyError, "'elsewhere'"),
-    ],
-)
-def test_faults_of_a_changed_record(
-    evaluator: ModuleType, change: Any, error: Any, text: str
-) -> None:
-    graph = rotation("f", feature("a"), number(2.0))
-    change(recorded(evaluator, graph))
-    bound = {} if change is rename_function else {"root": RecordingFunction()}
-    with pytest.raises(error) as caught:
-        run(evaluator, graph, bound)
-    assert str(caught.value) == text
-
-
-@pytest.mark.parametrize(
-    ("change", "key"),
-    [(forget_feature, "root.c0"), (forget_function, "root"), (forget_float, "root.c1")],
-)
-def test_what_the_record_lacks(evaluator: ModuleType, change: Any, key: str) -> None:
-    graph = rotation("f", feature("a"), number(2.0))
-    change(recorded(evaluator, graph))
-    with pytest.raises(KeyError) as caught:
-        run(evaluator, graph)
-    assert caught.value.args == (key,)
-
-
-def test_a_changed_record_is_honoured(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"), number(2.0))
-    record = recorded(evaluator, graph)
-    rename_feature(record)
-    record["float_values"]["root.c1"] = -1.5
-    record["state_keys"]["root"] = "another key"
-    record["node_info"]["root"]["children_paths"].reverse()
-    record["node_info"] = dict(reversed(record["node_info"].items()))
-    instance = RecordingFunction(stateful=True, state={"count": 1})
-    result = run(evaluator, graph, {"root": instance}, states={"another key": {}})
-    assert result.states == {"another key": {"count": 1}}
-    assert list(result.node_outputs) == ["root", "root.c1", "root.c0"]
-    (first, _) = instance.calls
-    same_bits(first.values[0], [-1.5] * 3)
-    same_bits(first.values[1], counting_matrix(2, start=50)[0])
-
-
-def test_a_child_that_was_taken_out_is_not_run(evaluator: ModuleType) -> None:
-    graph = rotation("f", rotation("g", feature("a")), number(2.0))
-    forget_child(recorded(evaluator, graph))
-    bound = bind_all(graph)
-    same_bits(run(evaluator, graph, bound).weights, np.full((2, 3), 2.0))
-    assert bound["root.c0"].calls == []
-
-
-@pytest.mark.parametrize(
-    ("kind", "value", "row"),
-    [("int", 4, 4.0), ("bool", "yes", 1.0), ("string", "s", 0.0), ("odd", None, 0.0)],
-)
-def test_a_changed_kind_is_honoured(
-    evaluator: ModuleType, kind: str, value: Any, row: float
-) -> None:
-    graph = feature("a")
-    record = recorded(evaluator, graph, {})
-    record["node_info"]["root"].update(type=kind, node=value)
-    same_bits(run(evaluator, graph, {}).weights, np.full((2, 3), row))
-
-
-def test_changed_identities_and_configuration_children_are_honoured(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"), number(2.0))
-    info = recorded(evaluator, graph)["node_info"]
-    info["root.c0"]["canonical_id"] = "id"
-    info["root"]["config_child_paths"].add("root.c1")
-    instance = RecordingFunction(arity=1)
-    attributes = {"_precomputed_node_outputs": {"id": [7.0] * 3}}
-    result = run(evaluator, graph, {"root": instance}, attributes=attributes)
-    same_bits(result.weights, np.full((2, 3), 7.0))
-    assert len(instance.calls[0].args) == 1
-
-
-def test_changed_marks_go_by_the_record(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"))
-    recorded(evaluator, graph)["node_info"]["root.c0"]["node"] = NOT_FAST[0]
-    assert list(run(evaluator, graph).nan_source) == ["root.c0", "root"]
-
-
-def test_reductions_go_by_the_record(
-    evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    replace_filters(monkeypatch, evaluator, top=["b"], bottom=["c"])
-    graph = reduction("mean", filtration("top"), filtration("bottom"), string("gross_returns"))
-    pool = make_pool(rows=1)
-    options = {"useful_signals": pool, "features": {"a": counting_matrix(1)}}
-    instance = stateful(state={})
-    record = recorded(evaluator, graph, {"root": instance}, **options)
-    nodes = record["filtration_nodes"]
-    nodes["root.c0"] = nodes["root.c1"]
-    record["reduction_nodes"]["root"]["config"] = {"pnl_column": "net_returns"}
-    vectors = {"c": {"net_returns": 5.0, "gross_returns": 1.0}}
-    result = run(evaluator, graph, {"root": instance}, signal_pnl_vectors=vectors, **options)
-    same_bits(result.weights, pool["c"].weights)
-    assert instance.calls[-1].kwargs["signal_pnl"].tolist() == [5.0]
-
-
-@pytest.mark.parametrize("key", [*TABLES, "feature_ref_names"])
-def test_a_record_without_a_table(evaluator: ModuleType, key: str) -> None:
-    graph = rotation("f", feature("a"))
-    del recorded(evaluator, graph)[key]
-    with pytest.raises(KeyError) as caught:
-        run(evaluator, graph)
-    assert caught.value.args == (key,)
-
-
-def test_tables_are_taken_in_order(evaluator: ModuleType) -> None:
-    graph = rotation("f", feature("a"))
-    record = recorded(evaluator, graph)
-    for key in reversed([*TABLES, "feature_ref_names"]):
-        del record[key]
-        with pytest.raises(KeyError) as caught:
-            run(evaluator, graph)
-        assert caught.value.args == (key,)
-    assert record == {}
-
-
-@pytest.mark.parametrize("kept", [0, False, "record", Trap()], ids=lambda kept: type(kept).__name__)
-def test_a_slot_that_holds_something_else(evaluator: ModuleType, kept: Any) -> None:
-    """Anything but None is taken for a record."""
-    graph = rotation("f", feature("a"), _collect_nodes_cache=kept)
-    with pytest.raises(TypeError):
-        run(evaluator, graph)
-    assert graph._collect_nodes_cache is kept
-
-
-class Tables(dict):
-    """A mapping of a class of its own."""
-
-
-def pickled(value: Any) -> Any:
-    return pickle.loads(pickle.dumps(value))
-
-
-@pytest.mark.parametrize("again", [copy.copy, copy.deepcopy, pickled, Tables])
-def test_a_copied_record_serves_as_well(evaluator: ModuleType, again: Any) -> None:
-    graph = nested()
-    expected = run(evaluator, graph)
-    graph._collect_nodes_cache = kept = again(graph._collect_nodes_cache)
-    kept["float_values"]["root.c0.c1"] = 9.0
-    bound = bind_all(graph)
-    result = run(evaluator, graph, bound)
-    same_bits(result.weights, expected.weights)
-    same_bits(bound["root.c0"].calls[0].values[1], [9.0] * 3)
-    assert graph._collect_nodes_cache is kept
-
-
-@pytest.mark.parametrize("again", [copy.deepcopy, pickled])
-def test_a_copied_graph_brings_its_record(evaluator: ModuleType, again: Any) -> None:
-    graph = nested()
-    record = recorded(evaluator, graph)
-    copied = again(graph)
-    copied._collect_nodes_cache["float_values"]["root.c0.c1"] = 9.0
-    bound = bind_all(copied)
-    run(evaluator, copied, bound)
-    same_bits(bound["root.c0"].calls[0].values[1], [9.0] * 3)
-    assert record["float_values"] == {"root.c0.c1": 2.5}
-    assert copied._collect_nodes_cache["node_info"]["root"]["children"] is copied.children

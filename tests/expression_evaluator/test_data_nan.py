@@ -293,7 +293,7 @@ def test_a_replaced_row_is_in_the_state_all_the_same(evaluator: ModuleType) -> N
 @pytest.mark.parametrize(
     "wrong",
     [np.zeros(2), np.zeros((3, 1)), np.zeros(3, np.float32), "text", None, object(), [1.0, [2.0]]],
-    ids=repr,
+    ids=lambda wrong: type(wrong).__name__,
 )
 def test_a_replaced_result_is_not_checked(evaluator: ModuleType, wrong: Any) -> None:
     features = {"a": counting_matrix(2), "b": np.array([[NAN] * 3, [NAN, NAN, 1.0]])}

@@ -53,6 +53,10 @@ class Said:
 
 def permissive(**attributes: Any) -> SimpleNamespace:
     """The attributes of a context that every fast road reads, none of them in its way."""
-    required = {"useful_signals": {}, "transform_pipeline": [], "metaparameters": {}}
+    required: dict[str, Any] = {
+        "useful_signals": {},
+        "transform_pipeline": [],
+        "metaparameters": {},
+    }
     defaults = {**required, "registry": None, "feature_index": {"a": 0, "b": 1}}
     return SimpleNamespace(**{**defaults, **attributes})

@@ -167,8 +167,8 @@ void compute_deviations(Tile& tile, Totals* totals, std::size_t rows, std::size_
       const long double deviation = __builtin_sqrtl(spread <= 0.0L ? 0.0L : spread);
       double& computed = tile.computed.cells[row][column];
       if constexpr (z_score) {
-        computed =
-            deviation == 0.0L ? 0.0 : static_cast<double>((entering - mean) / deviation);
+        const auto quotient = static_cast<double>((entering - mean) / deviation);
+        computed = deviation == 0.0L ? 0.0 : quotient;
       } else {
         computed = static_cast<double>(deviation);
       }
