@@ -212,10 +212,12 @@ class RecordReader {
   void read_features() {
     SequenceIterator paths(feature_ref_names_);
     for (Object path = paths.next(); !path.empty(); path = paths.next()) {
-      const NodeIndex index = index_of(path);
-      set_feature_index(space_, table_.nodes[index], member(feature_ref_names_, path),
-                        inputs_.context);
-      table_.leaves.push_back(index);
+      // A name that stands at no node is only looked up.
+      Node nowhere;
+      const NodeIndex index = indices_.find(path);
+      Node& node = index == no_node ? nowhere : table_.nodes[index];
+      set_feature_index(space_, node, member(feature_ref_names_, path), inputs_.context);
+      if (index != no_node) table_.leaves.push_back(index);
     }
   }
 

@@ -455,6 +455,16 @@ def test_a_run(evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch, limit: in
     assert context.current_day_index == 17
 
 
+@pytest.mark.parametrize("window", [6, 10**30, "12", 5.9, True])
+def test_windows_as_a_graph_holds_them(
+    evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch, window: Any
+) -> None:
+    monkeypatch.setattr(evaluator, "_LONGITUDINAL_FAST_MIN_ROWS", 5)
+    context = make_context(evaluator, {"a": counting_matrix(5)}, registry=stubs())
+    weights, _ = evaluator.evaluate(chain((MEAN, window)), context)
+    same_bits(weights, rolling_matrix(counting_matrix(5), int(window), MEAN))
+
+
 def test_bound_instances_do_not_refuse(
     evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
