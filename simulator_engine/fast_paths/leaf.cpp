@@ -1,5 +1,6 @@
 #include "fast_paths/leaf.hpp"
 
+#include "host/feature.hpp"
 #include "host/graph_node.hpp"
 #include "host/matrix.hpp"
 #include "python/call.hpp"
@@ -41,8 +42,7 @@ Object evaluate_leaf_fast(Namespace& space, const CallArguments& arguments) {
   const host::Names& names = space.names;
   const Object feature_index = attribute(context, names.feature_index);
   const Object index = item(feature_index, host::node_value(space, graph, host::LabelPath("root")));
-  const Object feature = item(attribute(context, names.features), index);
-  const Object data = host::as_float64(space, feature);
+  const Object data = host::feature_matrix(space, context, index);
   const Object masked =
       call(space.global(names._apply_universe_mask), data, attribute(context, names.universe));
   Object result = host::as_contiguous_float64(space, masked);

@@ -1,6 +1,7 @@
 #include "fast_paths/rank.hpp"
 
 #include "fast_paths/kernels/rank.hpp"
+#include "host/feature.hpp"
 #include "host/graph_node.hpp"
 #include "host/matrix.hpp"
 #include "host/universe.hpp"
@@ -100,16 +101,11 @@ Object rank(const Namespace& space, PyObject* data, PyObject* universe) {
 Object evaluate_simple_rank_fast(Namespace& space, const CallArguments& arguments) {
   static constexpr Parameters<2> parameters{"_evaluate_simple_rank_fast", {"graph", "context"}};
   const auto [graph, context] = parameters.bind(arguments);
-  const host::Names& names = space.names;
   const Object leaf = item(host::children_of(space, graph), integer(0));
   const Object name = host::node_value(space, leaf, host::LabelPath("root.c0"));
-  if (!contains(attribute(context, names.feature_index), name)) {
-    raise(space.evaluation_error(), message("Feature '", name, "' not in context"));
-  }
-  const Object index = item(attribute(context, names.feature_index), name);
-  const Object feature = item(attribute(context, names.features), index);
-  const Object data = host::as_float64(space, feature);
-  return rank(space, data, attribute(context, names.universe));
+  const Object position = host::feature_position(space, context, name);
+  const Object data = host::feature_matrix(space, context, position);
+  return rank(space, data, attribute(context, space.names.universe));
 }
 
 Object evaluate_rank_multiply_fast(Namespace& space, const CallArguments& arguments) {

@@ -19,8 +19,6 @@
   NAME(asarray)                           \
   NAME(ascontiguousarray)                 \
   NAME(astype)                            \
-  NAME(axis)                              \
-  NAME(bound_function_instances)          \
   NAME(canonical_id)                      \
   NAME(cause)                             \
   NAME(children)                          \
@@ -29,7 +27,6 @@
   NAME(column_labels)                     \
   NAME(config)                            \
   NAME(config_child_paths)                \
-  NAME(context)                           \
   NAME(copy)                              \
   NAME(count)                             \
   NAME(create_instance)                   \
@@ -37,7 +34,6 @@
   NAME(current_day_index)                 \
   NAME(data)                              \
   NAME(data_nan)                          \
-  NAME(data_nan_features)                 \
   NAME(decode)                            \
   NAME(dtype)                             \
   NAME(dumps)                             \
@@ -73,9 +69,7 @@
   NAME(implementation)                    \
   NAME(import_module)                     \
   NAME(index)                             \
-  NAME(int32)                             \
   NAME(invert)                            \
-  NAME(is_cold_start)                     \
   NAME(is_empty)                          \
   NAME(isfinite)                          \
   NAME(isnan)                             \
@@ -147,8 +141,6 @@
   NAME(bool_, "bool")                  \
   NAME(class_, "__class__")            \
   NAME(dict_, "__dict__")              \
-  NAME(enter, "__enter__")             \
-  NAME(exit, "__exit__")               \
   NAME(default_, "default")            \
   NAME(float_, "float")                \
   NAME(int_, "int")                    \
@@ -201,7 +193,6 @@
   NAME(_graph_cache_get)                   \
   NAME(_graph_cache_set)                   \
   NAME(_logger)                            \
-  NAME(_registry_function_state_class)     \
   NAME(_rolling_longitudinal_fast)         \
   NAME(_validate_evaluation_shapes)        \
   NAME(combine_signal_and_transforms)      \

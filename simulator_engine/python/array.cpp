@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 
 namespace quernbrook::python {
@@ -28,22 +29,29 @@ namespace {
 
 /// Memory of whole pages, which the system hands out as zeros when they are first touched.
 struct Pages {
-  void* start;
-  std::size_t size;
+  explicit Pages(std::size_t bytes)
+      : start(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)),
+        size(bytes) {
+    if (start == MAP_FAILED) throw std::bad_alloc();
+  }
+  ~Pages() { munmap(start, size); }
+  Pages(const Pages&) = delete;
+  Pages& operator=(const Pages&) = delete;
+
+  void* const start;
+  const std::size_t size;
 
   static constexpr const char* capsule_name = "zeroed pages";
   static void release(PyObject* capsule) {
-    auto* pages = static_cast<Pages*>(PyCapsule_GetPointer(capsule, capsule_name));
-    munmap(pages->start, pages->size);
-    delete pages;
+    delete static_cast<Pages*>(PyCapsule_GetPointer(capsule, capsule_name));
   }
 };
 
 Object zeroed_pages(std::size_t size) {
-  void* start = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (start == MAP_FAILED) throw std::bad_alloc();
-  auto* pages = new Pages{start, size};
-  return Object::own(PyCapsule_New(pages, Pages::capsule_name, Pages::release));
+  auto pages = std::make_unique<Pages>(size);
+  Object capsule = Object::own(PyCapsule_New(pages.get(), Pages::capsule_name, Pages::release));
+  pages.release();
+  return capsule;
 }
 
 }  // namespace

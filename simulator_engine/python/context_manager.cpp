@@ -1,5 +1,7 @@
 #include "python/context_manager.hpp"
 
+#include <initializer_list>
+
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -37,17 +39,28 @@ ContextManager::ContextManager(PyObject* manager) {
   if (enter_.empty()) refuse(manager, "__enter__", "");
   exit_ = special_method(manager, as_text("__exit__"));
   if (exit_.empty()) refuse(manager, "__exit__", " (missed __exit__ method)");
+  exit_arguments_ = Object::own(PyTuple_Pack(3, Py_None, Py_None, Py_None));
+  // A reference that somebody finds through the garbage collector would forbid filling it.
+  PyObject_GC_UnTrack(exit_arguments_);
 }
 
 void ContextManager::enter() { call(enter_); }
 
-void ContextManager::leave() { call(exit_, Py_None, Py_None, Py_None); }
+void ContextManager::leave() { exit(Py_None, Py_None, Py_None); }
 
 bool ContextManager::leave_with(const Handling& error) {
   const Object traceback = error.traceback();
-  const Object swallows =
-      call(exit_, error.type(), error.value(), traceback.empty() ? Py_None : traceback.get());
-  return truth(swallows);
+  return exit(error.type(), error.value(), traceback.empty() ? Py_None : traceback.get());
+}
+
+bool ContextManager::exit(PyObject* type, PyObject* value, PyObject* traceback) {
+  PyObject* arguments = exit_arguments_;
+  Py_ssize_t place = 0;
+  for (PyObject* argument : {type, value, traceback}) {
+    checked(PyTuple_SetItem(arguments, place++, Py_NewRef(argument)));
+  }
+  const Object swallows = Object::own(PyObject_Call(exit_, arguments, nullptr));
+  return value != Py_None && truth(swallows);
 }
 
 }  // namespace quernbrook::python

@@ -16,8 +16,12 @@ class ContextManager {
   bool leave_with(const Handling& error);
 
  private:
+  bool exit(PyObject* type, PyObject* value, PyObject* traceback);
+
   Object exit_;
   Object enter_;
+  // Made before the manager is entered: a lock must not stay taken for want of memory.
+  Object exit_arguments_;
 };
 
 /// `with manager: return body()`. None where the manager swallows an exception of the body.

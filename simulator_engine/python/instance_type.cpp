@@ -56,6 +56,13 @@ void activate_special_methods(PyObject* type, const PyMethodDef* methods) {
     const Object name = as_text(method->ml_name);
     set_attribute(type, name, attribute(type, name));
   }
+#if PY_VERSION_HEX >= 0x030D0000
+  // inspect.signature binds __init__ to the class itself, which a method descriptor refuses.
+  const Object name = as_text("__init__");
+  const Object initializer = optional_attribute(type, name);
+  if (initializer.empty() || Py_TYPE(initializer.get()) != &PyMethodDescr_Type) return;
+  set_attribute(type, name, Object::own(PyInstanceMethod_New(initializer)));
+#endif
 }
 
 }  // namespace

@@ -229,11 +229,13 @@ class Settings(dict):  # type: ignore[type-arg]
     pass
 
 
-@pytest.mark.parametrize(
-    "config", [Settings(a=1), MappingProxyType({"a": 1}), [("a", 1)], iter([("a", 1)])]
-)
-def test_what_a_dict_can_be_made_of(evaluator: ModuleType, config: Any) -> None:
-    read = evaluator._graph_config_dict(rotation("f", config=config))
+def iter_items(settings: dict[str, Any]) -> Any:
+    return iter(settings.items())
+
+
+@pytest.mark.parametrize("make", [Settings, MappingProxyType, lambda d: [*d.items()], iter_items])
+def test_what_a_dict_can_be_made_of(evaluator: ModuleType, make: Any) -> None:
+    read = evaluator._graph_config_dict(rotation("f", config=make({"a": 1})))
     assert type(read) is dict and read == {"a": 1}
 
 

@@ -188,7 +188,7 @@ def test_the_mean_of_nothing(evaluator, monkeypatch, columns):
     results: list[Any] = []
     given = warned(lambda: results.append(evaluator.evaluate(graph, context)))
     assert given == warned(lambda: np.mean(np.zeros((0, columns)), axis=0))
-    assert (RuntimeWarning, "Mean of empty slice.") in given or columns == 0
+    assert given or columns == 0
     assert np.isnan(results[0].weights).all()
     assert results[0].weights.shape == (1, columns)
 
@@ -198,9 +198,11 @@ def test_a_warning_that_is_an_error_is_a_failure_of_the_function(evaluator, monk
     context = reduction_context(evaluator, {"f": uncalled()})
     with warnings.catch_warnings():
         warnings.simplefilter("error")
+        with pytest.raises(RuntimeWarning) as own:
+            np.mean(np.zeros((0, 3)), axis=0)
         with pytest.raises(FunctionExecutionError) as caught:
             evaluator.evaluate(reduction("f", filtration("first")), context)
-    assert str(caught.value) == "Function 'f' failed at row 0: Mean of empty slice."
+    assert str(caught.value) == f"Function 'f' failed at row 0: {own.value}"
     assert type(caught.value.__cause__) is RuntimeWarning
 
 

@@ -334,6 +334,34 @@ def test_wrong_arguments(evaluator: ModuleType, name: str) -> None:
             function(**{key: value for key, value in arguments.items() if key != missing})
 
 
+def test_all_missing_arguments_are_named(evaluator: ModuleType) -> None:
+    with pytest.raises(TypeError) as two:
+        evaluator.evaluate()
+    assert str(two.value).endswith(
+        "evaluate() missing 2 required positional arguments: 'graph' and 'context'"
+    )
+    with pytest.raises(TypeError) as three:
+        evaluator.extract_filtration_weights()
+    assert str(three.value).endswith(
+        "missing 3 required positional arguments: 'useful_signals', 'passing_ids', and 't'"
+    )
+
+
+def test_a_name_that_is_gone_from_the_module(
+    native: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    context = native.EvaluationContext((np.ones((1, 1)),), {"x": 0})
+    monkeypatch.delattr(native, "_evaluate_unlocked")
+    with pytest.raises(NameError, match="name '_evaluate_unlocked' is not defined"):
+        native.evaluate(feature("x"), context)
+
+
+@pytest.mark.parametrize("name", ["_param_schema_names", "_preflight_param_schema_names"])
+def test_names_of_a_schema(evaluator: ModuleType, name: str) -> None:
+    entry = SimpleNamespace(param_schema={"window": "int", "total": "float"})
+    assert set(getattr(evaluator, name)(entry)) == {"window", "total"}
+
+
 @pytest.mark.parametrize("name", [name for name in SIGNATURES if name not in CLASSES])
 def test_functions_know_where_they_live(evaluator: ModuleType, name: str) -> None:
     function = getattr(evaluator, name)

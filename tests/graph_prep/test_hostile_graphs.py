@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import os
 import subprocess
 import sys
 from collections.abc import Iterator
+from pathlib import Path
 from typing import Any
 
 import numpy as np
@@ -421,6 +423,7 @@ for kind, length, limit, expected in [
 def test_endless_and_deep_graphs_end_in_an_error_and_never_in_a_crash(evaluator, script):
     completed = subprocess.run(
         [sys.executable, "-c", IN_A_PROCESS_OF_ITS_OWN + script, evaluator.__name__],
+        env={**os.environ, "PYTHONPATH": str(Path(__file__).parents[1])},
         capture_output=True,
         check=False,
         text=True,

@@ -37,6 +37,13 @@ class MatrixCase:
 
 
 @dataclass(frozen=True)
+class SignalCase:
+    weights: MatrixCase
+    pnl: MatrixCase | None
+    sharpe: float
+
+
+@dataclass(frozen=True)
 class FunctionCase:
     """What a function's instances do, and what its registry entry says."""
 
@@ -56,6 +63,9 @@ class RunCase:
     features: tuple[tuple[str, MatrixCase], ...]
     functions: tuple[tuple[str, FunctionCase], ...] = ()
     universe: MatrixCase | None = None
+    pool: tuple[tuple[str, SignalCase], ...] = ()
+    pnl_vectors: tuple[tuple[str, Pairs], ...] | None = None
+    cold: bool = False
     bound: str = "no"
     """"no", "all", "none" (an empty mapping), "without <path>" or "None at <path>"."""
     states: Pairs | None = None

@@ -8,10 +8,12 @@ from typing import Any
 
 import numpy as np
 from properties.actions import Memory, act
-from properties.cases import FunctionCase, MatrixCase, NodeCase, RunCase
+from properties.cases import FunctionCase, MatrixCase, NodeCase, RunCase, SignalCase
 from quernbrook.functions._typed_shapes import FunctionGraphNode
-from quernbrook.simulator_engine._types import EvaluationError
+from quernbrook.simulator_engine._types import EvaluationError, UsefulSignal
+from structlog.testing import capture_logs
 
+PNL_COLUMNS = ("gross_returns", "net")
 Log = list[tuple[Any, ...]]
 
 
@@ -40,6 +42,11 @@ class LoggingFunction:
         self.log.append(("stateful", self.name))
         return self.case.stateful
 
+    @property
+    def window(self) -> int:
+        self.log.append(("window", self.name))
+        return 3
+
     def get_state(self) -> dict[str, int]:
         self.log.append(("get_state", self.name))
         return {"count": self.memory.calls}
@@ -52,12 +59,17 @@ class LoggingFunction:
                 "call",
                 self.name,
                 [(bits(row), row.flags.owndata, row.flags.writeable) for row in rows],
-                {key: value is context for key, value in keywords.items()},
+                {
+                    key: bits(value) if isinstance(value, np.ndarray) else value is context
+                    for key, value in keywords.items()
+                },
                 context.current_day_index,
                 bits(context.registers),
                 kept,
             )
         )
+        if rows and rows[0].ndim == 2:  # the block of a reduction, a signal in each row
+            rows = tuple(rows[0])
         try:
             return act(self.case.action, self.case.faulty_row, rows, self.memory)
         finally:
@@ -128,6 +140,11 @@ def build_matrix(case: MatrixCase, columns: int) -> np.ndarray:
     return matrix
 
 
+def build_signal(case: SignalCase, columns: int) -> UsefulSignal:
+    pnl = None if case.pnl is None else build_matrix(case.pnl, len(PNL_COLUMNS))
+    return UsefulSignal(build_matrix(case.weights, columns), pnl, {"sharpe": case.sharpe})
+
+
 def build_bound(case: RunCase, log: Log, context: Any) -> dict[str, Any] | None:
     if case.bound == "no":
         return None
@@ -152,6 +169,7 @@ def describe_error(error: BaseException | None) -> Any:
     return (
         f"{type(error).__module__}.{type(error).__qualname__}",
         str(error),
+        getattr(error, "filter_diagnostics", None),
         describe_error(error.__cause__),
         describe_error(error.__context__),
         error.__suppress_context__,
@@ -197,6 +215,15 @@ def observe(evaluator: ModuleType, case: RunCase) -> dict[str, Any]:
             universe=(
                 None if case.universe is None else build_matrix(case.universe, case.shape[1])
             ),
+            useful_signals={
+                name: build_signal(signal, case.shape[1]) for name, signal in case.pool
+            },
+            column_labels=list(PNL_COLUMNS),
+            signal_pnl_vectors=(
+                None
+                if case.pnl_vectors is None
+                else {name: dict(values) for name, values in case.pnl_vectors}
+            ),
             validate_inputs=case.validate,
         )
     except EvaluationError as error:
@@ -229,13 +256,14 @@ def _run_once(
     evaluator: ModuleType, case: RunCase, graph: FunctionGraphNode, context: Any, bound: Any
 ) -> Any:
     states = None if case.states is None else dict(case.states)
-    with warnings.catch_warnings(record=True) as caught:
+    with warnings.catch_warnings(record=True) as caught, capture_logs() as events:
         warnings.simplefilter("always")
         try:
             result = evaluator.evaluate(
                 graph,
                 context,
                 states,
+                case.cold,
                 bound_function_instances=bound,
                 data_nan_features=case.nan_features,
             )
@@ -248,6 +276,9 @@ def _run_once(
                 "nan_source": list(result.nan_source.items()),
                 "node_outputs": [(path, bits(rows)) for path, rows in result.node_outputs.items()],
             }
+    outcome["events"] = [
+        {key: value for key, value in event.items() if key != "instance_id"} for event in events
+    ]
     outcome["warnings"] = [(w.category.__name__, str(w.message)) for w in caught]
     return outcome
 

@@ -6,9 +6,9 @@ from typing import Any
 
 from hypothesis import strategies as st
 from properties.actions import FAULTS, STEADY
-from properties.cases import FunctionCase, MatrixCase, NodeCase, RunCase
+from properties.cases import FunctionCase, MatrixCase, NodeCase, RunCase, SignalCase
 
-FUNCTION_KINDS = ("rotation",)
+FUNCTION_KINDS = ("rotation", "reduction")
 FUNCTION_NAMES = ("f", "g", "h", "weighted_by_vol")
 FEATURE_NAMES = ("a", "b", "c")
 CANONICAL_IDS = ("id", "other")
@@ -50,15 +50,31 @@ def leaves(draw: st.DrawFn) -> NodeCase:
 
 
 @st.composite
+def filters(draw: st.DrawFn) -> tuple[NodeCase, ...]:
+    """At most one filtration over the signals' field."""
+    name = draw(st.sampled_from(["gt", "lte", "top_n", "zz", None, None]))
+    if name is None:
+        return ()
+    bound = NodeCase("int" if name == "top_n" else "float", draw(st.integers(-1, 3)))
+    field = NodeCase("string", draw(rarely(st.just("missing"), "sharpe", one_in=8)))
+    return (NodeCase("filtration", "filtration", (NodeCase(name, name, (field, bound)),)),)
+
+
+@st.composite
 def inner(draw: st.DrawFn, below: st.SearchStrategy[NodeCase]) -> NodeCase:
-    kind = draw(st.sampled_from(FUNCTION_KINDS * 9 + ("odd",)))
+    kind = draw(st.sampled_from(("rotation",) * 8 + ("reduction", "reduction", "odd")))
     keys = st.sampled_from(["window", "k", "p", "q", "invert"])
     keys = keys | rarely(st.sampled_from(["A", "N_alloc"]), "k", one_in=8)
     config = st.dictionaries(keys, small, max_size=2).map(lambda drawn: tuple(drawn.items()))
+    children = tuple(draw(st.lists(below, max_size=4)))
+    if kind == "reduction":
+        children = (*draw(filters()), *children)
+        column = st.sampled_from(["net", "gross_returns", "zz", ""])
+        config = config | column.map(lambda name: (("pnl_column", name),))
     return NodeCase(
         kind,
         draw(st.sampled_from(FUNCTION_NAMES)),
-        tuple(draw(st.lists(below, max_size=4))),
+        children,
         draw(rarely(config, None, one_in=3)),
         draw(rarely(st.sampled_from(CANONICAL_IDS), None, one_in=6)),
         draw(rarely(st.sampled_from(["bare", "root"]), None, one_in=8)),
@@ -82,6 +98,22 @@ def matrices(draw: st.DrawFn, shape: tuple[int, int], values: Any = numbers) -> 
     row = st.tuples(*[values] * columns)
     drawn = draw(st.tuples(*[row] * rows))
     return MatrixCase(drawn, dtype, draw(st.sampled_from(LAYOUTS)))
+
+
+@st.composite
+def pools(draw: st.DrawFn, shape: tuple[int, int]) -> tuple[tuple[str, SignalCase], ...]:
+    pnl = st.none() | matrices((shape[0], 2))
+    return tuple(
+        (name, SignalCase(draw(matrices(shape)), draw(pnl), draw(st.integers(-1, 3).map(float))))
+        for name in draw(st.permutations("xyz"))[: draw(st.integers(1, 3))]
+    )
+
+
+PNL_VECTORS = (
+    (),
+    (("x", (("gross_returns", 1.5), ("net", -0.0))), ("z", (("net", float("inf")),))),
+    (("y", (("gross_returns", float("nan")),)),),
+)
 
 
 @st.composite
@@ -122,6 +154,15 @@ def run_cases(draw: st.DrawFn) -> RunCase:
         features=tuple(features),
         functions=tuple((name, draw(functions())) for name in FUNCTION_NAMES),
         universe=draw(st.none() | matrices(shape)),
+        pool=draw(
+            rarely(pools(shape), (), one_in=3)
+            if not graph.paths_of(("reduction",))
+            else rarely(st.just(()), None, one_in=6).flatmap(
+                lambda none: pools(shape) if none is None else st.just(none)
+            )
+        ),
+        pnl_vectors=draw(rarely(st.sampled_from(PNL_VECTORS), None, one_in=4)),
+        cold=draw(st.booleans()),
         bound=draw(bindings(graph, faulty=fault == "binding")),
         states=draw(states_of(graph, faulty=fault == "states")),
         precomputed=draw(st.none() | stored_rows(shape[1] + (fault == "stored row"))),

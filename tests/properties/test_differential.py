@@ -117,7 +117,7 @@ def test_random_runs_reach_what_they_are_meant_to():
     """Otherwise agreement on them would say little."""
     reached: Counter[str] = Counter()
 
-    @settings(max_examples=300, database=None, derandomize=True)
+    @settings(max_examples=600, database=None, derandomize=True)
     @given(case=run_cases())
     def sample(case: RunCase) -> None:
         observed = observe(reference_evaluator, case)
@@ -129,6 +129,10 @@ def test_random_runs_reach_what_they_are_meant_to():
         reached[f"{ending} {'after calls' if calls['call'] else 'without calls'}"] += 1
         reached["long runs"] += calls["call"] > 10
         reached["restored"] += calls["restore"] > 0
+        reached["reduced"] += any(
+            entry[0] == "call" and "signal_pnl" in entry[3] for entry in observed["calls"]
+        )
+        reached["filtered"] += bool(case.graph.paths_of(("filtration",)) and ending == "result")
         reached["marked"] += bool(observed["run 0"].get("nan_source"))
 
     sample()
@@ -137,4 +141,6 @@ def test_random_runs_reach_what_they_are_meant_to():
     assert reached["failure without calls"] >= 10
     assert reached["long runs"] >= 5
     assert reached["restored"] >= 3
+    assert reached["reduced"] >= 5
+    assert reached["filtered"] >= 3
     assert reached["marked"] >= 1

@@ -12,12 +12,14 @@ from types import ModuleType
 from typing import Any
 
 import numpy as np
-from quernbrook.simulator_engine._types import UsefulSignal
+from quernbrook.functions._typed_shapes import StageData
+from quernbrook.simulator_engine._types import TransformStage, UsefulSignal
 from support.functions import raising
 from support.graphs import (
     aggregation,
     boolean,
     feature,
+    filtration,
     integer,
     node,
     number,
@@ -80,23 +82,53 @@ def evaluating(
     attributes: dict[str, Any] | None = None,
     cold: bool = False,
     nan_features: Any = ("unused",),
+    before: Callable[[Any], None] | None = None,
     **options: Any,
 ) -> Road:
-    """The road that evaluates one graph on one context again and again."""
+    """The road that evaluates one graph on one context again and again.
+
+    `before` gives the context back what a run takes from it.
+    """
 
     def prepare(evaluator: ModuleType) -> Run:
         matrices = {"a": counting_matrix(ROWS)} if features is None else features
         context = make_context(evaluator, matrices, validate_inputs=False, **options)
         for name, value in (attributes or {}).items():
             setattr(context, name, value)
-        return lambda: evaluator.evaluate(
-            graph,
-            context,
-            states,
-            cold,
-            bound_function_instances=bound,
-            data_nan_features=nan_features,
-        )
+
+        def run() -> Any:
+            if before is not None:
+                before(context)
+            return evaluator.evaluate(
+                graph,
+                context,
+                states,
+                cold,
+                bound_function_instances=bound,
+                data_nan_features=nan_features,
+            )
+
+        return run
+
+    return prepare
+
+
+def at_few_rows(road: Road) -> Road:
+    """The road with the longitudinal statistics open to matrices of any length."""
+
+    def prepare(evaluator: ModuleType) -> Run:
+        inner = road(evaluator)
+
+        def run() -> Any:
+            namespace = vars(evaluator)
+            limit = namespace["_LONGITUDINAL_FAST_MIN_ROWS"]
+            namespace["_LONGITUDINAL_FAST_MIN_ROWS"] = 0
+            try:
+                return inner()
+            finally:
+                namespace["_LONGITUDINAL_FAST_MIN_ROWS"] = limit
+
+        return run
 
     return prepare
 
@@ -191,8 +223,60 @@ EVERY_KIND = rotation(
 )
 SIGNALS = {name: UsefulSignal(np.ones((ROWS, 3)), np.ones((ROWS, 2))) for name in "xy"}
 CHAIN = rotation("f", rotation("f", feature("a"), integer(2)), integer(2))
+FILTERED = filtration("filtration", node("gt", "gt", [string("sharpe"), number(0.5)]))
+POOL = {
+    name: UsefulSignal(np.ones((ROWS, 3)), np.ones((ROWS, 2)), {"sharpe": sharpe})
+    for name, sharpe in (("x", 1.0), ("y", 0.0), ("z", 2.0))
+}
+STAGE_MATRIX = counting_matrix(ROWS)
+STAGES = [
+    TransformStage("smooth", "on", {"on": rotation("f", node("signal", None), integer(2))}),
+    TransformStage("none", None, {}),
+]
 STATES = {"root": {"count": 1}, "root.c0": {"count": 2}}
 PLAIN = rotation("f", feature("a"))
+
+
+def a_stage_array(context: Any) -> None:
+    context.features = context.features[:1]
+    context.feature_index.pop("s", None)
+
+
+def pending_transforms(context: Any) -> None:
+    context.transform_pipeline = list(STAGES)
+
+
+def functions_registry(**functions: Any) -> Registry:
+    """Every function is a new `Function`; reductions are stateful and add their signals up."""
+    return registry_of(
+        f=lambda **_: Function(stateful=True),
+        sum=lambda **_: Function(lambda block: block[0] + block[-1], stateful=True, window=3),
+        mean=lambda **_: Function(),
+        **functions,
+    )
+
+
+def reducing(graph: Any, **options: Any) -> Road:
+    options = {"registry": functions_registry(), "useful_signals": POOL, **options}
+    return evaluating(graph, **{"column_labels": ["gross_returns", "net"], **options})
+
+
+class StubRegistry(Registry):
+    """Knows the longitudinal statistics by their entries only."""
+
+    def has_factory(self, name: str) -> bool:
+        return False
+
+
+LONGITUDINAL = ("longitudinal_mean", "longitudinal_std", "longitudinal_zscore")
+STUBS = StubRegistry({name: entry(stateful=True, param_schema=None) for name in LONGITUDINAL})
+LONGITUDINAL_CHAIN = rotation(
+    "longitudinal_zscore",
+    rotation(
+        "longitudinal_mean", rotation("longitudinal_std", feature("a"), integer(2)), integer(1)
+    ),
+    integer(2),
+)
 
 
 def rows_as(matrix: Any) -> Road:
@@ -260,6 +344,32 @@ GOOD_ROADS: dict[str, Road] = {
     "kept arguments, registry": calling(keeper(), bound=False),
     "results of many kinds, bound": calling(alternating(), bound=True),
     "results of many kinds, registry": calling(alternating(), bound=False),
+    "longitudinal": at_few_rows(evaluating(LONGITUDINAL_CHAIN, nan_features=None, registry=STUBS)),
+    "longitudinal, masked": at_few_rows(
+        evaluating(
+            LONGITUDINAL_CHAIN,
+            nan_features=None,
+            registry=STUBS,
+            universe=np.array([[1.0, 0.0, np.nan]] * ROWS),
+        )
+    ),
+    "filtered reductions": reducing(
+        rotation("f", reduction("sum", FILTERED), reduction("mean", FILTERED), integer(2))
+    ),
+    "signal PnL by vector": reducing(
+        reduction("sum", FILTERED, config={"pnl_column": "net"}),
+        signal_pnl_vectors={"x": {"net": 1.0}, "z": {"other": 2.0}},
+    ),
+    "cold start": reducing(
+        reduction("sum", FILTERED), states={"root": {"count": 1, "window": 3}}, cold=True
+    ),
+    "stage data": evaluating(
+        rotation("f", feature("s")),
+        bound={"root": Function()},
+        stage_data=StageData({"s": STAGE_MATRIX}),
+        before=a_stage_array,
+    ),
+    "transforms": evaluating(CHAIN, registry=functions_registry(), before=pending_transforms),
     "nested": nested,
     "pickled context": pickled,
     "everything new": fresh,
@@ -365,6 +475,23 @@ FAILING_ROADS: dict[str, Road] = {
         PLAIN, bound={"root": Function(stateful=True, get_state=new(ValueError, "state"))}
     ),
     "object row": rows_as(np.array([[1.0, "x", None]] * 2, dtype=object)),
-    "universe": evaluating(feature("a"), universe=np.array([["x"] * 3] * ROWS)),
+    "universe of texts": evaluating(feature("a"), universe=np.array([["x"] * 3] * ROWS)),
     "marked features": evaluating(number(1.0), nan_features=5),
+    "nothing passes": reducing(
+        reduction("sum", filtration("filtration", node("gt", "gt", [string("sharpe"), number(9)])))
+    ),
+    "filter without its field": reducing(
+        reduction("sum", filtration("filtration", node("gt", "gt", [string("zz"), number(0)])))
+    ),
+    "empty pool": reducing(reduction("sum", FILTERED), useful_signals={}),
+    "unknown PnL column": reducing(reduction("sum", config={"pnl_column": "zz"})),
+    "signals without weights": reducing(
+        reduction("mean"), useful_signals={"x": UsefulSignal(None)}
+    ),
+    "transform without its option": evaluating(
+        CHAIN,
+        registry=functions_registry(),
+        metaparameters={"smooth": "zz"},
+        before=pending_transforms,
+    ),
 }

@@ -1,15 +1,19 @@
 """The commands of ./run, for an interpreter that the script has chosen."""
 
 import os
+import shlex
 import subprocess
 import sys
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
+import compiler
 from environment import NATIVE_BUILD, PYTHON, ROOT, VENV, prepare
 from messages import Failure, note
 
 KERNEL_TESTS = ROOT / "tests" / "kernels"
+# They run the demonstration, the guide and this script, not the module from the build.
+NOT_SANITIZED = {"demo", "docs", "run_script"}
 MODULE = "quernbrook.simulator_engine.expression_evaluator"
 
 
@@ -37,7 +41,7 @@ def bench(arguments: Sequence[str]) -> int:
 
 def check(arguments: Sequence[str]) -> int:
     if arguments:
-        raise Failure("check takes no arguments.")
+        return long_check(arguments)
     prepare(["build", "test", "demo", "docs", "check"])
     steps: dict[str, Callable[[], int]] = {
         "ruff check": lambda: python("-m", "ruff", "check"),
@@ -59,6 +63,58 @@ def check(arguments: Sequence[str]) -> int:
     return 0
 
 
+def long_check(arguments: Sequence[str]) -> int:
+    checks = {"--sanitize": sanitize, "--long": long_property_tests}
+    unknown = [argument for argument in arguments if argument not in checks]
+    if unknown:
+        raise Failure(f"check takes --sanitize and --long; got {' '.join(unknown)}.")
+    prepare(["build", "test", "demo", "docs", "check"])
+    return max(checks[argument]() for argument in arguments)
+
+
+def long_property_tests() -> int:
+    return python("-m", "pytest", "tests/properties", HYPOTHESIS_PROFILE="long")
+
+
+def sanitize() -> int:
+    """The tests of the module on a build that stops at the first bad access or undefined step."""
+    build = ROOT / "build" / "sanitize"
+    site = build / "site"
+    built = cmake_build(
+        ROOT,
+        build,
+        "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+        "-DEXPRESSION_EVALUATOR_SANITIZERS=address,undefined",
+    ) or tool("cmake", "--install", str(build), "--prefix", str(site))
+    if built != 0:
+        return built
+    folders = sorted(path for path in (ROOT / "tests").iterdir() if any(path.glob("test_*.py")))
+    return python(
+        "-m",
+        "pytest",
+        *(str(folder) for folder in folders if folder.name not in NOT_SANITIZED),
+        # It counts the blocks of the interpreter's own pools, which are switched off below.
+        "--ignore=tests/expression_evaluator/test_reference_leaks.py",
+        EVALUATOR_TESTS="native",
+        # Before the installed module.
+        PYTHONPATH=os.pathsep.join([str(site), str(ROOT / "reference_host")]),
+        LD_PRELOAD=" ".join(runtime_library(name) for name in ("libasan.so", "libubsan.so")),
+        # The interpreter's own pools would hide what lies beside a block.
+        PYTHONMALLOC="malloc",
+        # The interpreter leaves objects behind at its end.
+        ASAN_OPTIONS="detect_leaks=0:abort_on_error=1",
+        UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1",
+    )
+
+
+def runtime_library(name: str) -> str:
+    command = [*shlex.split(compiler.find()), f"-print-file-name={name}"]
+    found = subprocess.run(command, capture_output=True, text=True, check=True).stdout.strip()
+    if not Path(found).is_absolute():
+        raise Failure(f"{command[0]} has no {name}: name a GCC with its sanitizers with CXX=g++.")
+    return found
+
+
 def cpp_files() -> list[str]:
     return [
         str(path)
@@ -73,14 +129,14 @@ def cmake_build(source: Path, build: Path, *options: str) -> int:
     return tool("cmake", *configure) or tool("cmake", "--build", str(build))
 
 
-def python(*arguments: str) -> int:
-    return tool("python", *arguments)
+def python(*arguments: str, **variables: str) -> int:
+    return tool("python", *arguments, **variables)
 
 
-def tool(name: str, *arguments: str) -> int:
+def tool(name: str, *arguments: str, **variables: str) -> int:
     """Run a program of the environment in the project's folder, as if it were active."""
     path = f"{PYTHON.parent}{os.pathsep}{os.environ.get('PATH', os.defpath)}"
-    env = {**os.environ, "PATH": path, "VIRTUAL_ENV": str(VENV)}
+    env = {**os.environ, "PATH": path, "VIRTUAL_ENV": str(VENV), **variables}
     return subprocess.run([PYTHON.parent / name, *arguments], cwd=ROOT, env=env).returncode
 
 

@@ -2,54 +2,103 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
+#include "fast_paths/kernels/row_sorter.hpp"
 #include "fast_paths/kernels/universe_mask.hpp"
 
 namespace quernbrook::kernels {
+namespace {
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+constexpr double lone_rank = 0.5;
+
+// The rising ranks for the counts met last. The counts of a matrix lie close together, and to
+// divide anew for every row would cost as much as a pass of the sort.
+class RankTables {
+ public:
+  explicit RankTables(std::size_t columns)
+      : stride_(columns + 1),
+        counts_(std::clamp(budget / stride_, std::size_t{1}, std::size_t{128})),
+        ranks_(counts_.size() * stride_) {}
+
+  const double* of(std::size_t count) noexcept {
+    const std::size_t slot = count % counts_.size();
+    double* ranks = ranks_.data() + slot * stride_;
+    if (counts_[slot] != count) {
+      counts_[slot] = count;
+      fill(ranks, count);
+    }
+    return ranks;
+  }
+
+ private:
+  static constexpr std::size_t budget = 64 * 1024;  // half of a common second-level cache
+
+  // Two at a time, and one too many where the count is odd.
+  static void fill(double* ranks, std::size_t count) noexcept {
+    using Pair [[gnu::vector_size(16)]] = double;
+    const auto divisor = static_cast<double>(count - 1);
+    Pair places = {0.0, 1.0};
+    for (std::size_t place = 0; place < count; place += 2) {
+      const Pair quotients = places / divisor;
+      std::memcpy(ranks + place, &quotients, sizeof quotients);
+      places += 2.0;
+    }
+    if (count == 1) ranks[0] = lone_rank;
+  }
+
+  std::size_t stride_;
+  std::vector<std::size_t> counts_;
+  std::vector<double> ranks_;
+};
+
+void write_ranks(const RowSorter& sorter, const double* ranks, const double* cells, double* result,
+                 std::size_t columns) noexcept {
+  const std::size_t count = sorter.count();
+  if (sorter.has_positive_infinity()) {
+    // They stand among the NaN cells, so that places may reach beyond the table.
+    for (std::size_t place = 0; place < columns; ++place) {
+      const std::size_t column = sorter.column(place);
+      const double rank =
+          count == 1 ? lone_rank : static_cast<double>(place) / static_cast<double>(count - 1);
+      result[column] = std::isnan(cells[column]) ? nan : rank;
+    }
+    return;
+  }
+  for (std::size_t place = 0; place < count; ++place) result[sorter.column(place)] = ranks[place];
+  for (std::size_t place = count; place < columns; ++place) result[sorter.column(place)] = nan;
+}
+
+}  // namespace
 
 bool rank_rows(const double* data, std::ptrdiff_t row_step, std::ptrdiff_t column_step,
                const double* universe, std::ptrdiff_t universe_row_step,
                std::ptrdiff_t universe_column_step, double* result, std::size_t rows,
                std::size_t columns) {
-  constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-  constexpr double infinity = std::numeric_limits<double>::infinity();
-  std::vector<double> values(columns);
-  std::vector<std::size_t> order(columns);
+  RowSorter sorter(columns);
+  RankTables tables(columns);
+  std::vector<double> copy(universe != nullptr || column_step != 1 ? columns : 0);
   for (std::size_t row = 0; row < rows; ++row) {
+    const double* cells = data;
     if (universe != nullptr) {
-      mask_universe(data, column_step, universe, universe_column_step, values.data(), columns);
+      mask_universe(data, column_step, universe, universe_column_step, copy.data(), columns);
       universe += universe_row_step;
-    } else {
+      cells = copy.data();
+    } else if (column_step != 1) {
       const double* cell = data;
-      for (double& value : values) {
+      for (double& value : copy) {
         value = *cell;
         cell += column_step;
       }
+      cells = copy.data();
     }
     data += row_step;
-    std::size_t count = 0;
-    for (std::size_t column = 0; column < columns; ++column) {
-      order[column] = column;
-      result[column] = 0.0;
-      if (std::isnan(values[column])) {
-        values[column] = infinity;
-        result[column] = nan;
-      } else {
-        ++count;
-      }
-    }
-    std::sort(order.begin(), order.end(), [&](std::size_t left, std::size_t right) {
-      return values[left] != values[right] ? values[left] < values[right] : left < right;
-    });
-    for (std::size_t place = 0; place < columns; ++place) {
-      const double value = values[order[place]];
-      if (place > 0 && std::isfinite(value) && value == values[order[place - 1]]) return false;
-      double& rank = result[order[place]];
-      if (std::isnan(rank)) continue;
-      rank = count == 1 ? 0.5 : static_cast<double>(place) / static_cast<double>(count - 1);
-    }
+    if (!sorter.sort(cells, result)) return false;
+    write_ranks(sorter, tables.of(sorter.count()), cells, result, columns);
     result += columns;
   }
   return true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -15,105 +16,132 @@ constexpr std::size_t tile_columns = 8;
 // Bounds the workspace, however wide the matrix is.
 constexpr std::size_t stripe_columns = 1024;
 
-struct alignas(64) Block {
-  double cells[tile_rows][tile_columns];
-};
+using Block = double[tile_rows][tile_columns];
 
 struct Tile {
-  Block leading;   // the rows that enter the windows, zero where NaN
-  Block lagging;   // the rows that leave them, zero where NaN
-  Block wanted;    // one where the window is full and free of NaN, else zero
-  Block computed;  // the statistic, wanted or not
+  std::size_t rows;
+  std::size_t columns;
+  alignas(64) Block entering;  // the values that the windows gain, zero where NaN
+  alignas(64) Block leaving;   // the values that they lose, zero where NaN
+  alignas(64) Block clean;     // the rows since the last NaN, to compare with the window
+  alignas(64) Block computed;  // the statistic, also where the window is not clean
 };
 
 // The totals to the end of a window and to its beginning. Both repeat the same additions, the
-// second a window later, which is cheaper than to keep the totals of every row.
+// second a window later, which is cheaper than keeping the totals of every row.
 struct Totals {
-  // Negative zero is the one start that leaves the sign of a first zero alone.
+  // Negative zero is the one start that keeps the sign of a first zero.
   long double sum = -0.0L;
   long double square_sum = -0.0L;
-  // Nothing has left the first window.
-  long double lagging_sum = 0.0L;
-  long double lagging_square_sum = 0.0L;
+  // Nothing leaves the first window.
+  long double left_sum = 0.0L;
+  long double left_square_sum = 0.0L;
 };
 
-// The state of one column from tile to tile.
+// Two cells in one register of any x86-64. Spelt out, as compilers leave such short loops scalar.
+using Pair [[gnu::vector_size(16)]] = double;
+constexpr std::size_t tile_pairs = tile_columns / 2;
+
+inline Pair load_pair(const double* cells) noexcept {
+  Pair pair;
+  std::memcpy(&pair, cells, sizeof pair);
+  return pair;
+}
+
+inline void store_pair(double* cells, Pair pair) noexcept {
+  std::memcpy(cells, &pair, sizeof pair);
+}
+
+inline Pair zero_if_nan(Pair pair) noexcept { return pair == pair ? pair : Pair{}; }
+
+// What a tile hands on to the tile below it. Clean rows are doubles, as vectors compare them best.
 struct Columns {
-  explicit Columns(std::size_t count)
-      : totals(round_up(count)), clean_rows(round_up(count)) {}
-
-  static std::size_t round_up(std::size_t count) {
-    return (count + tile_columns - 1) / tile_columns * tile_columns;
-  }
-
-  std::vector<Totals> totals;
-  std::vector<double> clean_rows;  // since the last NaN; double as comparisons of it vectorise
+  Totals totals[tile_columns];
+  Pair clean_rows[tile_pairs] = {};
 };
 
-void copy_in(Block& block, const double* data, std::ptrdiff_t row_step, std::ptrdiff_t column_step,
-             std::size_t rows, std::size_t columns) noexcept {
-  for (std::size_t row = 0; row < rows; ++row) {
-    double* cells = block.cells[row];
-    if (column_step == 1 && columns == tile_columns) {
-      std::copy_n(data, tile_columns, cells);
+// The cells of the matrix under a tile. `ahead` leads from a cell to one of the next tile, whose
+// lines are fetched while this tile is computed: they lie too far apart for the hardware to guess.
+struct Source {
+  const double* cells;
+  std::ptrdiff_t row_step;
+  std::ptrdiff_t column_step;
+  std::ptrdiff_t ahead;
+};
+
+template <bool whole_lines, class Visit>
+inline void visit_pairs(const Tile& tile, Source source, Visit visit) noexcept {
+  for (std::size_t row = 0; row < tile.rows; ++row) {
+    const double* cell = source.cells;
+    source.cells += source.row_step;
+    __builtin_prefetch(cell + source.ahead);
+    if constexpr (whole_lines) {
+      for (std::size_t pair = 0; pair < tile_pairs; ++pair) {
+        visit(row, pair, load_pair(cell + 2 * pair));
+      }
     } else {
-      const double* cell = data;
-      for (std::size_t column = 0; column < columns; ++column) {
-        cells[column] = *cell;
-        cell += column_step;
+      for (std::size_t column = 0; column < tile.columns; column += 2) {
+        const double* second = column + 1 < tile.columns ? cell + source.column_step : cell;
+        visit(row, column / 2, Pair{*cell, *second});
+        cell += 2 * source.column_step;
       }
     }
-    data += row_step;
   }
 }
 
-void copy_out(const Block& block, double* result, std::size_t row_step, std::size_t rows,
-              std::size_t columns) noexcept {
-  for (std::size_t row = 0; row < rows; ++row) {
-    if (columns == tile_columns) {
-      std::copy_n(block.cells[row], tile_columns, result);
+template <class Visit>
+inline void visit_pairs(const Tile& tile, const Source& source, Visit visit) noexcept {
+  if (source.column_step == 1 && tile.columns == tile_columns) {
+    visit_pairs<true>(tile, source, visit);
+  } else {
+    visit_pairs<false>(tile, source, visit);
+  }
+}
+
+void load_entering(Tile& tile, const Source& source, Columns& columns) noexcept {
+  Pair clean[tile_pairs];
+  std::copy_n(columns.clean_rows, tile_pairs, clean);
+  visit_pairs(tile, source, [&](std::size_t row, std::size_t pair, Pair values) {
+    clean[pair] = values == values ? clean[pair] + 1.0 : Pair{};
+    store_pair(tile.clean[row] + 2 * pair, clean[pair]);
+    store_pair(tile.entering[row] + 2 * pair, zero_if_nan(values));
+  });
+  std::copy_n(clean, tile_pairs, columns.clean_rows);
+}
+
+void load_leaving(Tile& tile, const Source& source) noexcept {
+  visit_pairs(tile, source, [&](std::size_t row, std::size_t pair, Pair values) {
+    store_pair(tile.leaving[row] + 2 * pair, zero_if_nan(values));
+  });
+}
+
+void store(const Tile& tile, double window, double* result, std::size_t row_step,
+           std::ptrdiff_t ahead) noexcept {
+  constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+  for (std::size_t row = 0; row < tile.rows; ++row) {
+    __builtin_prefetch(result + ahead, 1);
+    if (tile.columns == tile_columns) {
+      for (std::size_t column = 0; column < tile_columns; column += 2) {
+        const Pair clean = load_pair(tile.clean[row] + column);
+        const Pair computed = load_pair(tile.computed[row] + column);
+        store_pair(result + column, clean >= window ? computed : Pair{nan, nan});
+      }
     } else {
-      std::copy_n(block.cells[row], columns, result);
+      for (std::size_t column = 0; column < tile.columns; ++column) {
+        result[column] = tile.clean[row][column] >= window ? tile.computed[row][column] : nan;
+      }
     }
     result += row_step;
   }
 }
 
-void find_wanted(Tile& tile, double* clean_rows, std::size_t rows, double window) noexcept {
-  for (std::size_t row = 0; row < rows; ++row) {
-    for (std::size_t column = 0; column < tile_columns; ++column) {
-      const bool is_nan = std::isnan(tile.leading.cells[row][column]);
-      const double clean = is_nan ? 0.0 : clean_rows[column] + 1.0;
-      clean_rows[column] = clean;
-      tile.wanted.cells[row][column] = clean >= window ? 1.0 : 0.0;
-    }
-  }
-}
-
-void zero_nans(Block& block, std::size_t rows) noexcept {
-  for (std::size_t row = 0; row < rows; ++row) {
-    for (double& cell : block.cells[row]) cell = std::isnan(cell) ? 0.0 : cell;
-  }
-}
-
-void blank_unwanted(Tile& tile, std::size_t rows) noexcept {
-  constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-  for (std::size_t row = 0; row < rows; ++row) {
-    for (std::size_t column = 0; column < tile_columns; ++column) {
-      double& cell = tile.computed.cells[row][column];
-      cell = tile.wanted.cells[row][column] != 0.0 ? cell : nan;
-    }
-  }
-}
-
 // The totals stay in registers for a whole tile: loads and stores of extended precision are slow.
-void add_columns(const Block& block, Totals* totals, std::size_t rows,
-                 std::size_t columns) noexcept {
-  for (std::size_t column = 0; column < columns; ++column) {
+void accumulate(const Tile& tile, Totals* totals) noexcept {
+  for (std::size_t column = 0; column < tile.columns; ++column) {
     long double sum = totals[column].sum;
     long double square_sum = totals[column].square_sum;
-    for (std::size_t row = 0; row < rows; ++row) {
-      const long double value = block.cells[row][column];
+    for (std::size_t row = 0; row < tile.rows; ++row) {
+      const long double value = tile.entering[row][column];
       sum += value;
       square_sum += value * value;
     }
@@ -123,58 +151,74 @@ void add_columns(const Block& block, Totals* totals, std::size_t rows,
 }
 
 // Two columns at a time, as one alone would wait for its additions.
-void compute_means(Tile& tile, Totals* totals, std::size_t rows, double window) noexcept {
-  for (std::size_t column = 0; column < tile_columns; column += 2) {
-    Totals& left = totals[column];
-    Totals& right = totals[column + 1];
-    long double left_sum = left.sum;
-    long double left_lagging_sum = left.lagging_sum;
-    long double right_sum = right.sum;
-    long double right_lagging_sum = right.lagging_sum;
-    for (std::size_t row = 0; row < rows; ++row) {
-      const double* leading = tile.leading.cells[row] + column;
-      const double* lagging = tile.lagging.cells[row] + column;
-      double* computed = tile.computed.cells[row] + column;
-      left_sum += leading[0];
-      left_lagging_sum += lagging[0];
-      computed[0] = static_cast<double>((left_sum - left_lagging_sum) / window);
-      right_sum += leading[1];
-      right_lagging_sum += lagging[1];
-      computed[1] = static_cast<double>((right_sum - right_lagging_sum) / window);
+void compute_means(Tile& tile, Totals* totals, const volatile double& window) noexcept {
+  for (std::size_t column = 0; column < tile.columns; column += 2) {
+    Totals& first = totals[column];
+    Totals& second = totals[column + 1];
+    long double first_sum = first.sum;
+    long double first_left_sum = first.left_sum;
+    long double second_sum = second.sum;
+    long double second_left_sum = second.left_sum;
+    for (std::size_t row = 0; row < tile.rows; ++row) {
+      const double* entering = tile.entering[row] + column;
+      const double* leaving = tile.leaving[row] + column;
+      double* computed = tile.computed[row] + column;
+      first_sum += entering[0];
+      first_left_sum += leaving[0];
+      computed[0] = static_cast<double>((first_sum - first_left_sum) / window);
+      second_sum += entering[1];
+      second_left_sum += leaving[1];
+      computed[1] = static_cast<double>((second_sum - second_left_sum) / window);
     }
-    left.sum = left_sum;
-    left.lagging_sum = left_lagging_sum;
-    right.sum = right_sum;
-    right.lagging_sum = right_lagging_sum;
+    first.sum = first_sum;
+    first.left_sum = first_left_sum;
+    second.sum = second_sum;
+    second.left_sum = second_left_sum;
   }
 }
 
 template <bool z_score>
-void compute_deviations(Tile& tile, Totals* totals, std::size_t rows, std::size_t columns,
-                        double window) noexcept {
-  for (std::size_t column = 0; column < columns; ++column) {
-    auto [sum, square_sum, lagging_sum, lagging_square_sum] = totals[column];
-    for (std::size_t row = 0; row < rows; ++row) {
-      const long double entering = tile.leading.cells[row][column];
-      const long double leaving = tile.lagging.cells[row][column];
+void compute_deviations(Tile& tile, Totals* totals, const volatile double& window) noexcept {
+  for (std::size_t column = 0; column < tile.columns; ++column) {
+    auto [sum, square_sum, left_sum, left_square_sum] = totals[column];
+    for (std::size_t row = 0; row < tile.rows; ++row) {
+      const long double leaving = tile.leaving[row][column];
+      left_sum += leaving;
+      left_square_sum += leaving * leaving;
+      const long double entering = tile.entering[row][column];
       sum += entering;
       square_sum += entering * entering;
-      lagging_sum += leaving;
-      lagging_square_sum += leaving * leaving;
-      const long double mean = (sum - lagging_sum) / window;
-      const long double spread = (square_sum - lagging_square_sum) / window - mean * mean;
-      // Cancellation may leave it below zero; NaN passes.
-      const long double deviation = __builtin_sqrtl(spread <= 0.0L ? 0.0L : spread);
-      double& computed = tile.computed.cells[row][column];
-      if constexpr (z_score) {
-        const auto quotient = static_cast<double>((entering - mean) / deviation);
-        computed = deviation == 0.0L ? 0.0 : quotient;
+      const long double mean = (sum - left_sum) / window;
+      const long double variance = (square_sum - left_square_sum) / window - mean * mean;
+      double& computed = tile.computed[row][column];
+      if (variance <= 0.0L) {  // cancellation may leave it below zero; NaN passes
+        computed = 0.0;
+      } else if constexpr (z_score) {
+        computed = static_cast<double>((entering - mean) / std::sqrt(variance));
       } else {
-        computed = static_cast<double>(deviation);
+        computed = static_cast<double>(std::sqrt(variance));
       }
     }
-    totals[column] = {sum, square_sum, lagging_sum, lagging_square_sum};
+    totals[column] = {sum, square_sum, left_sum, left_square_sum};
   }
+}
+
+void compute(RollingStatistic statistic, Tile& tile, Totals* totals,
+             const volatile double& window) noexcept {
+  switch (statistic) {
+    case RollingStatistic::mean:
+      return compute_means(tile, totals, window);
+    case RollingStatistic::standard_deviation:
+      return compute_deviations<false>(tile, totals, window);
+    case RollingStatistic::z_score:
+      return compute_deviations<true>(tile, totals, window);
+  }
+}
+
+// Tiles end where a window first fills and where it first loses a row.
+std::size_t tile_height(std::size_t row, std::size_t rows, std::size_t window) noexcept {
+  const std::size_t end = row + 1 < window ? window - 1 : row < window ? window : rows;
+  return std::min(end - row, tile_rows);
 }
 
 }  // namespace
@@ -182,54 +226,47 @@ void compute_deviations(Tile& tile, Totals* totals, std::size_t rows, std::size_
 void rolling(RollingStatistic statistic, const double* data, std::ptrdiff_t row_step,
              std::ptrdiff_t column_step, double* result, std::size_t rows, std::size_t columns,
              std::size_t window) {
-  const auto divisor = static_cast<double>(window);
+  // Volatile keeps it a double: as a long double it would be spilt, and reloading one is slow.
+  const volatile double divisor = static_cast<double>(window);
   Tile tile{};
   for (std::size_t stripe = 0; stripe < columns; stripe += stripe_columns) {
     const std::size_t stripe_end = std::min(columns, stripe + stripe_columns);
-    Columns state(stripe_end - stripe);
-    std::size_t row = 0;
-    while (row < rows) {
-      // Tiles end where a window first fills and where a row first leaves one.
-      const std::size_t end = row < window - 1 ? window - 1 : row < window ? window : rows;
-      const std::size_t height = std::min(end - row, tile_rows);
-      if (row == window) {
-        for (Totals& totals : state.totals) totals.lagging_sum = totals.lagging_square_sum = -0.0L;
-      }
+    std::vector<Columns> states((stripe_end - stripe + tile_columns - 1) / tile_columns);
+    for (std::size_t row = 0; row < rows; row += tile.rows) {
+      tile.rows = tile_height(row, rows, window);
       for (std::size_t column = stripe; column < stripe_end; column += tile_columns) {
-        const std::size_t width = std::min(stripe_end - column, tile_columns);
-        Totals* totals = state.totals.data() + (column - stripe);
-        double* clean_rows = state.clean_rows.data() + (column - stripe);
-        const double* source = data + static_cast<std::ptrdiff_t>(column) * column_step;
-        copy_in(tile.leading, source + static_cast<std::ptrdiff_t>(row) * row_step, row_step,
-                column_step, height, width);
-        find_wanted(tile, clean_rows, height, divisor);
-        zero_nans(tile.leading, height);
-        if (row < window - 1) {
-          add_columns(tile.leading, totals, height, width);
-        } else {
-          if (row >= window) {
-            copy_in(tile.lagging, source + static_cast<std::ptrdiff_t>(row - window) * row_step,
-                    row_step, column_step, height, width);
-            zero_nans(tile.lagging, height);
-          } else {
-            tile.lagging = {};
-          }
-          switch (statistic) {
-            case RollingStatistic::mean:
-              compute_means(tile, totals, height, divisor);
-              break;
-            case RollingStatistic::standard_deviation:
-              compute_deviations<false>(tile, totals, height, width, divisor);
-              break;
-            case RollingStatistic::z_score:
-              compute_deviations<true>(tile, totals, height, width, divisor);
-              break;
-          }
+        tile.columns = std::min(stripe_end - column, tile_columns);
+        Columns& state = states[(column - stripe) / tile_columns];
+        std::ptrdiff_t rows_ahead = 0;
+        std::ptrdiff_t columns_ahead = 0;
+        if (column + tile_columns < stripe_end) {
+          columns_ahead =
+              static_cast<std::ptrdiff_t>(std::min(2 * tile_columns, stripe_end - column) - 1);
+        } else if (row + 2 * tile.rows <= rows) {
+          rows_ahead = static_cast<std::ptrdiff_t>(tile.rows);
+          columns_ahead = -static_cast<std::ptrdiff_t>(column - stripe);
         }
-        blank_unwanted(tile, height);
-        copy_out(tile.computed, result + row * columns + column, columns, height, width);
+        Source source{data + static_cast<std::ptrdiff_t>(row) * row_step +
+                          static_cast<std::ptrdiff_t>(column) * column_step,
+                      row_step, column_step, rows_ahead * row_step + columns_ahead * column_step};
+        load_entering(tile, source, state);
+        if (row + 1 < window) {
+          accumulate(tile, state.totals);
+        } else {
+          if (row < window) {
+            std::memset(tile.leaving, 0, sizeof tile.leaving);
+          } else {
+            source.cells -= static_cast<std::ptrdiff_t>(window) * row_step;
+            load_leaving(tile, source);
+          }
+          if (row == window) {
+            for (Totals& totals : state.totals) totals.left_sum = totals.left_square_sum = -0.0L;
+          }
+          compute(statistic, tile, state.totals, divisor);
+        }
+        store(tile, divisor, result + row * columns + column, columns,
+              rows_ahead * static_cast<std::ptrdiff_t>(columns) + columns_ahead);
       }
-      row += height;
     }
   }
 }

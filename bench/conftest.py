@@ -1,0 +1,86 @@
+"""How the benchmarks are chosen, measured and named."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator
+from importlib import metadata
+from typing import Any
+
+import pytest
+
+from bench.report import Figure, by_workload
+
+PACKAGES = ["numpy", "bottleneck", "numbagg", "pandas", "polars", "scipy", "Cython"]
+FIGURES = pytest.StashKey[list[Figure]]()
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    parser.addoption("--slow", action="store_true", help="run the large benchmarks too")
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    config.addinivalue_line("markers", "slow: minutes or gigabytes; runs with --slow only")
+    config.stash[FIGURES] = []
+    # Everything runs in one thread, and its own time doesn't count what else the machine does.
+    config.option.benchmark_timer = "time.process_time"
+    # One table of all columns for every group hides what is compared; ours is printed instead.
+    config.option.benchmark_quiet = True
+
+
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    if not config.getoption("--slow"):
+        skip = pytest.mark.skip(reason="needs --slow")
+        for item in items:
+            if item.get_closest_marker("slow"):
+                item.add_marker(skip)
+
+
+def pytest_benchmark_update_machine_info(machine_info: dict[str, Any]) -> None:
+    machine_info["packages"] = {name: metadata.version(name) for name in PACKAGES}
+
+
+@pytest.fixture
+def measure(benchmark: Any, request: pytest.FixtureRequest) -> Iterator[Callable[..., None]]:
+    """Times `call`, which does `count` times what the unit names, in one workload's group.
+
+    `unit` begins with the unit of time: "ns a cell". `floor` tells that the contender does only a
+    part of the work, and `memory` what it took.
+    """
+
+    def run(
+        call: Callable[[], Any],
+        *,
+        workload: str,
+        contender: str,
+        count: float,
+        unit: str,
+        rounds: int = 7,
+        iterations: int = 1,
+        floor: bool = False,
+        memory: str = "",
+    ) -> None:
+        benchmark.group = workload
+        benchmark.extra_info.update(
+            contender=contender, count=count, unit=unit, floor=floor, memory=memory
+        )
+        benchmark.pedantic(call, rounds=rounds, iterations=iterations, warmup_rounds=1)
+
+    yield run
+    if benchmark.stats is not None:
+        figure = Figure.of(
+            request.node.nodeid,
+            benchmark.group,
+            benchmark.stats.stats.as_dict(),
+            benchmark.extra_info,
+        )
+        request.config.stash[FIGURES].append(figure)
+
+
+def pytest_terminal_summary(terminalreporter: Any, config: pytest.Config) -> None:
+    for group in by_workload(config.stash[FIGURES]):
+        first = group[0]
+        terminalreporter.section(f"{first.workload} ({first.unit})", sep="-", bold=True)
+        for figure in group:
+            ratio = figure.ratio_text(first)
+            line = f"{figure.contender:<26} {figure.text:>26} {ratio:>22}  {figure.memory}"
+            terminalreporter.write_line(line.rstrip())

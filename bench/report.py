@@ -1,0 +1,237 @@
+"""Writes measured figures into docs/performance.md: python bench/report.py RESULTS.json
+
+RESULTS.json is what ./run bench --benchmark-json=RESULTS.json leaves.
+"""
+
+from __future__ import annotations
+
+import json
+import sys
+from collections.abc import Iterable, Mapping, Sequence
+from dataclasses import dataclass
+from itertools import groupby
+from pathlib import Path
+from typing import Any
+
+DOCS = Path(__file__).resolve().parents[1] / "docs"
+PAGE = DOCS / "performance.md"
+PICTURE = DOCS / "images" / "performance.png"
+MARKERS = ("<!-- figures -->", "<!-- end of figures -->")
+TIME_UNITS = {"s": 1.0, "ms": 1e3, "µs": 1e6, "ns": 1e9}
+TITLES = {
+    "bench_row_loop": "The row loop",
+    "bench_ticks": "Live ticks",
+    "bench_reductions": "Reductions",
+    "bench_rank": "Rank",
+    "bench_rolling": "Rolling statistics",
+    "bench_large_graphs": "From the call to the first row",
+    "bench_pickling": "Pickling a context",
+}
+# The workloads of the picture.
+DEPICTED = [
+    "chain of 20 functions, bound",
+    "tick of a chain of 20 functions",
+    "mean reduction of 500 signals, free",
+    "wide graph of 10,000 nodes",
+    "rank of random numbers, 2,000 x 3,000",
+    "rolling zscore of 100,000 x 100, window 20",
+]
+# This module, those who do the whole work, those who do a part of it.
+BLUE, DARK, LIGHT = "#1b6ca8", "#5b6b77", "#b4c0c8"
+
+
+@dataclass(frozen=True)
+class Figure:
+    """What one contender took on one workload: the median of the rounds and their quartiles.
+
+    The first contender of a workload is this module. A `floor` does less than the others: it is
+    a part of the work that nobody can leave out.
+    """
+
+    subject: str
+    workload: str
+    contender: str
+    unit: str
+    median: float
+    low: float
+    high: float
+    floor: bool = False
+    memory: str = ""
+
+    @classmethod
+    def of(
+        cls, name: str, group: str, stats: Mapping[str, float], info: Mapping[str, Any]
+    ) -> Figure:
+        """From the parts of a result of pytest-benchmark; `name` begins with the file's path."""
+        scale = TIME_UNITS[info["unit"].split()[0]] / info["count"]
+        return cls(
+            subject=Path(name.split("::")[0]).stem,
+            workload=group,
+            contender=info["contender"],
+            unit=info["unit"],
+            median=stats["median"] * scale,
+            low=stats["q1"] * scale,
+            high=stats["q3"] * scale,
+            floor=info["floor"],
+            memory=info["memory"],
+        )
+
+    @property
+    def text(self) -> str:
+        return f"{_number(self.median)} ({_number(self.low)} to {_number(self.high)})"
+
+    def ratio_text(self, base: Figure) -> str:
+        median, low, high = (
+            f"{time / base.median:.2f}" for time in (self.median, self.low, self.high)
+        )
+        return f"{median} ({low} to {high})"
+
+
+def _number(value: float) -> str:
+    return f"{value:,.0f}" if value >= 100.0 else f"{value:.3g}"
+
+
+def by_workload(figures: Iterable[Figure]) -> list[list[Figure]]:
+    groups: dict[str, list[Figure]] = {}
+    for figure in figures:
+        groups.setdefault(figure.workload, []).append(figure)
+    return list(groups.values())
+
+
+def read(results: Mapping[str, Any]) -> list[Figure]:
+    return [
+        Figure.of(each["fullname"], each["group"], each["stats"], each["extra_info"])
+        for each in results["benchmarks"]
+    ]
+
+
+def table(header: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
+    rule = ["---", *["--:"] * (len(header) - 1)]
+    return "\n".join(f"| {' | '.join(row)} |" for row in (header, rule, *rows))
+
+
+def section(figures: Sequence[Figure]) -> str:
+    """The tables of one subject, one for each unit of time."""
+    parts = [f"## {TITLES[figures[0].subject]}"]
+    for unit, same in groupby(figures, lambda figure: figure.unit):
+        groups = by_workload(same)
+        others = list(dict.fromkeys(each.contender for group in groups for each in group[1:]))
+        rows = []
+        for first, *rest in groups:
+            ratios = {each.contender: each.ratio_text(first) for each in rest}
+            rows.append([first.workload, first.text, *(ratios.get(name, "") for name in others)])
+        parts.append(table([unit, groups[0][0].contender, *others], rows))
+    with_memory = [each for each in figures if each.memory]
+    if with_memory:
+        names = list(dict.fromkeys(each.contender for each in with_memory))
+        rows = []
+        for group in by_workload(with_memory):
+            used = {each.contender: each.memory for each in group}
+            rows.append([group[0].workload, *(used.get(name, "") for name in names)])
+        parts.append(table(["Memory", *names], rows))
+    return "\n\n".join(parts)
+
+
+def faster(figures: Sequence[Figure]) -> str:
+    """Those that do the whole work and whose slower quarter still beats the module's faster one."""
+    lines = [
+        f"- {each.workload}: {each.contender}, {each.median / first.median:.2f}"
+        for first, *rest in by_workload(figures)
+        for each in rest
+        if not each.floor and each.high < first.low
+    ]
+    explained = "Ratios of those that do the whole work, where the quartiles don't overlap."
+    return "\n".join(["## Where another is faster", "", explained, "", *(lines or ["- nowhere"])])
+
+
+def setting(results: Mapping[str, Any]) -> str:
+    machine, commit = results["machine_info"], results["commit_info"]
+    packages = ", ".join(f"{name} {version}" for name, version in machine["packages"].items())
+    processor = machine["cpu"].get("brand_raw", "an unnamed processor")
+    state = " with uncommitted changes" if commit["dirty"] else ""
+    return (
+        f"Measured on {results['datetime'][:10]} at commit {commit['id'][:10]}{state}, on "
+        f"{processor} ({machine['cpu']['count']} processors), "
+        f"{machine['system']} {machine['machine']}, "
+        f"{machine['python_implementation']} {machine['python_version']}, {packages}."
+    )
+
+
+def draw(figures: Sequence[Figure]) -> None:
+    # The summary at the end of a run needs this file, but no plotting library.
+    import matplotlib
+
+    matplotlib.use("Agg")
+    from matplotlib import pyplot
+
+    groups = {group[0].workload: group for group in by_workload(figures)}
+    shown = [groups[workload] for workload in DEPICTED if workload in groups]
+    columns = 2
+    rows = -(-len(shown) // columns)
+    canvas, panels = pyplot.subplots(rows, columns, figsize=(11, 2.2 * rows + 0.6), squeeze=False)
+    for panel in panels.flat[len(shown) :]:
+        panel.set_visible(False)
+    for panel, group in zip(panels.flat, shown, strict=False):
+        draw_panel(panel, group)
+    canvas.suptitle("Time over that of this module, logarithmic: left is faster", fontsize=11)
+    canvas.tight_layout()
+    PICTURE.parent.mkdir(parents=True, exist_ok=True)
+    canvas.savefig(PICTURE, dpi=120)
+    pyplot.close(canvas)
+
+
+def draw_panel(panel: Any, group: Sequence[Figure]) -> None:
+    """A dot for each contender, on a line from where this module stands."""
+    first, *rest = group
+    panel.axvline(1.0, color=BLUE, linewidth=1.0)
+    panel.plot(1.0, 0, "o", color=BLUE)
+    for place, figure in enumerate(rest, start=1):
+        ratio = figure.median / first.median
+        colour = LIGHT if figure.floor else DARK
+        panel.hlines(place, 1.0, ratio, color=colour)
+        panel.plot(ratio, place, "o", color=colour)
+        beside = (
+            {"xytext": (6, 0), "ha": "left"} if ratio >= 1.0 else {"xytext": (-6, 0), "ha": "right"}
+        )
+        panel.annotate(
+            f"{ratio:.3g}",
+            (ratio, place),
+            textcoords="offset points",
+            va="center",
+            fontsize=8,
+            **beside,
+        )
+    ratios = [figure.median / first.median for figure in group]
+    panel.set_xscale("log")
+    panel.set_xlim(min(*ratios, 0.5) / 3, max(*ratios, 2.0) * 3)
+    panel.xaxis.set_major_formatter("{x:g}")
+    panel.minorticks_off()
+    panel.set_yticks(range(len(group)), [figure.contender for figure in group])
+    panel.set_ylim(len(group) - 0.5, -0.5)
+    panel.set_title(f"{first.workload}: 1 = {_number(first.median)} {first.unit}", fontsize=9)
+    panel.tick_params(labelsize=8)
+    panel.spines[["top", "right"]].set_visible(False)
+
+
+def main() -> None:
+    if len(sys.argv) != 2:
+        sys.exit("usage: python bench/report.py RESULTS.json")
+    results = json.loads(Path(sys.argv[1]).read_text())
+    figures = read(results)
+    subjects = {figure.subject for figure in figures}
+    sections = [
+        section([figure for figure in figures if figure.subject == subject])
+        for subject in TITLES
+        if subject in subjects
+    ]
+    draw(figures)
+    picture = f"![Times beside those of this module]({PICTURE.relative_to(DOCS)})"
+    start, end = MARKERS
+    before, rest = PAGE.read_text().split(start)
+    _, after = rest.split(end)
+    parts = [start, setting(results), picture, *sections, faster(figures), end]
+    PAGE.write_text(before + "\n\n".join(parts) + after)
+
+
+if __name__ == "__main__":
+    main()

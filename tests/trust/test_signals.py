@@ -1,0 +1,69 @@
+"""An interrupt ends a long run between two rows, at once."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+
+import pytest
+
+CHILD = """
+import importlib, signal, sys, threading, time
+import numpy as np
+from support.graphs import feature, number, reduction, rotation
+from support.leak_roads import functions_registry
+from support.runs import make_context
+from quernbrook.simulator_engine._types import UsefulSignal
+
+evaluator = importlib.import_module(sys.argv[1])
+ROWS, DELAY = 2_000_000, 0.02
+features = {"a": np.ones((ROWS, 2))}
+pool = {"x": UsefulSignal(np.ones((ROWS, 2)), np.ones((ROWS, 1)))}
+roads = {
+    # No function of Python's own, whose interpreter would notice the signal by itself.
+    "literal": (number(1.0), {}),
+    "reduction": (reduction("mean"), {"useful_signals": pool, "registry": functions_registry()}),
+    "function": (rotation("f", feature("a")), {"registry": functions_registry()}),
+}
+graph, options = roads[sys.argv[2]]
+context = make_context(evaluator, features, validate_inputs=False, **options)
+# The signal comes from the system: another thread would have to wait for the interpreter.
+signal.signal(signal.SIGALRM, signal.default_int_handler)
+signal.setitimer(signal.ITIMER_REAL, DELAY)
+sent = time.perf_counter() + DELAY
+try:
+    evaluator.evaluate(graph, context, data_nan_features=["unused"])
+except KeyboardInterrupt as error:
+    took = time.perf_counter() - sent
+    day = context.current_day_index
+    ended = (type(error.__cause__), type(error.__context__), 0 < day < ROWS - 1)
+taken = []
+thread = threading.Thread(target=lambda: taken.append(context._evaluation_lock.acquire(False)))
+thread.start()
+thread.join()
+assert ended == (type(None), type(None), True), ended
+assert taken == [True]
+print(took)
+"""
+MODULES = {
+    "native": "quernbrook.simulator_engine.expression_evaluator",
+    "reference": "reference_evaluator",
+}
+
+
+@pytest.mark.parametrize("road", ["literal", "reduction", "function"])
+def test_an_interrupt_ends_a_run(
+    evaluator: object, request: pytest.FixtureRequest, road: str
+) -> None:
+    module = MODULES[request.node.callspec.params["evaluator"]]
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
+    finished = subprocess.run(
+        [sys.executable, "-c", CHILD, module, road],
+        env=env,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    assert finished.returncode == 0, finished.stderr
+    assert float(finished.stdout) < 0.1
