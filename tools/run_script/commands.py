@@ -11,6 +11,7 @@ import compiler
 from environment import NATIVE_BUILD, PYTHON, ROOT, VENV, prepare
 from messages import Failure, note
 
+DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
 KERNEL_TESTS = ROOT / "tests" / "kernels"
 # They run the demonstration, the guide and this script, not the module from the build.
 NOT_SANITIZED = {"demo", "docs", "run_script"}
@@ -27,11 +28,24 @@ def test(arguments: Sequence[str]) -> int:
     prepare(["build", "test", "demo", "docs"])
     kernels = 0
     if not arguments and (KERNEL_TESTS / "CMakeLists.txt").is_file():
+        ensure_doctest()
         build = NATIVE_BUILD.with_name(f"{NATIVE_BUILD.name}-kernels")
         kernels = cmake_build(KERNEL_TESTS, build) or tool(
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
     return python("-m", "pytest", *arguments) or kernels
+
+
+def ensure_doctest() -> None:
+    """The C++ tests' framework is a Debian package; root on Debian gets it installed."""
+    if any(Path(folder, "doctest/doctest.h").is_file() for folder in DOCTEST_FOLDERS):
+        return
+    if os.geteuid() == 0 and shutil.which("apt-get"):
+        note("doctest is missing; installing doctest-dev with apt-get")
+        install = "apt-get update && apt-get install -y doctest-dev"
+        if subprocess.run(install, shell=True, capture_output=True).returncode == 0:
+            return
+    raise Failure("the C++ tests need doctest: install it (on Debian 'apt-get install doctest-dev').")
 
 
 def bench(arguments: Sequence[str]) -> int:
