@@ -2,6 +2,7 @@
 
 import os
 import shlex
+import shutil
 import subprocess
 import sys
 from collections.abc import Callable, Sequence
@@ -45,7 +46,7 @@ def ensure_doctest() -> None:
         install = "apt-get update && apt-get install -y doctest-dev"
         if subprocess.run(install, shell=True, capture_output=True).returncode == 0:
             return
-    raise Failure("the C++ tests need doctest: install it (on Debian 'apt-get install doctest-dev').")
+    raise Failure("the C++ tests need doctest: on Debian, 'apt-get install doctest-dev'.")
 
 
 def bench(arguments: Sequence[str]) -> int:
