@@ -287,7 +287,7 @@ class Text(str):
     def __str__(self) -> str:
         return "shown"
 
-    def __format__(self, specification: str) -> str:
+    def __format__(self, format_spec: str) -> str:
         return "formatted"
 
 

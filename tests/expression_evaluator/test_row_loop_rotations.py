@@ -343,8 +343,8 @@ class Shown(Exception):
     def __str__(self) -> str:
         return "shown"
 
-    def __format__(self, specification: str) -> str:
-        return f"formatted{specification}"
+    def __format__(self, format_spec: str) -> str:
+        return f"formatted{format_spec}"
 
 
 @pytest.mark.parametrize("bound", [True, False])
