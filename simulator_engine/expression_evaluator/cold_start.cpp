@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "expression_evaluator/instance_lifecycle.hpp"
 #include "expression_evaluator/matrix_row.hpp"
 #include "expression_evaluator/signal_pnl.hpp"
@@ -19,11 +17,6 @@ using graph_prep::NodeIndex;
 using graph_prep::NodeKind;
 
 namespace {
-
-bool is_reduction(const Run& run, const Node& node) {
-  return node.kind == NodeKind::compared ? equal(node.type, run.space.names.reduction)
-                                         : node.kind == NodeKind::reduction;
-}
 
 /// The rows that the restored window is short of; empty where it is full or has no state.
 Object missing_rows(const Run& run, NodeIndex index) {
@@ -107,7 +100,8 @@ void prefill_on_cold_start(Run& run) {
   if (run.function_states.is_none() || !truth(run.is_cold_start)) return;
   for (const NodeIndex index : run.table.functions) {
     const Node& node = run.table.nodes[index];
-    if (!truth(attribute(node.instance, run.space.names.stateful)) || !is_reduction(run, node)) {
+    if (!truth(attribute(node.instance, run.space.names.stateful)) ||
+        !graph_prep::is_kind(run.space, node, NodeKind::reduction)) {
       continue;
     }
     const Object rows_needed = missing_rows(run, index);

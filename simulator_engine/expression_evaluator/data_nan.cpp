@@ -39,11 +39,6 @@ void mark_precomputed(Run& run) {
   }
 }
 
-bool is_filtration(const Run& run, const Node& node) {
-  return node.kind == NodeKind::compared ? equal(node.type, run.space.names.filtration)
-                                         : node.kind == NodeKind::filtration;
-}
-
 bool is_all_nan(const Run& run, const Registers& registers, NodeIndex node) {
   const double* values = registers.row(node);
   return std::all_of(values, values + run.columns, [](double value) { return std::isnan(value); });
@@ -68,7 +63,7 @@ Object propagate_data_nan(Run& run, const Registers& registers, NodeIndex index,
   bool any_marked = false;
   bool any_output = false;
   for (const NodeIndex child : run.table.children_of(run.table.nodes[index])) {
-    if (is_filtration(run, run.table.nodes[child])) continue;
+    if (graph_prep::is_kind(run.space, run.table.nodes[child], NodeKind::filtration)) continue;
     any_output = true;
     any_marked |= run.is_data_nan[child] != 0;
     all_nan = all_nan && is_all_nan(run, registers, child);

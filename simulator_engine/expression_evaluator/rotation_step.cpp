@@ -78,13 +78,10 @@ void RotationStep::choose_arguments(NodeIndex index, Call& call) const {
 bool RotationStep::is_argument(NodeIndex index, bool is_config, bool with_config) const {
   if (is_config && !with_config) return false;
   const Node& child = run_.table.nodes[index];
-  const auto is = [&](NodeKind kind, PyObject* name) {
-    return child.kind == NodeKind::compared ? equal(child.type, name) : child.kind == kind;
-  };
-  const host::Names& names = run_.space.names;
-  if (is(NodeKind::string_literal, names.string)) return false;
-  if (is(NodeKind::int_literal, names.int_) && !run_is_bound()) return false;
-  return !is(NodeKind::bool_literal, names.bool_);
+  const auto is = [&](NodeKind kind) { return graph_prep::is_kind(run_.space, child, kind); };
+  if (is(NodeKind::string_literal)) return false;
+  if (is(NodeKind::int_literal) && !run_is_bound()) return false;
+  return !is(NodeKind::bool_literal);
 }
 
 /// The instance's result; empty where it failed.

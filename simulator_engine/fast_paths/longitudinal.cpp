@@ -7,15 +7,14 @@
 #include "fast_paths/kernels/rolling.hpp"
 #include "fast_paths/leaf.hpp"
 #include "fast_paths/rolling_formula.hpp"
+#include "host/feature.hpp"
 #include "host/graph_node.hpp"
 #include "host/graph_walk.hpp"
 #include "host/matrix.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
-#include "python/error.hpp"
 #include "python/gil.hpp"
 #include "python/protocol.hpp"
-#include "python/text.hpp"
 
 namespace quernbrook::fast_paths {
 
@@ -31,12 +30,8 @@ Object feature_matrix_for_fast_path(Namespace& space, const CallArguments& argum
   const auto [node, context] = parameters.bind(arguments);
   const Names& names = space.names;
   const Object name = host::node_value(space, node, LabelPath("fast_path.feature"));
-  if (!contains(attribute(context, names.feature_index), name)) {
-    raise(space.evaluation_error(), message("Feature '", name, "' not in context"));
-  }
-  const Object index = item(attribute(context, names.feature_index), name);
-  const Object feature = item(attribute(context, names.features), index);
-  const Object data = host::as_float64(space, feature);
+  const Object position = host::feature_position(space, context, name);
+  const Object data = host::feature_matrix(space, context, position);
   const Object masked =
       call(space.global(names._apply_universe_mask), data, attribute(context, names.universe));
   return host::as_contiguous_float64(space, masked);

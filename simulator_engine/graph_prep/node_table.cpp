@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "python/error.hpp"
+#include "host/feature.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -44,12 +44,16 @@ NodeKind compare_kind(const Namespace& space, PyObject* type) {
   return NodeKind::unknown;
 }
 
-void set_feature_index(const Namespace& space, Node& node, PyObject* name, PyObject* context) {
-  PyObject* attribute_name = space.names.feature_index;
-  if (!contains(attribute(context, attribute_name), name)) {
-    raise(space.evaluation_error(), message("Feature '", name, "' not in context"));
+bool is_kind(const Namespace& space, const Node& node, NodeKind kind) {
+  if (node.kind != NodeKind::compared) return node.kind == kind;
+  for (const auto& [name, named_kind] : kind_names(space)) {
+    if (named_kind == kind && equal(node.type, name)) return true;
   }
-  node.feature_index = item(attribute(context, attribute_name), name);
+  return false;
+}
+
+void set_feature_index(const Namespace& space, Node& node, PyObject* name, PyObject* context) {
+  node.feature_index = host::feature_position(space, context, name);
   if (!PyLong_CheckExact(node.feature_index.get())) return;
   node.plain_feature_index = PyLong_AsSsize_t(node.feature_index);
   // Out of range: the sequence itself will say so.

@@ -57,6 +57,9 @@ struct Node {
   bool is_bound = false;
 };
 
+/// `node.type == kind`, compared anew where the kind is no plain str.
+bool is_kind(const Namespace& space, const Node& node, NodeKind kind);
+
 /// Looks the leaf's feature name up in the context's feature index.
 void set_feature_index(const Namespace& space, Node& node, PyObject* name, PyObject* context);
 
