@@ -23,7 +23,7 @@ def earned(weights: Matrix, next_returns: Matrix) -> Series:
 
 def daily_returns(weights: Matrix, returns: Matrix) -> Series:
     """What came in on each day, from the weights of the day before; NaN where there were none."""
-    return np.concatenate(([np.nan], earned(weights[:-1], returns[1:])))
+    return np.concatenate((np.full(1, np.nan), earned(weights[:-1], returns[1:])))
 
 
 def equal_weights(universe: Matrix) -> Matrix:
