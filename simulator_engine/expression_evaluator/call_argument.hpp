@@ -9,6 +9,7 @@ namespace quernbrook::evaluation {
 /// neither kept nor changed it, which nobody can see; else the next row gets a new one.
 class CallArgument {
  public:
+  CallArgument() = default;
   explicit CallArgument(graph_prep::NodeIndex source) : source_(source) {}
 
   /// The source's register as a vector of the function's own.
@@ -20,7 +21,7 @@ class CallArgument {
   bool is_untouched(npy_intp columns, PyObject* base) const;
   void adopt(Object array);
 
-  graph_prep::NodeIndex source_;
+  graph_prep::NodeIndex source_ = graph_prep::no_node;
   Object array_;
   void* data_ = nullptr;
   int flags_ = 0;

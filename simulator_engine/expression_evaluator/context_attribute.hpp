@@ -5,8 +5,7 @@
 namespace quernbrook::evaluation {
 
 /// An attribute of the run's context that functions may replace between any two calls. It is read
-/// each time, except on our own class while no foreign code has run: there the value is the same
-/// and nobody can tell.
+/// each time, except where nobody can tell and no foreign code has run since.
 class ContextAttribute {
  public:
   ContextAttribute(const Run& run, PyObject* name) : run_(run), name_(name) {}
@@ -17,8 +16,6 @@ class ContextAttribute {
   void forget() noexcept { is_current_ = false; }
 
  private:
-  bool is_plain() const;
-
   const Run& run_;
   PyObject* name_;
   Object value_;

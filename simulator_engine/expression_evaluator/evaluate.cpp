@@ -13,7 +13,7 @@ using namespace python;
 
 namespace {
 
-constexpr std::array<const char*, 6> argument_names{"graph",
+constexpr std::array<std::string_view, 6> argument_names{"graph",
                                                     "context",
                                                     "function_states",
                                                     "is_cold_start",
@@ -46,7 +46,8 @@ Object evaluate(Namespace& space, const CallArguments& arguments) {
                       or_none(bound[4]), or_none(bound[5]));
   };
   const Object lock = lock_of(space, context);
-  return lock.is_none() ? evaluate_unlocked() : with(lock, evaluate_unlocked);
+  if (lock.is_none()) return evaluate_unlocked();
+  return with(lock, space.names.enter_, space.names.exit_, evaluate_unlocked);
 }
 
 Object evaluate_unlocked(Namespace& space, const CallArguments& arguments) {

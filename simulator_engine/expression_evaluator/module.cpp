@@ -46,9 +46,8 @@ PyMethodDef* const functions[] = {
 };
 
 void add_classes(PyObject* module, Namespace& space) {
-  space.context_type = evaluation::make_context_class(module);
   space.attribute_iterator_type = make_attribute_iterator_class(module);
-  set_attribute(module, space.names.EvaluationContext, space.context_type);
+  set_attribute(module, space.names.EvaluationContext, evaluation::make_context_class(module));
   set_attribute(module, space.names.EvaluationResult, evaluation::make_result_class(module));
   set_attribute(module, space.names.FunctionState, evaluation::make_function_state_class(module));
 }
@@ -113,7 +112,6 @@ int module_traverse(PyObject* module, visitproc visit, void* arg) {
   const Namespace* space = state_of(module);
   if (space == nullptr) return 0;
   Py_VISIT(space->globals.get());
-  Py_VISIT(space->context_type.get());
   Py_VISIT(space->attribute_iterator_type.get());
   return 0;
 }

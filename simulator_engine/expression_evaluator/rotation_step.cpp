@@ -12,7 +12,8 @@ using graph_prep::NodeIndex;
 using graph_prep::NodeKind;
 
 RotationStep::RotationStep(Run& run, const Registers& registers)
-    : run_(run), registers_(registers), calls_(run.table.nodes.size()) {
+    : run_(run), registers_(registers), calls_(run.table.nodes.size()),
+      arguments_(run.table.children.size()) {
   std::size_t most_children = 0;
   for (NodeIndex index = 0; index < calls_.size(); ++index) {
     const Node& node = run.table.nodes[index];
@@ -37,10 +38,12 @@ void RotationStep::run(NodeIndex index, npy_intp row) {
       call.compares_kinds) {
     call.with_config = with_config;
     call.in_bound_run = bound;
-    choose_arguments(index, call);
+    choose_arguments(node, call);
   }
   const Object result = call_instance(node, call);
   if (result.empty()) raise_function_failure(run_, index, row);
+  // After the last row they would only take memory from the next nodes' arguments.
+  if (row + 1 == run_.rows) release_arguments(node, call);
   if (node.is_bound) registers_.require_intact();
   store_output(run_, registers_, index, propagate_data_nan(run_, registers_, index, result), row);
 }
@@ -56,20 +59,17 @@ bool RotationStep::takes_config_children(const Node& node, const Call& call) con
   if (!node.is_bound) return false;
   PyObject* arity = run_.space.names.arity;
   PyTypeObject* type = Py_TYPE(node.instance.get());
-  const bool nobody_can_tell = !call.has_config_children &&
-                               type->tp_getattro == PyObject_GenericGetAttr &&
-                               find_on_type(type, arity) == nullptr;
+  const bool nobody_can_tell = !call.has_config_children && has_plain_attribute(type, arity);
   return !nobody_can_tell && !has_attribute(node.instance, arity);
 }
 
-void RotationStep::choose_arguments(NodeIndex index, Call& call) const {
-  const Node& node = run_.table.nodes[index];
-  call.arguments.clear();
+void RotationStep::choose_arguments(const Node& node, Call& call) {
+  call.argument_count = 0;
   for (std::uint32_t place = 0; place < node.child_count; ++place) {
     const std::size_t slot = node.first_child + place;
     const NodeIndex child = run_.table.children[slot];
     if (is_argument(child, run_.table.is_config_child[slot] != 0, call.with_config)) {
-      call.arguments.emplace_back(child);
+      arguments_[node.first_child + call.argument_count++] = CallArgument(child);
     }
   }
   call.is_chosen = true;
@@ -84,12 +84,20 @@ bool RotationStep::is_argument(NodeIndex index, bool is_config, bool with_config
   return !is(NodeKind::bool_literal);
 }
 
+void RotationStep::release_arguments(const Node& node, Call& call) {
+  for (std::uint32_t place = 0; place < call.argument_count; ++place) {
+    arguments_[node.first_child + place] = CallArgument();
+  }
+  call.is_chosen = false;
+}
+
 /// The instance's result; empty where it failed.
 Object RotationStep::call_instance(const Node& node, Call& call) {
   constexpr std::size_t first_argument = 2;
   std::size_t count = 0;
-  for (CallArgument& argument : call.arguments) {
-    stack_[first_argument + count++] =
+  for (; count < call.argument_count; ++count) {
+    CallArgument& argument = arguments_[node.first_child + count];
+    stack_[first_argument + count] =
         call.in_bound_run ? argument.view(registers_) : argument.copy(registers_);
   }
   PyObject* names = nullptr;

@@ -18,8 +18,8 @@ class RotationStep {
  private:
   /// What a node keeps from row to row.
   struct Call {
-    std::vector<CallArgument> arguments;
-    /// The choice of children that `arguments` stand for.
+    /// The choice of children that the node's arguments stand for.
+    std::uint32_t argument_count = 0;
     bool is_chosen = false;
     bool with_config = false;
     bool in_bound_run = false;
@@ -30,13 +30,16 @@ class RotationStep {
 
   bool run_is_bound() const;
   bool takes_config_children(const graph_prep::Node& node, const Call& call) const;
-  void choose_arguments(graph_prep::NodeIndex node, Call& call) const;
+  void choose_arguments(const graph_prep::Node& node, Call& call);
   bool is_argument(graph_prep::NodeIndex child, bool is_config, bool with_config) const;
+  void release_arguments(const graph_prep::Node& node, Call& call);
   Object call_instance(const graph_prep::Node& node, Call& call);
 
   Run& run_;
   const Registers& registers_;
-  std::vector<Call> calls_;       // by node; idle for all but rotations
+  std::vector<Call> calls_;  // by node; idle for all but rotations
+  /// The arguments of all nodes; a node's begin where its children do.
+  std::vector<CallArgument> arguments_;
   std::vector<PyObject*> stack_;  // of the call under way: a free place, the instance, arguments
 };
 

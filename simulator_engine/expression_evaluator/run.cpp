@@ -199,7 +199,8 @@ void prepare_extraction_buffer(Run& run) {
 }
 
 void prepare_buffers(Run& run) {
-  run.weights = zeros(run.rows, run.columns);
+  // The row loop writes every row of these.
+  run.weights = uninitialised(run.rows, run.columns);
   run.registers = zeros(register_count(run), run.columns);
   prepare_extraction_buffer(run);
   seed_data_nan(run);
@@ -209,7 +210,7 @@ void prepare_buffers(Run& run) {
   if (!run.collects_node_outputs) return;
   run.node_outputs.reserve(run.table.nodes.size());
   for (std::size_t node = 0; node < run.table.nodes.size(); ++node) {
-    run.node_outputs.push_back(zeros(run.rows, run.columns));
+    run.node_outputs.push_back(uninitialised(run.rows, run.columns));
   }
 }
 

@@ -1,5 +1,6 @@
 #include "graph_prep/collection_record.hpp"
 
+#include <array>
 #include <utility>
 
 #include "graph_prep/function_instance.hpp"
@@ -122,6 +123,32 @@ Object member(PyObject* table, PyObject* key) {
   return value;
 }
 
+/// Runs `body(key, value)` for every entry of an exact dict, in order.
+template <class Body>
+void for_each_dict_item(const Object& dict, Body&& body) {
+  const Py_ssize_t size = PyDict_GET_SIZE(dict.get());
+  PyObject* key;
+  PyObject* value;
+  Py_ssize_t position = 0;
+  while (PyDict_Next(dict, &position, &key, &value)) {
+    body(Object::share(key), Object::share(value));
+    if (PyDict_GET_SIZE(dict.get()) != size) {
+      raise_text(PyExc_RuntimeError, "dictionary changed size during iteration");
+    }
+  }
+}
+
+/// Runs `body(key, table[key])` for every key, in order.
+template <class Body>
+void for_each_item(const Object& table, Body&& body) {
+  if (PyDict_CheckExact(table.get())) return for_each_dict_item(table, body);
+  SequenceIterator keys(table);
+  for (Object key = keys.next(); !key.empty(); key = keys.next()) {
+    Object value = member(table, key);
+    body(std::move(key), std::move(value));
+  }
+}
+
 class RecordReader {
  public:
   RecordReader(const Namespace& space, PyObject* record, const CollectionInputs& inputs)
@@ -138,13 +165,15 @@ class RecordReader {
 
   NodeTable read() {
     number_nodes();
-    for (Node& node : table_.nodes) read_node(node);
-    for_each(float_values_,
-             [&](PyObject* path, Node& node) { node.literal = member(float_values_, path); });
-    for_each(filtration_nodes_, [&](PyObject* path, Node& node) {
-      node.graph_node = member(filtration_nodes_, path);
+    for (NodeIndex index = 0; index < infos_.size(); ++index) {
+      read_node(table_.nodes[index], infos_[index]);
+    }
+    for_each(float_values_, [](Node& node, Object value) { node.literal = std::move(value); });
+    for_each(filtration_nodes_,
+             [](Node& node, Object value) { node.graph_node = std::move(value); });
+    for_each(reduction_nodes_, [&](Node& node, const Object& entry) {
+      read_reduction(node, entry);
     });
-    for_each(reduction_nodes_, [&](PyObject* path, Node& node) { read_reduction(node, path); });
     table_.root = index_of(names_.root);
     read_features();
     read_functions();
@@ -154,12 +183,16 @@ class RecordReader {
  private:
   /// Nodes are numbered in the order of `node_info`, whatever it is.
   void number_nodes() {
-    table_.nodes.reserve(static_cast<std::size_t>(length(node_info_)));
-    SequenceIterator paths(node_info_);
-    for (Object path = paths.next(); !path.empty(); path = paths.next()) {
+    const auto count = static_cast<std::size_t>(length(node_info_));
+    table_.nodes.reserve(count);
+    table_.children.reserve(count);
+    table_.is_config_child.reserve(count);
+    infos_.reserve(count);
+    for_each_item(node_info_, [&](Object path, Object info) {
       indices_.add(path, static_cast<NodeIndex>(table_.nodes.size()));
       table_.nodes.emplace_back().path = std::move(path);
-    }
+      infos_.push_back(std::move(info));
+    });
   }
 
   NodeIndex index_of(PyObject* path) {
@@ -170,23 +203,48 @@ class RecordReader {
 
   /// Runs `body` for every node that the table has an entry for.
   template <class Body>
-  void for_each(PyObject* table, Body&& body) {
-    if (PyDict_CheckExact(table) && PyDict_GET_SIZE(table) == 0) return;
-    SequenceIterator paths(Object::share(table));
-    for (Object path = paths.next(); !path.empty(); path = paths.next()) {
+  void for_each(const Object& table, Body&& body) {
+    for_each_item(table, [&](const Object& path, Object value) {
       const NodeIndex index = indices_.find(path);
-      if (index != no_node) body(path, table_.nodes[index]);
-    }
+      if (index != no_node) body(table_.nodes[index], std::move(value));
+    });
   }
 
-  void read_node(Node& node) {
-    const Object info = member(node_info_, node.path);
-    node.type = member(info, names_.type);
-    node.value = member(info, names_.node);
-    node.canonical_id = member(info, names_.canonical_id);
+  void read_node(Node& node, PyObject* info) {
+    Object children_paths;
+    Object config_child_paths;
+    if (is_as_written(info)) {
+      node.type = Object::share(members_[0]);
+      node.value = Object::share(members_[1]);
+      node.canonical_id = Object::share(members_[2]);
+      children_paths = Object::share(members_[3]);
+      config_child_paths = Object::share(members_[6]);
+    } else {
+      node.type = member(info, names_.type);
+      node.value = member(info, names_.node);
+      node.canonical_id = member(info, names_.canonical_id);
+      children_paths = member(info, names_.children_paths);
+      config_child_paths = member_or_empty(info, names_.config_child_paths);
+    }
     node.kind = kind_of(space_, node.type);
-    read_children(node, member(info, names_.children_paths),
-                  member_or_empty(info, names_.config_child_paths));
+    read_children(node, children_paths, config_child_paths);
+  }
+
+  /// Finds the members of an entry that still has the keys of RecordWriter in their order.
+  bool is_as_written(PyObject* info) {
+    if (!PyDict_CheckExact(info)) return false;
+    const Py_ssize_t size = PyDict_GET_SIZE(info);
+    if (size != 5 && size != 7) return false;
+    PyObject* const keys[] = {names_.type,     names_.node,   names_.canonical_id,
+                              names_.children_paths, names_.children, names_.config,
+                              names_.config_child_paths};
+    members_.back() = nullptr;
+    PyObject* key;
+    Py_ssize_t position = 0;
+    for (std::size_t place = 0; PyDict_Next(info, &position, &key, &members_[place]); ++place) {
+      if (key != keys[place]) return false;
+    }
+    return true;
   }
 
   void read_children(Node& node, const Object& paths, const Object& config_paths) {
@@ -201,8 +259,7 @@ class RecordReader {
     }
   }
 
-  void read_reduction(Node& node, PyObject* path) {
-    const Object entry = member(reduction_nodes_, path);
+  void read_reduction(Node& node, PyObject* entry) {
     node.is_reduction = true;
     node.config = item(entry, names_.config);
     const Object filtration_path = item(entry, names_.filtration_path);
@@ -210,26 +267,25 @@ class RecordReader {
   }
 
   void read_features() {
-    SequenceIterator paths(feature_ref_names_);
-    for (Object path = paths.next(); !path.empty(); path = paths.next()) {
+    for_each_item(feature_ref_names_, [&](const Object& path, const Object& name) {
       // A name that stands at no node is only looked up.
       Node nowhere;
       const NodeIndex index = indices_.find(path);
-      Node& node = index == no_node ? nowhere : table_.nodes[index];
-      set_feature_index(space_, node, member(feature_ref_names_, path), inputs_.context);
+      set_feature_index(space_, index == no_node ? nowhere : table_.nodes[index], name,
+                        inputs_.context);
       if (index != no_node) table_.leaves.push_back(index);
-    }
+    });
   }
 
   void read_functions() {
-    SequenceIterator paths(state_keys_);
-    for (Object path = paths.next(); !path.empty(); path = paths.next()) {
+    table_.functions.reserve(table_.nodes.size());
+    for_each_item(state_keys_, [&](const Object& path, Object key) {
       const NodeIndex index = index_of(path);
       Node& node = table_.nodes[index];
-      node.state_key = member(state_keys_, path);
+      node.state_key = std::move(key);
       take_bound_instance(space_, inputs_, node, path);
       table_.functions.push_back(index);
-    }
+    });
   }
 
   const Namespace& space_;
@@ -243,6 +299,8 @@ class RecordReader {
   Object feature_ref_names_;
   PathIndex indices_;
   NodeTable table_;
+  std::vector<Object> infos_;         // the entries of `node_info`, by node
+  std::array<PyObject*, 7> members_;  // of the entry under way, borrowed
 };
 
 }  // namespace

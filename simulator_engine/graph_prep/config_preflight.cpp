@@ -1,5 +1,6 @@
 #include "graph_prep/config_preflight.hpp"
 
+#include "graph_prep/node_table.hpp"
 #include "host/graph_walk.hpp"
 #include "host/parameter_schema.hpp"
 #include "host/registry.hpp"
@@ -58,11 +59,9 @@ bool is_schema_checked(const Namespace& space, PyObject* entry) {
   return equal(family, space.names.virtualization);
 }
 
-void check_explicit_config(const Namespace& space, PyObject* context, PyObject* function_name,
+void check_against_schema(const Namespace& space, PyObject* registry, PyObject* function_name,
                            PyObject* config, const NodePath& path) {
-  if (config != Py_None) refuse_engine_only(space, function_name, config, path);
-  const Object registry = host::registry_of(space, context);
-  if (registry.is_none() || !host::registry_has(space, registry, function_name)) return;
+  if (registry == Py_None || !host::registry_has(space, registry, function_name)) return;
   const Object entry = host::registry_entry(space, registry, function_name);
   const Object allowed = host::schema_names(space, entry);
   // An empty schema admits everything here; the merged check refuses it.
@@ -87,22 +86,46 @@ class Preflight {
     if (plain_ == nullptr) host::require_node_instance(space_, node, path);
     const Object kind = field(node, names.type, path);
     const Object value = field(node, names.node, path);
-    if (equal(kind, names.rotation) || equal(kind, names.reduction)) {
-      check_explicit_config(space_, context_, value, copy_of_config(node), path);
-      // The registry has run meanwhile.
+    if (is_function(kind)) {
+      check_function(node, value, path);
       plain_ = reader_.plain_attributes(node);
     }
     return Frame{host::ChildIterator(children(node))};
   }
 
  private:
+  void check_function(PyObject* node, PyObject* function_name, const NodePath& path) {
+    const Object config = copy_of_config(node);
+    if (!config.is_none()) refuse_engine_only(space_, function_name, config, path);
+    const Object registry = host::registry_of(space_, context_);
+    check_against_schema(space_, registry, function_name, config, path);
+    const bool ran_foreign_code =
+        !config.is_none() || !registry.is_none() ||
+        !has_plain_attribute(Py_TYPE(context_), space_.names.registry);
+    if (ran_foreign_code) forget_what_is_plain();
+  }
+
+  bool is_function(PyObject* kind) const {
+    switch (kind_of(space_, kind)) {
+      case NodeKind::rotation:
+      case NodeKind::reduction:
+        return true;
+      case NodeKind::compared:
+        return equal(kind, space_.names.rotation) || equal(kind, space_.names.reduction);
+      default:
+        return false;
+    }
+  }
+
   Object plain_field(PyObject* key) const {
     return plain_ == nullptr ? Object() : dict_item(plain_, key);
   }
 
-  Object field(PyObject* node, PyObject* key, const NodePath& path) const {
+  Object field(PyObject* node, PyObject* key, const NodePath& path) {
     Object value = plain_field(key);
-    return value.empty() ? host::require_field(space_, node, key, path) : value;
+    if (!value.empty()) return value;
+    forget_what_is_plain();
+    return host::require_field(space_, node, key, path);
   }
 
   /// None where there is nothing to check.
@@ -111,10 +134,18 @@ class Preflight {
     return config.is_none() ? config : host::config_of(space_, node);
   }
 
-  Object children(PyObject* node) const {
-    const Object plain = plain_field(space_.names.children);
+  Object children(PyObject* node) {
+    Object plain = plain_field(space_.names.children);
     if (plain.is_none()) return Object::own(PyTuple_New(0));
+    if (!plain.empty() && PyList_CheckExact(plain.get())) return plain;
+    forget_what_is_plain();
     return host::children_of(space_, node);
+  }
+
+  /// Foreign code has run, or might have.
+  void forget_what_is_plain() noexcept {
+    plain_ = nullptr;
+    reader_.foreign_code_ran();
   }
 
   const Namespace& space_;

@@ -16,27 +16,24 @@ std::size_t PathIndex::place_of(PyObject* path) const noexcept {
   const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(path)) >> 4;
   const std::size_t mask = entries_.size() - 1;
   std::size_t place = static_cast<std::size_t>((address * 0x9e3779b97f4a7c15) >> 32) & mask;
-  while (!entries_[place].path.empty() && entries_[place].path.get() != path) {
+  while (entries_[place].path != nullptr && entries_[place].path != path) {
     place = (place + 1) & mask;
   }
   return place;
 }
 
-void PathIndex::add(Object path, NodeIndex index) {
-  const std::size_t place = place_of(path);
-  entries_[place] = {std::move(path), index};
-}
+void PathIndex::add(PyObject* path, NodeIndex index) { entries_[place_of(path)] = {path, index}; }
 
 NodeIndex PathIndex::find(PyObject* path) {
   const Entry& entry = entries_[place_of(path)];
-  return entry.path.empty() ? find_equal(path) : entry.index;
+  return entry.path == nullptr ? find_equal(path) : entry.index;
 }
 
 NodeIndex PathIndex::find_equal(PyObject* path) {
   if (by_equality_.empty()) {
     by_equality_ = Object::own(PyDict_New());
     for (const Entry& entry : entries_) {
-      if (entry.path.empty()) continue;
+      if (entry.path == nullptr) continue;
       checked(PyDict_SetItem(by_equality_, entry.path, integer(entry.index)));
     }
   }

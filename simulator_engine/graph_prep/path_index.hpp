@@ -7,18 +7,19 @@
 namespace quernbrook::graph_prep {
 
 /// Finds nodes by their paths. The texts of one record mostly are the same objects wherever they
-/// stand, so that identity answers first and equality only where it has to.
+/// stand, so that identity answers first and equality only where it has to. The paths must outlive
+/// the index.
 class PathIndex {
  public:
   explicit PathIndex(std::size_t most);
 
-  void add(Object path, NodeIndex index);
+  void add(PyObject* path, NodeIndex index);
   /// The node at the path, or no_node.
   NodeIndex find(PyObject* path);
 
  private:
   struct Entry {
-    Object path;
+    PyObject* path = nullptr;
     NodeIndex index = no_node;
   };
   std::size_t place_of(PyObject* path) const noexcept;

@@ -10,17 +10,6 @@ using namespace python;
 
 namespace {
 
-/// Reading the attribute of an instance is no more than a look into its dictionary, unless the
-/// class itself has something to say about the name.
-bool is_plain_attribute(PyTypeObject* type, PyObject* key) {
-  PyObject* on_type = find_on_type(type, key);
-  return on_type == nullptr || Py_TYPE(on_type)->tp_descr_get == nullptr;
-}
-
-bool has_plain_attributes(PyTypeObject* type) {
-  return type->tp_getattro == PyObject_GenericGetAttr && type->tp_dictoffset > 0;
-}
-
 PyObject* dictionary_of(PyObject* node) {
   return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(node) +
                                        Py_TYPE(node)->tp_dictoffset);
@@ -30,7 +19,7 @@ PyObject* dictionary_of(PyObject* node) {
 /// wherever foreign code might run or the attribute might be missing.
 Object plain_attribute(PyObject* node, PyObject* key) {
   PyTypeObject* type = Py_TYPE(node);
-  if (!has_plain_attributes(type) || !is_plain_attribute(type, key)) return {};
+  if (type->tp_dictoffset <= 0 || !has_plain_attribute(type, key)) return {};
   PyObject* attributes = dictionary_of(node);
   return attributes == nullptr ? Object() : dict_item(attributes, key);
 }
@@ -93,20 +82,16 @@ Object config_of(const Namespace& space, PyObject* node) {
 
 PyObject* NodeReader::plain_attributes(PyObject* node) {
   PyTypeObject* type = Py_TYPE(node);
-  const Object node_class = space_.global(space_.names.FunctionGraphNode);
-  if (reinterpret_cast<PyObject*>(type) != node_class) return nullptr;
-  if (type != type_ || type->tp_version_tag != version_ || version_ == 0) examine(type);
-  return is_plain_ ? dictionary_of(node) : nullptr;
-}
-
-void NodeReader::examine(PyTypeObject* type) {
+  if (type == type_) return dictionary_of(node);
   const Names& names = space_.names;
-  is_plain_ = has_plain_attributes(type) && is_plain_attribute(type, names.type) &&
-              is_plain_attribute(type, names.node) && is_plain_attribute(type, names.config) &&
-              is_plain_attribute(type, names.children);
+  const Object node_class = space_.global(names.FunctionGraphNode);
+  if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return nullptr;
+  for (PyObject* name : {names.type.get(), names.node.get(), names.config.get(),
+                         names.children.get()}) {
+    if (!has_plain_attribute(type, name)) return nullptr;
+  }
   type_ = type;
-  // Looking names up has given the class a version, if it can have one.
-  version_ = PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
+  return dictionary_of(node);
 }
 
 namespace {

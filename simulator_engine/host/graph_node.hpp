@@ -60,14 +60,12 @@ class NodeReader {
   /// The dictionary that holds `type`, `node`, `config` and `children` of the node where nobody can
   /// watch it being read; it is valid until foreign code runs. Null for all other nodes.
   PyObject* plain_attributes(PyObject* node);
+  /// Foreign code ran and may have changed the class or put another in its place.
+  void foreign_code_ran() noexcept { type_ = nullptr; }
 
  private:
-  void examine(PyTypeObject* type);
-
   const Namespace& space_;
-  PyTypeObject* type_ = nullptr;
-  unsigned int version_ = 0;
-  bool is_plain_ = false;
+  PyTypeObject* type_ = nullptr;  // the class of plain nodes, once it is known to be one
 };
 
 extern PyMethodDef graph_node_functions[];

@@ -146,6 +146,8 @@
   NAME(int_, "int")                    \
   NAME(module_, "__module__")          \
   NAME(call_, "__call__")              \
+  NAME(enter_, "__enter__")            \
+  NAME(exit_, "__exit__")              \
   NAME(n_alloc, "N_alloc")             \
   NAME(a, "A")                         \
   NAME(empty, "")

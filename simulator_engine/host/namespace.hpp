@@ -12,8 +12,6 @@ struct Namespace {
   Names names;
   /// The module's dictionary; it lives at least as long as this state.
   python::Object globals;
-  /// Our own class, whose instances the row loop may read without asking their attributes twice.
-  python::Object context_type;
   python::Object attribute_iterator_type;
   /// The keyword names of calls that are made over and over, as tuples.
   python::Object axis_keyword;  // ("axis",)

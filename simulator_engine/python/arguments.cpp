@@ -1,5 +1,6 @@
 #include "python/arguments.hpp"
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -35,9 +36,19 @@ namespace {
   throw ErrorSet{};
 }
 
-std::size_t place_of(const ParameterList& parameters, PyObject* name) {
+bool is_spelt(PyObject* name, std::string_view text) {
+  if (!PyUnicode_IS_COMPACT_ASCII(name)) {
+    return PyUnicode_CompareWithASCIIString(name, text.data()) == 0;
+  }
+  return static_cast<std::size_t>(PyUnicode_GET_LENGTH(name)) == text.size() &&
+         std::memcmp(PyUnicode_1BYTE_DATA(name), text.data(), text.size()) == 0;
+}
+
+/// `guess` is where callers who keep to the parameters' order have the name.
+std::size_t place_of(const ParameterList& parameters, PyObject* name, std::size_t guess) {
+  if (guess < parameters.count && is_spelt(name, parameters.names[guess])) return guess;
   for (std::size_t place = 0; place < parameters.count; ++place) {
-    if (PyUnicode_CompareWithASCIIString(name, parameters.names[place]) == 0) return place;
+    if (is_spelt(name, parameters.names[place])) return place;
   }
   PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", parameters.function,
                name);
@@ -55,9 +66,10 @@ void bind_arguments(const ParameterList& parameters, const CallArguments& argume
     bound[place] = arguments.values[place];
   }
   const Py_ssize_t named = arguments.names == nullptr ? 0 : PyTuple_GET_SIZE(arguments.names);
+  std::size_t place = static_cast<std::size_t>(arguments.positional) - 1;
   for (Py_ssize_t given = 0; given < named; ++given) {
     PyObject* name = PyTuple_GET_ITEM(arguments.names, given);
-    const std::size_t place = place_of(parameters, name);
+    place = place_of(parameters, name, place + 1);
     if (bound[place] != nullptr) {
       PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%U'",
                    parameters.function, name);
@@ -65,8 +77,8 @@ void bind_arguments(const ParameterList& parameters, const CallArguments& argume
     }
     bound[place] = arguments.values[arguments.positional + given];
   }
-  for (std::size_t place = 0; place < parameters.required; ++place) {
-    if (bound[place] == nullptr) refuse_missing(parameters, bound);
+  for (std::size_t required = 0; required < parameters.required; ++required) {
+    if (bound[required] == nullptr) refuse_missing(parameters, bound);
   }
 }
 

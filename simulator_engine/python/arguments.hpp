@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string_view>
 
 #include "python/object.hpp"
 
@@ -18,7 +19,7 @@ struct CallArguments {
 /// `required` on may be left out.
 struct ParameterList {
   const char* function;
-  const char* const* names;
+  const std::string_view* names;  // of literals
   std::size_t count;
   std::size_t positional;
   std::size_t required;
@@ -36,7 +37,7 @@ void bind_arguments(const ParameterList& parameters, const CallArguments& argume
 template <std::size_t Count>
 struct Parameters {
   const char* function;
-  std::array<const char*, Count> names;
+  std::array<std::string_view, Count> names;
   std::size_t required = Count;
   std::size_t positional = Count;
 

@@ -84,8 +84,14 @@ Object filled_vector(npy_intp size, double value) {
 }
 
 Object row_view(PyObject* matrix, npy_intp row) {
-  // Indexing as a sequence is NumPy's shortest way to a view.
-  return Object::own(PySequence_GetItem(matrix, row));
+  PyArrayObject* array = as_array(matrix);
+  npy_intp columns = PyArray_DIM(array, 1);
+  char* start = PyArray_BYTES(array) + row * PyArray_STRIDE(array, 0);
+  Object view = Object::own(PyArray_NewFromDescr(
+      &PyArray_Type, PyArray_DescrFromType(NPY_DOUBLE), 1, &columns, &PyArray_STRIDES(array)[1],
+      start, PyArray_FLAGS(array) & NPY_ARRAY_WRITEABLE, nullptr));
+  checked(PyArray_SetBaseObject(as_array(view), Py_NewRef(matrix)));
+  return view;
 }
 
 }  // namespace quernbrook::python

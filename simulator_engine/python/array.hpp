@@ -33,7 +33,7 @@ Object uninitialised(npy_intp rows, npy_intp columns);
 Object empty_vector(npy_intp size);
 Object filled_vector(npy_intp size, double value);
 
-/// `matrix[row]`, a view.
+/// `matrix[row]`, a view, of a two-dimensional array of doubles.
 Object row_view(PyObject* matrix, npy_intp row);
 
 /// `view[...] = value`, with all of NumPy's rules for what may be assigned.

@@ -3,7 +3,6 @@
 #include <initializer_list>
 
 #include "python/protocol.hpp"
-#include "python/text.hpp"
 
 namespace quernbrook::python {
 namespace {
@@ -34,10 +33,10 @@ Object special_method(PyObject* object, PyObject* name) {
 
 }  // namespace
 
-ContextManager::ContextManager(PyObject* manager) {
-  enter_ = special_method(manager, as_text("__enter__"));
+ContextManager::ContextManager(PyObject* manager, PyObject* enter_name, PyObject* exit_name) {
+  enter_ = special_method(manager, enter_name);
   if (enter_.empty()) refuse(manager, "__enter__", "");
-  exit_ = special_method(manager, as_text("__exit__"));
+  exit_ = special_method(manager, exit_name);
   if (exit_.empty()) refuse(manager, "__exit__", " (missed __exit__ method)");
   exit_arguments_ = Object::own(PyTuple_Pack(3, Py_None, Py_None, Py_None));
   // A reference that somebody finds through the garbage collector would forbid filling it.

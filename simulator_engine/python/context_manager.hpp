@@ -8,7 +8,7 @@ namespace quernbrook::python {
 /// The two methods of a context manager, found on its type as the `with` statement finds them.
 class ContextManager {
  public:
-  explicit ContextManager(PyObject* manager);
+  ContextManager(PyObject* manager, PyObject* enter_name, PyObject* exit_name);
 
   void enter();
   void leave();
@@ -24,10 +24,11 @@ class ContextManager {
   Object exit_arguments_;
 };
 
-/// `with manager: return body()`. None where the manager swallows an exception of the body.
+/// `with manager: return body()`. None where the manager swallows an exception of the body. The
+/// names are "__enter__" and "__exit__", interned.
 template <class Body>
-Object with(PyObject* manager, Body&& body) {
-  ContextManager context(manager);
+Object with(PyObject* manager, PyObject* enter_name, PyObject* exit_name, Body&& body) {
+  ContextManager context(manager, enter_name, exit_name);
   context.enter();
   Object result;
   try {

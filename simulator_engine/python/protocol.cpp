@@ -75,6 +75,12 @@ double as_double(PyObject* object) {
   return PyFloat_AS_DOUBLE(number.get());
 }
 
+bool has_plain_attribute(PyTypeObject* type, PyObject* name) {
+  if (type->tp_getattro != PyObject_GenericGetAttr) return false;
+  PyObject* on_type = find_on_type(type, name);
+  return on_type == nullptr || Py_TYPE(on_type)->tp_descr_get == nullptr;
+}
+
 PyObject* find_on_type(PyTypeObject* type, PyObject* name) {
 #if PY_VERSION_HEX < 0x030E0000
   return _PyType_Lookup(type, name);

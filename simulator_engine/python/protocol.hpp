@@ -73,6 +73,10 @@ Py_ssize_t index_value(PyObject* object);
 /// `float(object)`.
 double as_double(PyObject* object);
 
+/// True where reading the attribute of the type's instances runs no foreign code: it is a look into
+/// their dictionaries, and the class itself has nothing to say about the name.
+bool has_plain_attribute(PyTypeObject* type, PyObject* name);
+
 /// The entry of `name` on the type or its bases, not bound and borrowed; null when there is none.
 PyObject* find_on_type(PyTypeObject* type, PyObject* name);
 
