@@ -10,20 +10,6 @@ using namespace python;
 
 namespace {
 
-PyObject* dictionary_of(PyObject* node) {
-  return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(node) +
-                                       Py_TYPE(node)->tp_dictoffset);
-}
-
-/// The attribute, if asking whether it is there and reading it are the same to any node; empty
-/// wherever foreign code might run or the attribute might be missing.
-Object plain_attribute(PyObject* node, PyObject* key) {
-  PyTypeObject* type = Py_TYPE(node);
-  if (type->tp_dictoffset <= 0 || !has_plain_attribute(type, key)) return {};
-  PyObject* attributes = dictionary_of(node);
-  return attributes == nullptr ? Object() : dict_item(attributes, key);
-}
-
 bool is_node(const Namespace& space, PyObject* node) {
   const Object node_class = space.global(space.names.FunctionGraphNode);
   return reinterpret_cast<PyObject*>(Py_TYPE(node)) == node_class || is_instance(node, node_class);

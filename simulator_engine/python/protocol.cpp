@@ -81,6 +81,13 @@ bool has_plain_attribute(PyTypeObject* type, PyObject* name) {
   return on_type == nullptr || Py_TYPE(on_type)->tp_descr_get == nullptr;
 }
 
+Object plain_attribute(PyObject* object, PyObject* name) {
+  PyTypeObject* type = Py_TYPE(object);
+  if (type->tp_dictoffset <= 0 || !has_plain_attribute(type, name)) return {};
+  PyObject* attributes = dictionary_of(object);
+  return attributes == nullptr ? Object() : dict_item(attributes, name);
+}
+
 PyObject* find_on_type(PyTypeObject* type, PyObject* name) {
 #if PY_VERSION_HEX < 0x030E0000
   return _PyType_Lookup(type, name);

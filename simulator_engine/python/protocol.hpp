@@ -76,6 +76,14 @@ double as_double(PyObject* object);
 /// True where reading the attribute of the type's instances runs no foreign code: it is a look into
 /// their dictionaries, and the class itself has nothing to say about the name.
 bool has_plain_attribute(PyTypeObject* type, PyObject* name);
+/// The attribute where reading it runs no foreign code; empty elsewhere and where it is missing.
+Object plain_attribute(PyObject* object, PyObject* name);
+/// The dictionary, borrowed, of an object whose type keeps it at a positive offset; null where it
+/// has none yet.
+inline PyObject* dictionary_of(PyObject* object) {
+  return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(object) +
+                                       Py_TYPE(object)->tp_dictoffset);
+}
 
 /// The entry of `name` on the type or its bases, not bound and borrowed; null when there is none.
 PyObject* find_on_type(PyTypeObject* type, PyObject* name);

@@ -5,6 +5,7 @@ from __future__ import annotations
 import hashlib
 import os
 import pickle
+from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
@@ -24,11 +25,12 @@ def path(tmp_path: Path) -> Path:
 
 
 def refusal(path: Path) -> str:
-    """The reason for which the file is refused; its message must name the file, too."""
+    """The reason for which the file is refused; its message must name file and remedy, too."""
     with pytest.raises(CheckpointError) as caught:
         checkpoints.load(path)
-    assert str(caught.value) == f"checkpoint '{path}': {caught.value.reason}"
-    return caught.value.reason
+    error = caught.value
+    assert str(error) == f"checkpoint '{path}': {error.reason}; {error.remedy}"
+    return error.reason
 
 
 def forge(path: Path, payload: bytes, *, states: int = 1, version: int = 1) -> None:
@@ -119,7 +121,32 @@ def test_foreign_file_is_refused(path: Path, content: bytes) -> None:
 
 def test_later_version_is_refused(path: Path) -> None:
     forge(path, b"", states=0, version=2)
-    assert refusal(path) == "version 2 is not known; known: 1"
+    assert refusal(path) == "version 2 is not known (known: 1)"
+
+
+def test_each_refusal_has_its_remedy(path: Path) -> None:
+    """Otherwise one might throw away a file that another release can read."""
+    remedies = []
+    for version in (1, 2):
+        forge(path, b"", version=version)
+        with pytest.raises(CheckpointError) as caught:
+            checkpoints.load(path)
+        remedies.append(caught.value.remedy)
+    with pytest.raises(CheckpointError) as caught:
+        checkpoints.load(path.parent)
+    assert [*remedies, caught.value.remedy] == [
+        "put an intact copy in its place, or run the history again",
+        "go on with the release that wrote it, or run the history again",
+        "name a file that save() wrote",
+    ]
+
+
+@pytest.mark.parametrize("make", [os.mkdir, os.mkfifo])
+def test_what_is_no_regular_file_is_refused_at_once(
+    path: Path, make: Callable[[Path], None]
+) -> None:
+    make(path)
+    assert refusal(path) == "not a regular file"
 
 
 @pytest.mark.parametrize(
@@ -180,5 +207,7 @@ def test_file_and_then_its_folder_are_synced(path: Path, monkeypatch: pytest.Mon
 
 
 def test_error_can_be_pickled(path: Path) -> None:
-    error = pickle.loads(pickle.dumps(CheckpointError(path, "cut")))
-    assert (str(error), error.path, error.reason) == (f"checkpoint '{path}': cut", path, "cut")
+    error = CheckpointError(path, "cut", "copy it")
+    again = pickle.loads(pickle.dumps(error))
+    assert str(again) == str(error) == f"checkpoint '{path}': cut; copy it"
+    assert vars(again) == vars(error)

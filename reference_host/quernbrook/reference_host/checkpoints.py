@@ -19,6 +19,9 @@ from typing import Any
 _FORMAT = "quernbrook-checkpoint"
 _VERSION = 1
 _LONGEST_HEADER = 256
+_REPLACE = "put an intact copy in its place, or run the history again"
+_OTHER_RELEASE = "go on with the release that wrote it, or run the history again"
+_OTHER_FILE = "name a file that save() wrote"
 _HEADER = re.compile(
     rb"(?P<format>[!-~]+) (?P<version>\d{1,9}) (?P<states>\d{1,18}) (?P<length>\d{1,18}) "
     rb"(?P<sha256>[0-9a-f]{64})\n"
@@ -26,22 +29,24 @@ _HEADER = re.compile(
 
 
 class CheckpointError(Exception):
-    """A file that is no intact checkpoint; the message names the file and the reason."""
+    """A file that is no intact checkpoint; the message says which, why, and what to do."""
 
-    def __init__(self, path: Path, reason: str) -> None:
-        super().__init__(f"checkpoint '{path}': {reason}")
+    def __init__(self, path: Path, reason: str, remedy: str = _REPLACE) -> None:
+        super().__init__(f"checkpoint '{path}': {reason}; {remedy}")
         self.path = path
         self.reason = reason
+        self.remedy = remedy
 
-    def __reduce__(self) -> tuple[type[CheckpointError], tuple[Path, str]]:
-        return type(self), (self.path, self.reason)
+    def __reduce__(self) -> tuple[type[CheckpointError], tuple[Path, str, str]]:
+        return type(self), (self.path, self.reason, self.remedy)
 
 
 def save(path: str | os.PathLike[str], states: Mapping[str, Any]) -> None:
     """Write `states`, as an evaluation returned them, in place of whatever `path` held.
 
     A reader, or a machine back from a power cut, finds either the old file or the new one, whole.
-    Raises TypeError for state data that JSON can't hold, and OSError.
+    A process that is killed meanwhile may leave a hidden file beside it, ``.NAME.`` and 16 digits,
+    which nobody reads. Raises TypeError for state data that JSON can't hold, and OSError.
     """
     path = Path(path)
     payload = _encode(states)
@@ -68,6 +73,9 @@ def load(path: str | os.PathLike[str]) -> dict[str, Any]:
     checkpoint at all, and OSError.
     """
     path = Path(path)
+    # Asked before it is opened: a pipe would wait for its writer for ever.
+    if path.exists() and not path.is_file():
+        raise CheckpointError(path, "not a regular file", _OTHER_FILE)
     with path.open("rb") as file:
         line = file.readline(_LONGEST_HEADER)
         header = _HEADER.fullmatch(line)
@@ -75,7 +83,8 @@ def load(path: str | os.PathLike[str]) -> dict[str, Any]:
             raise CheckpointError(path, "not a checkpoint, or cut in its first line")
         if int(header["version"]) != _VERSION:
             version = int(header["version"])
-            raise CheckpointError(path, f"version {version} is not known; known: {_VERSION}")
+            reason = f"version {version} is not known (known: {_VERSION})"
+            raise CheckpointError(path, reason, _OTHER_RELEASE)
         # Measured before it is read, so that a foreign file of any size costs nothing.
         length = os.fstat(file.fileno()).st_size - len(line)
         if length != int(header["length"]):
