@@ -177,7 +177,7 @@ def coverage(session: nox.Session) -> None:
         success_codes=[0, 1],
     )
     gcovr = ["gcovr", "--root", str(ROOT), "--filter", "simulator_engine/", str(objects)]
-    gcovr += ["--exclude-throw-branches", "--exclude-unreachable-branches"]
+    gcovr += ["--exclude-throw-branches", "--exclude-unreachable-branches", "--merge-lines"]
     # NumPy's headers stood in the build's own environment, which is gone.
     gcovr += [
         f"--gcov-ignore-errors={kind}" for kind in ("source_not_found", "no_working_dir_found")

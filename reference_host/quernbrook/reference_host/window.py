@@ -67,7 +67,7 @@ class RollingInstance:
     """Base of the stateful instances, which hold the `extra_rows + window` newest rows.
 
     The state is plain data, "count" (of all rows seen), "window" and "buffer" (the rows, oldest
-    first), which JSON keeps to the last bit, NaN and infinities included.
+    first), which JSON keeps to the last bit, infinities included; a NaN stays some NaN.
     """
 
     name: str
