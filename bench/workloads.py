@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections import deque
 from collections.abc import Callable, Iterable, Sequence
+from dataclasses import dataclass
 from itertools import repeat
 from types import ModuleType
 from typing import Any
@@ -58,6 +59,18 @@ RANK = rotation("latitudinal_rank", feature("a"))
 FUNCTIONS = {"pass": Passing, "first": PassingFirst, "stateful": Reducing, "mean": Mean}
 
 
+@dataclass(frozen=True)
+class Entry:
+    """What a registry tells of a function."""
+
+    stateful: bool
+    family: str = "rotation"
+    param_schema: tuple[()] = ()
+
+
+ENTRIES = {name: Entry(function.stateful) for name, function in FUNCTIONS.items()}
+
+
 class Registry:
     """Knows the functions above."""
 
@@ -68,7 +81,7 @@ class Registry:
         return name in FUNCTIONS
 
     def get_entry(self, name: str) -> Any:
-        return FUNCTIONS[name]
+        return ENTRIES[name]
 
     def create_instance(self, name: str, **config: Any) -> Any:
         return FUNCTIONS[name]()

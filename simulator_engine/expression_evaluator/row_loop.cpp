@@ -9,6 +9,7 @@
 #include "expression_evaluator/registers.hpp"
 #include "expression_evaluator/rotation_step.hpp"
 #include "python/error.hpp"
+#include "python/gil.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::evaluation {
@@ -34,6 +35,7 @@ class RowLoop {
   void run_all() {
     for (npy_intp row = 0; row < run_.rows; ++row) {
       checked(PyErr_CheckSignals());
+      turns_.offer();
       set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
       foreign_code_ran();
       for (const NodeIndex node : run_.order) run_node(node, row);
@@ -97,6 +99,7 @@ class RowLoop {
   PrecomputedStep precomputed_;
   ReductionStep reductions_;
   RotationStep rotations_;
+  Turns turns_;
 };
 
 }  // namespace

@@ -66,7 +66,8 @@ class RecordWriter {
     set(info, names_.node, node.value);
     set(info, names_.canonical_id, node.canonical_id);
     set(info, names_.children_paths, children_paths(node));
-    set(info, names_.children, node.child_sequence);
+    set(info, names_.children,
+        node.child_sequence.empty() ? Object::own(PyList_New(0)) : node.child_sequence);
     if (!node.config.empty()) {
       set(info, names_.config, node.config);
       set(info, names_.config_child_paths, config_child_paths(node));

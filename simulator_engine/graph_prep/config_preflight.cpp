@@ -81,30 +81,14 @@ class Preflight {
       : space_(space), context_(context), reader_(space) {}
 
   Frame enter(PyObject* node, const NodePath& path) {
-    const host::Names& names = space_.names;
-    plain_ = reader_.plain_attributes(node);
-    if (plain_ == nullptr) host::require_node_instance(space_, node, path);
-    const Object kind = field(node, names.type, path);
-    const Object value = field(node, names.node, path);
-    if (is_function(kind)) {
-      check_function(node, value, path);
-      plain_ = reader_.plain_attributes(node);
-    }
-    return Frame{host::ChildIterator(children(node))};
+    reader_.require_instance(node, path);
+    const Object kind = reader_.type_value(node, path);
+    const Object value = reader_.node_value(node, path);
+    if (is_function(kind)) check_function(node, value, path);
+    return Frame{host::ChildIterator(reader_.children(node))};
   }
 
  private:
-  void check_function(PyObject* node, PyObject* function_name, const NodePath& path) {
-    const Object config = copy_of_config(node);
-    if (!config.is_none()) refuse_engine_only(space_, function_name, config, path);
-    const Object registry = host::registry_of(space_, context_);
-    check_against_schema(space_, registry, function_name, config, path);
-    const bool ran_foreign_code =
-        !config.is_none() || !registry.is_none() ||
-        !has_plain_attribute(Py_TYPE(context_), space_.names.registry);
-    if (ran_foreign_code) forget_what_is_plain();
-  }
-
   bool is_function(PyObject* kind) const {
     switch (kind_of(space_, kind)) {
       case NodeKind::rotation:
@@ -117,41 +101,20 @@ class Preflight {
     }
   }
 
-  Object plain_field(PyObject* key) const {
-    return plain_ == nullptr ? Object() : dict_item(plain_, key);
-  }
-
-  Object field(PyObject* node, PyObject* key, const NodePath& path) {
-    Object value = plain_field(key);
-    if (!value.empty()) return value;
-    forget_what_is_plain();
-    return host::require_field(space_, node, key, path);
-  }
-
-  /// None where there is nothing to check.
-  Object copy_of_config(PyObject* node) const {
-    Object config = plain_field(space_.names.config);
-    return config.is_none() ? config : host::config_of(space_, node);
-  }
-
-  Object children(PyObject* node) {
-    Object plain = plain_field(space_.names.children);
-    if (plain.is_none()) return Object::own(PyTuple_New(0));
-    if (!plain.empty() && PyList_CheckExact(plain.get())) return plain;
-    forget_what_is_plain();
-    return host::children_of(space_, node);
-  }
-
-  /// Foreign code has run, or might have.
-  void forget_what_is_plain() noexcept {
-    plain_ = nullptr;
-    reader_.foreign_code_ran();
+  void check_function(PyObject* node, PyObject* function_name, const NodePath& path) {
+    const Object config = reader_.config(node);
+    if (!config.is_none()) refuse_engine_only(space_, function_name, config, path);
+    const Object registry = host::registry_of(space_, context_);
+    if (!config.is_none() || !registry.is_none() ||
+        !has_plain_attribute(Py_TYPE(context_), space_.names.registry)) {
+      reader_.foreign_code_ran();
+    }
+    check_against_schema(space_, registry, function_name, config, path);
   }
 
   const Namespace& space_;
   PyObject* context_;
   host::NodeReader reader_;
-  PyObject* plain_ = nullptr;
 };
 
 }  // namespace

@@ -30,9 +30,10 @@ struct Frame {
 /// Sorts a function's literal children into its configuration.
 class ConfigChildren {
  public:
-  ConfigChildren(const Namespace& space, PyObject* function_name, PyObject* parameter_names,
-                 PyObject* config)
+  ConfigChildren(const Namespace& space, host::NodeReader& reader, PyObject* function_name,
+                 PyObject* parameter_names, PyObject* config)
       : space_(space),
+        reader_(reader),
         function_name_(function_name),
         parameter_names_(parameter_names),
         config_(config) {}
@@ -40,9 +41,11 @@ class ConfigChildren {
   /// Takes the child if it is configuration, else leaves it to be an input of the function.
   bool take(PyObject* child, const NodePath& path) {
     const host::Names& names = space_.names;
-    const Object kind = host::type_value(space_, child, path);
-    if (!contains(space_.global(names._CONFIG_CHILD_TYPES), kind)) return false;
-    const Object value = host::node_value(space_, child, path);
+    const Object kind = reader_.type_value(child, path);
+    const Object types = space_.global(names._CONFIG_CHILD_TYPES);
+    if (!PyAnySet_CheckExact(types.get())) reader_.foreign_code_ran();
+    if (!contains(types, kind)) return false;
+    const Object value = reader_.node_value(child, path);
     if (next_parameter_ < PyList_GET_SIZE(parameter_names_)) {
       set(PyList_GET_ITEM(parameter_names_, next_parameter_++), value);
       return true;
@@ -76,6 +79,7 @@ class ConfigChildren {
   void set(PyObject* key, PyObject* value) { checked(PyDict_SetItem(config_, key, value)); }
 
   const Namespace& space_;
+  host::NodeReader& reader_;
   PyObject* function_name_;
   PyObject* parameter_names_;
   PyObject* config_;
@@ -86,12 +90,12 @@ class ConfigChildren {
 class Collector {
  public:
   Collector(const Namespace& space, const CollectionInputs& inputs)
-      : space_(space), inputs_(inputs) {}
+      : space_(space), inputs_(inputs), reader_(space) {}
 
-  Frame enter(PyObject* node, const NodePath& path) const {
-    Object type = host::type_value(space_, node, path);
-    Object value = host::node_value(space_, node, path);
-    Object children = host::children_of(space_, node);
+  Frame enter(PyObject* node, const NodePath& path) {
+    Object type = reader_.type_value(node, path);
+    Object value = reader_.node_value(node, path);
+    Object children = reader_.children(node);
     return Frame{Object::share(node),           std::move(type), std::move(value), children,
                  host::ChildIterator(children), finished_.size()};
   }
@@ -102,7 +106,7 @@ class Collector {
     Node node;
     node.type = frame.type;
     node.value = frame.value;
-    node.canonical_id = host::optional_field(space_, frame.graph_node, space_.names.canonical_id);
+    node.canonical_id = reader_.optional_field(frame.graph_node, space_.names.canonical_id);
     if (node.canonical_id.empty()) node.canonical_id = Object::none();
     node.child_sequence = frame.child_sequence;
     node.kind = kind_of(space_, node.type);
@@ -113,6 +117,7 @@ class Collector {
     switch (kind) {
       case NodeKind::leaf:
         set_feature_index(space_, node, node.value, inputs_.context);
+        reader_.foreign_code_ran();
         table_.leaves.push_back(index);
         break;
       case NodeKind::float_literal:
@@ -140,10 +145,12 @@ class Collector {
  private:
   void complete_function(Node& node, const Frame& frame, const NodePath& path) {
     // A stamp is the key that the node had before transforms were laid around its graph.
-    node.state_key = host::optional_field(space_, frame.graph_node, space_.names._state_identity);
-    node.config = host::config_of(space_, frame.graph_node);
+    node.state_key = reader_.optional_field(frame.graph_node, space_.names._state_identity);
+    node.config = reader_.config(frame.graph_node);
+    if (node.config.is_none()) node.config = Object::own(PyDict_New());
     const Object parameter_names = named_parameters(node.value);
-    ConfigChildren config(space_, node.value, parameter_names, node.config);
+    reader_.foreign_code_ran();
+    ConfigChildren config(space_, reader_, node.value, parameter_names, node.config);
     host::ChildIterator children(frame.child_sequence);
     while (true) {
       const Object child = children.next();
@@ -156,6 +163,7 @@ class Collector {
     config.finish();
     validate_merged_config(space_, inputs_.context, node.value, node.config, path);
     choose_instance(space_, inputs_, node, path);
+    reader_.foreign_code_ran();
   }
 
   Object named_parameters(PyObject* function_name) const {
@@ -174,14 +182,14 @@ class Collector {
     }
   }
 
-  void find_filtration(Node& node, const Frame& frame, const NodePath& path) const {
+  void find_filtration(Node& node, const Frame& frame, const NodePath& path) {
     node.is_reduction = true;
     host::ChildIterator children(frame.child_sequence);
     while (true) {
       const Object child = children.next();
       if (child.empty()) return;
       const Py_ssize_t position = children.position();
-      const Object kind = host::type_value(space_, child, host::ChildPath(path, position));
+      const Object kind = reader_.type_value(child, host::ChildPath(path, position));
       if (!equal(kind, space_.names.filtration)) continue;
       if (position < node.child_count) {
         node.filtration_child = table_.children_of(node)[static_cast<std::size_t>(position)];
@@ -207,6 +215,7 @@ class Collector {
 
   const Namespace& space_;
   const CollectionInputs& inputs_;
+  host::NodeReader reader_;
   NodeTable table_;
   std::vector<NodeIndex> finished_;  // nodes whose parents are still open, in order
 };

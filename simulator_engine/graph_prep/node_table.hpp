@@ -47,7 +47,7 @@ struct Node {
   Object feature_index;                 // of a leaf: its key in the sequence of features
   Py_ssize_t plain_feature_index = -1;  // the same, if it is a plain, non-negative int
   Object graph_node;                    // of a filtration: the node itself
-  Object child_sequence;                // as the graph node holds it
+  Object child_sequence;                // as the graph node holds it; empty without children
   // Of a function node:
   Object config;
   Object state_key;  // empty where the path is the key

@@ -24,24 +24,25 @@ Object as_integer(PyObject* object) {
 /// The children whose rows a node may have to wait for.
 class WaitedForChildren {
  public:
-  WaitedForChildren(const Namespace& space, Object children, const NodePath& path)
-      : space_(space), children_(std::move(children)), path_(path) {}
+  WaitedForChildren(const host::Names& names, host::NodeReader& reader, Object children,
+                    const NodePath& path)
+      : names_(names), reader_(reader), children_(std::move(children)), path_(path) {}
 
   Object next() {
     while (true) {
       Object child = children_.next();
       if (child.empty()) return child;
-      const Object kind = host::type_value(space_, child, host::ChildPath(path_, position()));
-      const host::Names& names = space_.names;
+      const Object kind = reader_.type_value(child, host::ChildPath(path_, position()));
       const bool is_literal =
-          equal(kind, names.int_) || equal(kind, names.float_) || equal(kind, names.string);
+          equal(kind, names_.int_) || equal(kind, names_.float_) || equal(kind, names_.string);
       if (!is_literal) return child;
     }
   }
   Py_ssize_t position() const noexcept { return children_.position(); }
 
  private:
-  const Namespace& space_;
+  const host::Names& names_;
+  host::NodeReader& reader_;
   host::ChildIterator children_;
   const NodePath& path_;
 };
@@ -61,12 +62,14 @@ struct ChildWarmup {
 
 class WarmupFigure {
  public:
-  WarmupFigure(const Namespace& space, PyObject* registry) : space_(space), registry_(registry) {}
+  WarmupFigure(const Namespace& space, PyObject* registry)
+      : space_(space), registry_(registry), reader_(space) {}
 
   Frame enter(PyObject* node, const NodePath& path) {
-    Object children = host::children_of(space_, node);
+    Object children = reader_.children(node);
     waited_for_.emplace_back();
-    return Frame{Object::share(node), children, WaitedForChildren(space_, children, path)};
+    return Frame{Object::share(node), children,
+                 WaitedForChildren(space_.names, reader_, children, path)};
   }
 
   void leave(const Frame& frame, Py_ssize_t position, const NodePath& path) {
@@ -84,15 +87,16 @@ class WarmupFigure {
 
  private:
   Object rows_of(const Frame& frame, const std::vector<ChildWarmup>& children,
-                 const NodePath& path) const {
+                 const NodePath& path) {
     const host::Names& names = space_.names;
     Object largest = integer(0);
     for (const ChildWarmup& child : children) largest = larger(largest, child.rows);
 
-    const Object kind = host::type_value(space_, frame.node, path);
+    const Object kind = reader_.type_value(frame.node, path);
     const bool is_rotation = equal(kind, names.rotation);
     if ((!is_rotation && !equal(kind, names.reduction)) || registry_ == Py_None) return largest;
-    const Object function_name = host::node_value(space_, frame.node, path);
+    const Object function_name = reader_.node_value(frame.node, path);
+    reader_.foreign_code_ran();
     if (!host::registry_has(space_, registry_, function_name)) return largest;
     const Object entry = host::registry_entry(space_, registry_, function_name);
     if (!truth(attribute_or(entry, names.stateful, Py_False))) return largest;
@@ -105,7 +109,7 @@ class WarmupFigure {
     Object before = integer(0);
     for (const ChildWarmup& child : children) {
       const host::ChildPath child_path(path, child.position);
-      if (equal(host::type_value(space_, child.node, child_path), names.rotation)) {
+      if (equal(reader_.type_value(child.node, child_path), names.rotation)) {
         before = larger(before, child.rows);
       }
     }
@@ -113,13 +117,13 @@ class WarmupFigure {
   }
 
   /// The largest of the int children, whatever they became in the configuration.
-  Object window_of(const Frame& frame, const NodePath& path) const {
+  Object window_of(const Frame& frame, const NodePath& path) {
     Object window = integer(0);
     host::ChildIterator children(frame.child_sequence);
     for (Object child = children.next(); !child.empty(); child = children.next()) {
       const host::ChildPath child_path(path, children.position());
-      if (!equal(host::type_value(space_, child, child_path), space_.names.int_)) continue;
-      const Object value = host::node_value(space_, child, child_path);
+      if (!equal(reader_.type_value(child, child_path), space_.names.int_)) continue;
+      const Object value = reader_.node_value(child, child_path);
       try {
         window = larger(window, as_integer(value));
       } catch (const ErrorSet&) {
@@ -132,6 +136,7 @@ class WarmupFigure {
 
   const Namespace& space_;
   PyObject* registry_;
+  host::NodeReader reader_;
   std::vector<std::vector<ChildWarmup>> waited_for_;  // for every open node
   Object root_rows_;
 };

@@ -66,18 +66,72 @@ Object config_of(const Namespace& space, PyObject* node) {
   return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), config));
 }
 
-PyObject* NodeReader::plain_attributes(PyObject* node) {
+bool NodeReader::is_plain(PyObject* node) {
   PyTypeObject* type = Py_TYPE(node);
-  if (type == type_) return dictionary_of(node);
+  if (type == type_ && is_current_ && only_plain_sequences_) return true;
   const Names& names = space_.names;
   const Object node_class = space_.global(names.FunctionGraphNode);
-  if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return nullptr;
-  for (PyObject* name : {names.type.get(), names.node.get(), names.config.get(),
-                         names.children.get()}) {
-    if (!has_plain_attribute(type, name)) return nullptr;
+  if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return false;
+  // A class that was not touched since has its version still.
+  if (type != type_ || version_ == 0 || type->tp_version_tag != version_) {
+    for (PyObject* name : {names.type.get(), names.node.get(), names.config.get(),
+                           names.children.get()}) {
+      if (!has_plain_attribute(type, name)) return false;
+    }
+    type_ = type;
+    version_ = PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
   }
-  type_ = type;
-  return dictionary_of(node);
+  is_current_ = true;
+  return true;
+}
+
+Object NodeReader::plain_field(PyObject* node, PyObject* key) {
+  if (!is_plain(node)) return {};
+  PyObject* attributes = dictionary_of(node);
+  return attributes == nullptr ? Object() : dict_item(attributes, key);
+}
+
+void NodeReader::require_instance(PyObject* node, const NodePath& path) {
+  if (is_plain(node)) return;
+  foreign_code_ran();
+  require_node_instance(space_, node, path);
+}
+
+Object NodeReader::require(PyObject* node, PyObject* key, const NodePath& path) {
+  Object value = plain_field(node, key);
+  if (value.empty()) {
+    foreign_code_ran();
+    value = require_field(space_, node, key, path);
+  }
+  // Whatever is done with anything else may be the host's doing.
+  if (!PyUnicode_CheckExact(value.get())) foreign_code_ran();
+  return value;
+}
+
+Object NodeReader::optional_field(PyObject* node, PyObject* key) {
+  if (is_plain(node) && find_on_type(Py_TYPE(node), key) == nullptr) return plain_field(node, key);
+  foreign_code_ran();
+  return host::optional_field(space_, node, key);
+}
+
+Object NodeReader::children(PyObject* node) {
+  Object children = plain_field(node, space_.names.children);
+  if (children.is_none()) return {};
+  if (!children.empty() &&
+      (PyList_CheckExact(children.get()) || PyTuple_CheckExact(children.get()))) {
+    return PySequence_Fast_GET_SIZE(children.get()) > 0 ? children : Object();
+  }
+  only_plain_sequences_ = false;
+  return children_of(space_, node);
+}
+
+Object NodeReader::config(PyObject* node) {
+  const Object config = plain_field(node, space_.names.config);
+  if (config.is_none()) return config;
+  foreign_code_ran();
+  const Object any = config.empty() ? explicit_config(space_, node) : config;
+  if (any.is_none()) return any;
+  return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), any));
 }
 
 namespace {

@@ -52,20 +52,38 @@ Object explicit_config(const Namespace& space, PyObject* node);
 /// A new dict with the node's explicit configuration.
 Object config_of(const Namespace& space, PyObject* node);
 
-/// Reads many nodes of one plain class without asking the class anew for each of them.
+/// The functions above for a walk over many nodes: a node of a plain class is no more than its
+/// dictionary, so that the class is asked once and not for each attribute. Whoever runs foreign code
+/// between two calls says so, but for what is done with a kind or a value that is no plain str.
 class NodeReader {
  public:
   explicit NodeReader(const Namespace& space) : space_(space) {}
 
-  /// The dictionary that holds `type`, `node`, `config` and `children` of the node where nobody can
-  /// watch it being read; it is valid until foreign code runs. Null for all other nodes.
-  PyObject* plain_attributes(PyObject* node);
-  /// Foreign code ran and may have changed the class or put another in its place.
-  void foreign_code_ran() noexcept { type_ = nullptr; }
+  void require_instance(PyObject* node, const NodePath& path);
+  Object type_value(PyObject* node, const NodePath& path) {
+    return require(node, space_.names.type, path);
+  }
+  Object node_value(PyObject* node, const NodePath& path) {
+    return require(node, space_.names.node, path);
+  }
+  Object optional_field(PyObject* node, PyObject* key);
+  /// The node's own sequence of children; empty where it has none.
+  Object children(PyObject* node);
+  /// A new dict with the node's explicit configuration; None where it has none.
+  Object config(PyObject* node);
+
+  void foreign_code_ran() noexcept { is_current_ = false; }
 
  private:
+  Object require(PyObject* node, PyObject* key, const NodePath& path);
+  bool is_plain(PyObject* node);
+  Object plain_field(PyObject* node, PyObject* key);
+
   const Namespace& space_;
   PyTypeObject* type_ = nullptr;  // the class of plain nodes, once it is known to be one
+  unsigned int version_ = 0;
+  bool is_current_ = false;
+  bool only_plain_sequences_ = true;  // walking any other one runs foreign code
 };
 
 extern PyMethodDef graph_node_functions[];

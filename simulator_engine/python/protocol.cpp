@@ -29,6 +29,7 @@ bool compare(PyObject* left, PyObject* right, int operation) {
 }
 
 Object larger(const Object& first, const Object& second) {
+  if (first.get() == second.get() && PyLong_CheckExact(first.get())) return first;
   return compare(second, first, Py_GT) ? second : first;
 }
 

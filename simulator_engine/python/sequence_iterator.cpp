@@ -5,6 +5,7 @@
 namespace quernbrook::python {
 
 SequenceIterator::SequenceIterator(Object iterable) {
+  if (iterable.empty()) return;
   if (PyList_CheckExact(iterable.get()) || PyTuple_CheckExact(iterable.get())) {
     sequence_ = std::move(iterable);
   } else {
@@ -16,7 +17,7 @@ Object SequenceIterator::next() {
   Object item;
   if (!iterator_.empty()) {
     item = python::next(iterator_);
-  } else if (next_position_ < PySequence_Fast_GET_SIZE(sequence_.get())) {
+  } else if (!sequence_.empty() && next_position_ < PySequence_Fast_GET_SIZE(sequence_.get())) {
     item = Object::share(PySequence_Fast_GET_ITEM(sequence_.get(), next_position_));
   }
   if (!item.empty()) ++next_position_;

@@ -4,7 +4,8 @@
 
 namespace quernbrook::python {
 
-/// `enumerate(iterable)`: each item with its position, by the iterable's own iteration.
+/// `enumerate(iterable)`: each item with its position, by the iterable's own iteration. An empty
+/// Object has no items.
 class SequenceIterator {
  public:
   explicit SequenceIterator(Object iterable);

@@ -151,6 +151,17 @@ def test_a_python_thread_goes_on_while_a_kernel_runs(
     assert any(goes_on_beside(lambda: evaluator.evaluate(graph, context)) for _ in range(6))
 
 
+def test_a_python_thread_goes_on_beside_a_run_without_functions(evaluator: ModuleType) -> None:
+    context = make_context(evaluator, {"a": counting_matrix(500_000, 1)})
+    # Marked as missing data, the leaf is not taken as a whole matrix.
+    assert any(
+        goes_on_beside(
+            lambda: evaluator.evaluate(feature("a"), context, data_nan_features=["a"])
+        )
+        for _ in range(6)
+    )
+
+
 def goes_on_beside(run: Callable[[], Any]) -> bool:
     counter = Counter()
     counter.start()
