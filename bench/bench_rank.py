@@ -8,7 +8,7 @@ from functools import partial
 import pytest
 
 from bench import memory
-from bench.peers import NUMPY, RANK, agrees
+from bench.peers import RANK, RANK_FORMULATION, agrees
 from bench.workloads import matrix_with_missing, price_matrix
 
 SHAPES = [(5000, 500), (2000, 3000)]
@@ -24,7 +24,7 @@ def prepared(name: str, data: str, columns: int, rows: int) -> object:
 @pytest.mark.parametrize(("rows", "columns"), SHAPES)
 def test_rank(measure: Callable[..., None], name: str, rows: int, columns: int, data: str) -> None:
     contender = RANK[name]
-    assert agrees(contender, RANK[NUMPY], DATA[data](50, columns))
+    assert agrees(contender, RANK_FORMULATION, DATA[data](50, columns))
     matrix = prepared(name, data, columns, rows)
     measure(
         lambda: contender.compute(matrix),

@@ -1,9 +1,14 @@
-"""The evaluators that are compared: the module, its plain-Python reference, and that compiled."""
+"""The evaluators that are compared: the module, its plain-Python reference, and that compiled.
+
+Or, to find what a change costs, the module and another revision of it.
+"""
 
 from __future__ import annotations
 
 import hashlib
 import importlib
+import importlib.util
+import os
 import shutil
 import subprocess
 import sys
@@ -14,7 +19,11 @@ from types import ModuleType
 MODULE = "this module"
 PLAIN = "plain-Python evaluator"
 COMPILED = "the same, by Cython"
-NAMES = [MODULE, PLAIN, COMPILED]
+
+# ./run bench --compare sets these to another revision of the module, its file and its name.
+OTHER_FILE = os.environ.get("OTHER_MODULE_FILE", "")
+OTHER = os.environ.get("OTHER_MODULE_NAME", "")
+NAMES = [MODULE, OTHER] if OTHER else [MODULE, PLAIN, COMPILED]
 
 ROOT = Path(__file__).resolve().parents[1]
 SOURCE = ROOT / "tests" / "reference_evaluator"
@@ -25,10 +34,21 @@ COMPILED_PACKAGE = "compiled_reference_evaluator"
 def load(name: str) -> ModuleType:
     if name == MODULE:
         return importlib.import_module("quernbrook.simulator_engine.expression_evaluator")
+    if name == OTHER:
+        return load_file(OTHER_FILE)
     if name == PLAIN:
         return importlib.import_module(SOURCE.name)
     sys.path.append(str(compile_reference()))
     return importlib.import_module(COMPILED_PACKAGE)
+
+
+def load_file(file: str) -> ModuleType:
+    # The name's last part is that of the initialising function in the file.
+    spec = importlib.util.spec_from_file_location("other_revision.expression_evaluator", file)
+    assert spec is not None and spec.loader is not None
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
 
 
 def compile_reference() -> Path:

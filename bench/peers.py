@@ -9,6 +9,7 @@ from __future__ import annotations
 import os
 from collections.abc import Callable
 from dataclasses import dataclass
+from functools import partial
 from typing import Any
 
 # Both are read at import.
@@ -23,7 +24,7 @@ import scipy.stats
 from numpy.typing import NDArray
 
 from bench import formulations
-from bench.evaluators import MODULE
+from bench.evaluators import MODULE, OTHER
 from bench.workloads import evaluate_rank, evaluate_rolling
 
 Matrix = NDArray[np.float64]
@@ -130,9 +131,11 @@ def agrees(contender: Contender, expected: Contender, data: Matrix, **arguments:
 
 
 NUMPY = "NumPy formulation"
+RANK_FORMULATION = Contender(formulations.rank)
+ROLLING_FORMULATION = Contender(formulations.rolling)
 RANK = {
     MODULE: Contender(evaluate_rank),
-    NUMPY: Contender(formulations.rank),
+    NUMPY: RANK_FORMULATION,
     "bottleneck": Contender(rank_bottleneck),
     "pandas": Contender(rank_pandas, pandas.DataFrame),
     "polars": Contender(rank_polars, nulls_for_nan_transposed, from_frame_transposed),
@@ -140,9 +143,18 @@ RANK = {
 }
 ROLLING = {
     MODULE: Contender(evaluate_rolling),
-    NUMPY: Contender(formulations.rolling),
+    NUMPY: ROLLING_FORMULATION,
     "bottleneck": Contender(rolling_bottleneck),
     "numbagg": Contender(rolling_numbagg),
     "pandas": Contender(rolling_pandas, pandas.DataFrame),
     "polars": Contender(rolling_polars, nulls_for_nan, from_frame),
 }
+if OTHER:
+    RANK = {
+        MODULE: RANK[MODULE],
+        OTHER: Contender(partial(evaluate_rank, evaluator=OTHER)),
+    }
+    ROLLING = {
+        MODULE: ROLLING[MODULE],
+        OTHER: Contender(partial(evaluate_rolling, evaluator=OTHER)),
+    }

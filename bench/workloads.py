@@ -11,9 +11,10 @@ from typing import Any
 
 import numpy as np
 from quernbrook.functions._typed_shapes import FunctionGraphNode
-from quernbrook.simulator_engine import expression_evaluator
 from support.graphs import feature, rotation
 from support.runs import bind_all, make_context
+
+from bench.evaluators import MODULE, load
 
 COLUMNS = 500
 BARE = "bare calls"
@@ -162,12 +163,13 @@ def price_matrix(rows: int, columns: int) -> np.ndarray:
     return with_missing(walks)
 
 
-def evaluate_rank(data: np.ndarray) -> np.ndarray:
-    context = expression_evaluator.EvaluationContext((data,), {"a": 0})
-    return expression_evaluator._evaluate_simple_rank_fast(RANK, context)
+def evaluate_rank(data: np.ndarray, evaluator: str = MODULE) -> np.ndarray:
+    module = load(evaluator)
+    context = module.EvaluationContext((data,), {"a": 0})
+    return module._evaluate_simple_rank_fast(RANK, context)
 
 
-def evaluate_rolling(data: np.ndarray, window: int, statistic: str) -> np.ndarray:
-    return expression_evaluator._rolling_longitudinal_fast(
-        data, window, f"longitudinal_{statistic}"
-    )
+def evaluate_rolling(
+    data: np.ndarray, window: int, statistic: str, evaluator: str = MODULE
+) -> np.ndarray:
+    return load(evaluator)._rolling_longitudinal_fast(data, window, f"longitudinal_{statistic}")

@@ -188,3 +188,11 @@ def test_works_from_its_own_folder_by_name(project: Path) -> None:
     )
     assert finished.returncode == 0
     assert finished.stdout.startswith("Usage: ./run COMMAND")
+
+
+@pytest.mark.parametrize("arguments", [["--compare"], ["--compare", "no-such-revision"]])
+def test_a_comparison_needs_a_revision(project: Path, arguments: list[str]) -> None:
+    finished = run(project, "bench", *arguments)
+    assert_fails_with_one_sentence(finished)
+    assert "--compare" in finished.stderr
+    assert not (project / ".venv").exists()

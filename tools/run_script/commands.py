@@ -50,8 +50,56 @@ def ensure_doctest() -> None:
 
 
 def bench(arguments: Sequence[str]) -> int:
+    others, revision = split_comparison(arguments)
+    commit = commit_of(revision) if revision else ""
     prepare(["build", "test", "bench"])
-    return python("-m", "pytest", "bench", *arguments)
+    variables = {}
+    if revision:
+        file = build_revision(commit)
+        variables = {"OTHER_MODULE_FILE": str(file), "OTHER_MODULE_NAME": f"revision {revision}"}
+    return python("-m", "pytest", "bench", *others, **variables)
+
+
+def split_comparison(arguments: Sequence[str]) -> tuple[list[str], str]:
+    """The arguments without "--compare REV", and REV."""
+    others = list(arguments)
+    if "--compare" not in others:
+        return others, ""
+    place = others.index("--compare")
+    if place + 1 == len(others):
+        raise Failure("--compare needs a revision: ./run bench --compare HEAD~1.")
+    revision = others[place + 1]
+    del others[place : place + 2]
+    return others, revision
+
+
+def commit_of(revision: str) -> str:
+    command = ["git", "rev-parse", "--verify", "--quiet", f"{revision}^{{commit}}"]
+    found = subprocess.run(command, cwd=ROOT, capture_output=True, text=True)
+    if found.returncode != 0:
+        raise Failure(f"--compare {revision}: git knows no such revision of this project.")
+    return found.stdout.strip()
+
+
+def build_revision(commit: str) -> Path:
+    """The file of the module as it was at a commit."""
+    folder = ROOT / "build" / "revisions" / commit[:12]
+    source, site = folder / "source", folder / f"site-{sys.implementation.cache_tag}"
+    pattern = "quernbrook/simulator_engine/expression_evaluator.*.so"
+    if not any(site.glob(pattern)):
+        note(f"building the module of {commit[:12]}")
+        source.mkdir(parents=True, exist_ok=True)
+        archive = folder / "source.tar"
+        subprocess.run(["git", "archive", f"--output={archive}", commit], cwd=ROOT, check=True)
+        shutil.unpack_archive(archive, source)
+        build = folder / f"build-{sys.implementation.cache_tag}"
+        failed = cmake_build(source, build, "-DCMAKE_BUILD_TYPE=Release") or tool(
+            "cmake", "--install", str(build), "--prefix", str(site)
+        )
+        if failed:
+            raise Failure(f"the module of {commit[:12]} could not be built.")
+    (file,) = site.glob(pattern)
+    return file
 
 
 def check(arguments: Sequence[str]) -> int:
