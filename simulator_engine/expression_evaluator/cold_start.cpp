@@ -37,7 +37,7 @@ Object missing_rows(const Run& run, NodeIndex index) {
 /// An unknown column selects the first one, unlike in the row loop.
 Object pnl_column_index(const Run& run, const Node& node) {
   const host::Names& names = run.space.names;
-  Object column = dict_item(node.config, names.pnl_column);
+  Object column = configured_pnl_column(run, node);
   if (column.empty()) column = names.gross_returns;
   if (!truth(column) || !truth(attribute(run.context, names.column_labels))) return integer(0);
   try {
@@ -73,6 +73,7 @@ Object pnl_of_row(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObj
 }
 
 void prefill(Run& run, NodeIndex index, PyObject* rows_needed) {
+  if (!run.table.nodes[index].is_reduction) raise_missing_path(run, index);
   const host::Names& names = run.space.names;
   const Node& node = run.table.nodes[index];
   Object result = Object::none();

@@ -7,10 +7,11 @@ namespace quernbrook::evaluation {
 using namespace python;
 
 PyObject* ContextAttribute::get() {
-  if (!is_current_) {
-    value_ = attribute(run_.context, name_);
-    is_current_ = has_plain_attribute(Py_TYPE(run_.context.get()), name_);
-  }
+  if (is_read_ && read_at_ == run_.foreign_code_count) return value_;
+  value_ = attribute(run_.context, name_);
+  if (!is_plain()) ++run_.foreign_code_count;
+  is_read_ = is_plain();
+  read_at_ = run_.foreign_code_count;
   return value_;
 }
 

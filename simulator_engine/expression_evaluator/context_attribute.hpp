@@ -1,6 +1,7 @@
 #pragma once
 
 #include "expression_evaluator/run.hpp"
+#include "python/protocol.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -8,18 +9,19 @@ namespace quernbrook::evaluation {
 /// each time, except where nobody can tell and no foreign code has run since.
 class ContextAttribute {
  public:
-  ContextAttribute(const Run& run, PyObject* name) : run_(run), name_(name) {}
+  ContextAttribute(Run& run, PyObject* name) : run_(run), name_(name) {}
 
-  /// The value now; it lives until the next call or forget().
+  /// The value now; it lives until the next call.
   PyObject* get();
-  /// Foreign code ran and may have replaced the value.
-  void forget() noexcept { is_current_ = false; }
+  /// True where reading the attribute runs no foreign code.
+  bool is_plain() const { return python::has_plain_attribute(Py_TYPE(run_.context.get()), name_); }
 
  private:
-  const Run& run_;
+  Run& run_;
   PyObject* name_;
   Object value_;
-  bool is_current_ = false;
+  bool is_read_ = false;
+  std::uint64_t read_at_ = 0;  // the run's count of foreign code then
 };
 
 }  // namespace quernbrook::evaluation

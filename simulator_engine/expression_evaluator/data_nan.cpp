@@ -63,7 +63,10 @@ Object propagate_data_nan(Run& run, const Registers& registers, NodeIndex index,
   bool any_marked = false;
   bool any_output = false;
   for (const NodeIndex child : run.table.children_of(run.table.nodes[index])) {
-    if (graph_prep::is_kind(run.space, run.table.nodes[child], NodeKind::filtration)) continue;
+    const Node& node = run.table.nodes[child];
+    const bool is_filtration = graph_prep::is_kind(run.space, node, NodeKind::filtration);
+    if (node.kind == NodeKind::compared) foreign_code_ran(run, registers);
+    if (is_filtration) continue;
     any_output = true;
     any_marked |= run.is_data_nan[child] != 0;
     all_nan = all_nan && is_all_nan(run, registers, child);

@@ -36,8 +36,13 @@ bool ExtractionBuffer::has_its_form() const {
 }
 
 void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {
-  const Object signal = item(useful_signals_.get(), id);
-  const Object weights = attribute(signal, run_.space.names.weights);
+  PyObject* name = run_.space.names.weights;
+  const Object signals = Object::share(useful_signals_.get());
+  const Object signal = item(signals, id);
+  const bool is_plain = PyDict_CheckExact(signals.get()) && PyUnicode_CheckExact(id) &&
+                        has_plain_attribute(Py_TYPE(signal.get()), name);
+  const Object weights = attribute(signal, name);
+  if (!is_plain) ++run_.foreign_code_count;
   PyArrayObject* buffer = as_array(run_.extraction_buffer);
   MatrixRow source;
   if (has_its_form() && place < PyArray_DIM(buffer, 0) &&
@@ -49,7 +54,7 @@ void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {
   }
   const Object values = item(weights, row_key(row));
   set_item(run_.extraction_buffer, row_key(place), values);
-  foreign_code_ran();
+  ++run_.foreign_code_count;
 }
 
 Object ExtractionBuffer::first_rows(Py_ssize_t count) const {

@@ -17,7 +17,6 @@ class ExtractionBuffer {
 
   /// `context.useful_signals` now.
   PyObject* useful_signals() { return useful_signals_.get(); }
-  void foreign_code_ran() noexcept { useful_signals_.forget(); }
 
  private:
   void fit(Py_ssize_t count);

@@ -53,8 +53,6 @@ PyMethodDef function_state_methods[] = {
 };
 
 constexpr const char* function_state_docstring =
-    "FunctionState(name, state_data=<factory>)\n"
-    "\n"
     "Serializable function state for checkpointing.\n"
     "\n"
     "Attributes\n"

@@ -12,14 +12,12 @@ using namespace python;
 using graph_prep::Node;
 using graph_prep::NodeIndex;
 
-LeafStep::LeafStep(const Run& run, const Registers& registers)
+LeafStep::LeafStep(Run& run, const Registers& registers)
     : run_(run), registers_(registers), universe_(run, run.space.names.universe) {}
 
 void LeafStep::run(NodeIndex node, npy_intp row) {
-  const Object universe = Object::share(universe_.get());
-  if (run_quickly(node, universe, row)) return;
-  run_slowly(node, universe, row);
-  foreign_code_ran();
+  if (universe_.is_plain() && run_quickly(node, universe_.get(), row)) return;
+  run_slowly(node, row);
 }
 
 bool LeafStep::run_quickly(NodeIndex node, PyObject* universe, npy_intp row) const {
@@ -43,21 +41,27 @@ bool LeafStep::run_quickly(NodeIndex node, PyObject* universe, npy_intp row) con
   return true;
 }
 
-void LeafStep::run_slowly(NodeIndex index, PyObject* universe, npy_intp row) const {
+void LeafStep::run_slowly(NodeIndex node, npy_intp row) {
+  const Object values = row_values(node, row);
+  foreign_code_ran(run_, registers_);
+  assign(registers_.view(node), values);
+  foreign_code_ran(run_, registers_);
+}
+
+/// What belongs into the register, by the array library's own indexing.
+Object LeafStep::row_values(NodeIndex index, npy_intp row) const {
   const Node& node = run_.table.nodes[index];
   if (node.feature_index.empty()) raise_missing_path(run_, index);
   const Object key = row_key(row);
-  const Object register_row = registers_.view(index);
+  const auto universe = [&] { return attribute(run_.context, run_.space.names.universe); };
+  const bool is_bare = universe().is_none() && !is_marked(index);
   const Object source = item(item(run_.features, node.feature_index), key);
-  if (universe == Py_None && !is_marked(index)) {
-    assign(register_row, source);
-    return;
-  }
+  if (is_bare) return source;
   Object data = call_method(source, run_.space.names.copy);
   if (is_marked(index)) data = nan_row(run_);
-  Object mask = Object::none();
-  if (universe != Py_None) mask = item(attribute(run_.context, run_.space.names.universe), key);
-  assign(register_row, host::apply_universe_mask(run_.space, data, mask));
+  Object mask = universe();
+  if (!mask.is_none()) mask = item(universe(), key);
+  return host::apply_universe_mask(run_.space, data, mask);
 }
 
 /// The leaf's matrix, borrowed, if both the sequence and the index are plain; else null.

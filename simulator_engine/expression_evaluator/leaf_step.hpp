@@ -9,18 +9,18 @@ namespace quernbrook::evaluation {
 /// What a "feature" or "aggregation" node does in a row: its matrix's row under the universe.
 class LeafStep {
  public:
-  LeafStep(const Run& run, const Registers& registers);
+  LeafStep(Run& run, const Registers& registers);
 
   void run(graph_prep::NodeIndex node, npy_intp row);
-  void foreign_code_ran() noexcept { universe_.forget(); }
 
  private:
   bool run_quickly(graph_prep::NodeIndex node, PyObject* universe, npy_intp row) const;
-  void run_slowly(graph_prep::NodeIndex node, PyObject* universe, npy_intp row) const;
+  void run_slowly(graph_prep::NodeIndex node, npy_intp row);
+  python::Object row_values(graph_prep::NodeIndex node, npy_intp row) const;
   PyObject* plain_feature(const graph_prep::Node& node) const;
   bool is_marked(graph_prep::NodeIndex node) const;
 
-  const Run& run_;
+  Run& run_;
   const Registers& registers_;
   ContextAttribute universe_;
 };

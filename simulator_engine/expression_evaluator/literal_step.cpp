@@ -30,7 +30,7 @@ bool is_mixed_run(const Run& run) {
 
 }  // namespace
 
-LiteralStep::LiteralStep(const Run& run, const Registers& registers)
+LiteralStep::LiteralStep(Run& run, const Registers& registers)
     : run_(run), registers_(registers), registers_are_private_(!is_mixed_run(run)) {}
 
 void LiteralStep::run(NodeIndex index, NodeKind kind, npy_intp row) {
@@ -42,9 +42,12 @@ void LiteralStep::run(NodeIndex index, NodeKind kind, npy_intp row) {
   if (kind == NodeKind::float_literal && !is_plain_float(node.literal)) {
     if (node.literal.empty()) raise_missing_path(run_, index);
     assign(registers_.view(index), node.literal);
+    foreign_code_ran(run_, registers_);
     return;
   }
-  std::fill_n(registers_.row(index), run_.columns, number(node, kind));
+  const double value = number(node, kind);
+  if (!is_fixed) foreign_code_ran(run_, registers_);
+  std::fill_n(registers_.row(index), run_.columns, value);
 }
 
 double LiteralStep::number(const Node& node, NodeKind kind) const {

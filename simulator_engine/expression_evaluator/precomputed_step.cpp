@@ -17,7 +17,10 @@ bool PrecomputedStep::is_present(PyObject* canonical_id) const {
   PyObject* outputs = run_.precomputed_outputs;
   const bool cannot_be_there = PyUnicode_CheckExact(canonical_id) && PyDict_CheckExact(outputs) &&
                                PyDict_GET_SIZE(outputs) == 0;
-  return !cannot_be_there && contains(outputs, canonical_id);
+  if (cannot_be_there) return false;
+  const bool is_there = contains(outputs, canonical_id);
+  foreign_code_ran(run_, registers_);
+  return is_there;
 }
 
 bool PrecomputedStep::run(NodeIndex index, npy_intp row) {
@@ -33,6 +36,7 @@ bool PrecomputedStep::run(NodeIndex index, npy_intp row) {
                   run_.column_count, ",) at row ", row));
   }
   assign(registers_.view(index), vector);
+  foreign_code_ran(run_, registers_);
   return true;
 }
 

@@ -8,7 +8,7 @@ namespace quernbrook::evaluation {
 /// Outputs that the host computed before: they stand for a node in every row.
 class PrecomputedStep {
  public:
-  PrecomputedStep(const Run& run, const Registers& registers) : run_(run), registers_(registers) {}
+  PrecomputedStep(Run& run, const Registers& registers) : run_(run), registers_(registers) {}
 
   /// Fills the node's register if there is an output for it; false if the node is to be executed.
   bool run(graph_prep::NodeIndex node, npy_intp row);
@@ -16,7 +16,7 @@ class PrecomputedStep {
  private:
   bool is_present(PyObject* canonical_id) const;
 
-  const Run& run_;
+  Run& run_;
   const Registers& registers_;
 };
 

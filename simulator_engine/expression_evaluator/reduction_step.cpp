@@ -28,7 +28,7 @@ void ReductionStep::run_filtration(NodeIndex node, npy_intp row) {
 void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   const host::Names& names = run_.space.names;
   const Node& node = run_.table.nodes[index];
-  if (node.instance.empty()) raise_missing_path(run_, index);
+  if (!node.is_reduction || node.instance.empty()) raise_missing_path(run_, index);
 
   Object result = Object::none();
   if (node.filtration_child != graph_prep::no_node) {
@@ -37,7 +37,9 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   Object passing_ids;
   Py_ssize_t count = 0;
   if (result.is_none()) {
+    ++run_.foreign_code_count;  // the filter's, and what the pool has of its own
     passing_ids = sorted_signal_ids(run_, buffer_.useful_signals());
+    ++run_.foreign_code_count;
     count = length(passing_ids);
     if (count > 0) buffer_.fill(passing_ids, count, row);
   } else {
@@ -47,7 +49,7 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   }
   const Object input = buffer_.first_rows(count);
 
-  Object pnl_column = dict_item(node.config, names.pnl_column);
+  Object pnl_column = configured_pnl_column(run_, node);
   if (pnl_column.empty()) pnl_column = Object::none();
   const auto is_stateful = [&] { return truth(attribute(node.instance, names.stateful)); };
   if (is_stateful() && !truth(pnl_column)) pnl_column = names.gross_returns;
@@ -62,7 +64,7 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   } catch (const ErrorSet&) {
     raise_function_failure(run_, index, row);
   }
-  if (node.is_bound) registers_.require_intact();
+  foreign_code_ran(run_, registers_);
   store_output(run_, registers_, index, propagate_data_nan(run_, registers_, index, output), row);
 }
 

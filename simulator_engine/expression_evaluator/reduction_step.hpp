@@ -14,7 +14,6 @@ class ReductionStep {
 
   void run_filtration(graph_prep::NodeIndex node, npy_intp row);
   void run_reduction(graph_prep::NodeIndex node, npy_intp row);
-  void foreign_code_ran() noexcept { buffer_.foreign_code_ran(); }
 
  private:
   Object reduce(const graph_prep::Node& node, PyObject* input, PyObject* pnl);

@@ -15,16 +15,12 @@ Registers::Registers(Object array, npy_intp columns)
       dtype_(PyArray_DESCR(as_array(array_))) {}
 
 Object Registers::view(std::size_t number) const {
+  require_intact();
   return row_view(array_, static_cast<npy_intp>(number));
 }
 
-void Registers::require_intact() const {
-  PyArrayObject* array = as_array(array_);
-  const bool same_form = PyArray_DATA(array) == data_ && PyArray_DESCR(array) == dtype_ &&
-                         PyArray_NDIM(array) == 2 && PyArray_DIM(array, 0) == rows_ &&
-                         PyArray_DIM(array, 1) == static_cast<npy_intp>(stride_);
-  if (same_form && PyArray_FLAGS(array) == flags_) return;
-  if (same_form && !PyArray_ISWRITEABLE(array)) {
+void Registers::refuse() const {
+  if (has_its_form() && !PyArray_ISWRITEABLE(as_array(array_))) {
     raise_text(PyExc_ValueError, "assignment destination is read-only");
   }
   raise_text(PyExc_RuntimeError,

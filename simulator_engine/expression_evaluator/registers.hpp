@@ -1,5 +1,6 @@
 #pragma once
 
+#include "expression_evaluator/run.hpp"
 #include "python/array.hpp"
 
 namespace quernbrook::evaluation {
@@ -20,9 +21,22 @@ class Registers {
   std::size_t bytes() const noexcept { return static_cast<std::size_t>(rows_) * row_bytes(); }
 
   /// Raises where foreign code took the block's memory, form or writability away.
-  void require_intact() const;
+  void require_intact() const {
+    if (!is_intact()) refuse();
+  }
 
  private:
+  bool has_its_form() const noexcept {
+    PyArrayObject* array = python::as_array(array_);
+    return PyArray_DATA(array) == data_ && PyArray_DESCR(array) == dtype_ &&
+           PyArray_NDIM(array) == 2 && PyArray_DIM(array, 0) == rows_ &&
+           PyArray_DIM(array, 1) == static_cast<npy_intp>(stride_);
+  }
+  bool is_intact() const noexcept {
+    return has_its_form() && PyArray_FLAGS(python::as_array(array_)) == flags_;
+  }
+  [[noreturn]] void refuse() const;
+
   python::Object array_;
   double* data_;
   std::size_t stride_;  // in doubles
@@ -30,5 +44,11 @@ class Registers {
   int flags_;
   PyArray_Descr* dtype_;  // NumPy's own and immortal
 };
+
+/// To be called between foreign code and the next touch of the registers.
+inline void foreign_code_ran(Run& run, const Registers& registers) {
+  ++run.foreign_code_count;
+  registers.require_intact();
+}
 
 }  // namespace quernbrook::evaluation

@@ -39,19 +39,23 @@ void RotationStep::run(NodeIndex index, npy_intp row) {
     call.with_config = with_config;
     call.in_bound_run = bound;
     choose_arguments(node, call);
+    if (call.compares_kinds) foreign_code_ran(run_, registers_);
   }
   const Object result = call_instance(node, call);
   if (result.empty()) raise_function_failure(run_, index, row);
   // After the last row they would only take memory from the next nodes' arguments.
   if (row + 1 == run_.rows) release_arguments(node, call);
-  if (node.is_bound) registers_.require_intact();
+  foreign_code_ran(run_, registers_);
   store_output(run_, registers_, index, propagate_data_nan(run_, registers_, index, result), row);
 }
 
 /// The truth of the caller's mapping, which functions can change while the run goes on.
 bool RotationStep::run_is_bound() const {
   PyObject* bound = run_.bound_instances;
-  return PyDict_CheckExact(bound) ? PyDict_GET_SIZE(bound) > 0 : truth(bound);
+  if (PyDict_CheckExact(bound)) return PyDict_GET_SIZE(bound) > 0;
+  const bool is_bound = truth(bound);
+  foreign_code_ran(run_, registers_);
+  return is_bound;
 }
 
 /// A bound instance without `arity` receives the literals that were configuration, too.
@@ -60,7 +64,10 @@ bool RotationStep::takes_config_children(const Node& node, const Call& call) con
   PyObject* arity = run_.space.names.arity;
   PyTypeObject* type = Py_TYPE(node.instance.get());
   const bool nobody_can_tell = !call.has_config_children && has_plain_attribute(type, arity);
-  return !nobody_can_tell && !has_attribute(node.instance, arity);
+  if (nobody_can_tell) return false;
+  const bool has_arity = has_attribute(node.instance, arity);
+  foreign_code_ran(run_, registers_);
+  return !has_arity;
 }
 
 void RotationStep::choose_arguments(const Node& node, Call& call) {

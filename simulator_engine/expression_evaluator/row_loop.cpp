@@ -37,7 +37,7 @@ class RowLoop {
       checked(PyErr_CheckSignals());
       turns_.offer();
       set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
-      foreign_code_ran();
+      foreign_code_ran(run_, registers_);
       for (const NodeIndex node : run_.order) run_node(node, row);
       copy_outputs(row);
     }
@@ -47,9 +47,11 @@ class RowLoop {
   void run_node(NodeIndex index, npy_intp row) {
     const Node& node = run_.table.nodes[index];
     if (precomputed_.run(index, row)) return;
-    const NodeKind kind = node.kind == NodeKind::compared
-                              ? graph_prep::compare_kind(run_.space, node.type)
-                              : node.kind;
+    NodeKind kind = node.kind;
+    if (kind == NodeKind::compared) {
+      kind = graph_prep::compare_kind(run_.space, node.type);
+      foreign_code_ran(run_, registers_);
+    }
     switch (kind) {
       case NodeKind::leaf:
         leaves_.run(index, row);
@@ -62,23 +64,19 @@ class RowLoop {
         break;
       case NodeKind::filtration:
         reductions_.run_filtration(index, row);
+        foreign_code_ran(run_, registers_);
         break;
       case NodeKind::reduction:
         reductions_.run_reduction(index, row);
-        foreign_code_ran();
+        foreign_code_ran(run_, registers_);
         break;
       case NodeKind::rotation:
         rotations_.run(index, row);
-        foreign_code_ran();
+        foreign_code_ran(run_, registers_);
         break;
       default:
         break;
     }
-  }
-
-  void foreign_code_ran() noexcept {
-    leaves_.foreign_code_ran();
-    reductions_.foreign_code_ran();
   }
 
   void copy_outputs(npy_intp row) {

@@ -53,6 +53,9 @@ struct Run {
   std::vector<std::uint8_t> is_data_nan;
   bool tracks_data_nan = false;
 
+  /// Grows whenever foreign code may have run: what was read from the host before may be stale.
+  std::uint64_t foreign_code_count = 0;
+
   std::vector<Object> filtrations;  // results by node; empty until resolved
   Object warmup_rows;               // leading rows of the weights to blank, an int
 };

@@ -13,9 +13,13 @@ using namespace python;
 
 namespace {
 
+bool is_plain_float(PyObject* value) {
+  return PyFloat_CheckExact(value) || Py_TYPE(value) == &PyDoubleArrType_Type;
+}
+
 /// `vector[place] = value`.
 void store(PyObject* vector, Py_ssize_t place, PyObject* value) {
-  if (PyFloat_Check(value) && place < PyArray_DIM(as_array(vector), 0)) {
+  if (is_plain_float(value) && place < PyArray_DIM(as_array(vector), 0)) {
     doubles(vector)[place] = PyFloat_AS_DOUBLE(value);
   } else {
     set_item(vector, integer(place), value);
@@ -65,6 +69,12 @@ bool store_quickly(const Run& run, PyObject* signals, PyObject* vector, Py_ssize
 }
 
 }  // namespace
+
+Object configured_pnl_column(const Run& run, const graph_prep::Node& node) {
+  PyObject* name = run.space.names.pnl_column;
+  if (PyDict_CheckExact(node.config.get())) return dict_item(node.config, name);
+  return contains(node.config, name) ? item(node.config, name) : Object();
+}
 
 void store_signal_pnl(const Run& run, PyObject* vector, Py_ssize_t place, PyObject* id,
                       PyObject* column, npy_intp row) {

@@ -8,15 +8,28 @@ namespace quernbrook::host {
 
 using namespace python;
 
+namespace {
+
+/// A dtype of the host's may carry metadata, which a conversion drops.
+bool has_plain_dtype(PyObject* array) {
+  PyArray_Descr* plain = PyArray_DescrFromType(NPY_DOUBLE);
+  const bool is_plain = PyArray_DESCR(as_array(array)) == plain;
+  Py_DECREF(plain);
+  return is_plain;
+}
+
+}  // namespace
+
 Object as_float64(const Namespace& space, PyObject* object) {
-  if (is_double_array(object)) return Object::share(object);
+  if (is_double_array(object) && has_plain_dtype(object)) return Object::share(object);
   return call_named(space.numpy(space.names.asarray), space.dtype_keyword, object,
                     space.numpy(space.names.float64));
 }
 
 Object as_contiguous_float64(const Namespace& space, PyObject* object) {
   // ascontiguousarray makes a vector of a scalar array.
-  if (is_contiguous_double_array(object) && PyArray_NDIM(as_array(object)) > 0) {
+  if (is_contiguous_double_array(object) && has_plain_dtype(object) &&
+      PyArray_NDIM(as_array(object)) > 0) {
     return Object::share(object);
   }
   return call_named(space.numpy(space.names.ascontiguousarray), space.dtype_keyword, object,

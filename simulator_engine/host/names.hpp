@@ -73,6 +73,7 @@
   NAME(is_empty)                          \
   NAME(isfinite)                          \
   NAME(isnan)                             \
+  NAME(issubset)                          \
   NAME(items)                             \
   NAME(keys)                              \
   NAME(latitudinal_rank)                  \

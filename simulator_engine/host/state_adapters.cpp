@@ -66,7 +66,7 @@ bool is_raw_typed(const Namespace& space, PyObject* state) {
        {names.function_name.get(), names.function_version.get(), names.data.get()}) {
     checked(PySet_Add(wanted, name));
   }
-  return compare(wanted, call_method(state, names.keys), Py_LE);
+  return truth(call_method(wanted, names.issubset, call_method(state, names.keys)));
 }
 
 struct StateParts {

@@ -1,5 +1,7 @@
 #include "python/error.hpp"
 
+#include <utility>
+
 #include "python/call.hpp"
 
 namespace quernbrook::python {
@@ -64,12 +66,39 @@ void raise_text(PyObject* type, const char* text) {
 
 void raise_key_error(PyObject* key) { raise_object(call(PyExc_KeyError, key)); }
 
+namespace {
+
+/// Puts an exception, or none, into the place of the one being handled. It is the current frame's
+/// own place: the topmost handled exception may be that of a frame further out.
+#if PY_VERSION_HEX >= 0x030B0000
+HandledException exchange_handled(HandledException next) {
+  return {nullptr, std::exchange(PyThreadState_Get()->exc_info->exc_value, next.value), nullptr};
+}
+#else
+HandledException exchange_handled(HandledException next) {
+  _PyErr_StackItem* place = PyThreadState_Get()->exc_info;
+  return {std::exchange(place->exc_type, next.type), std::exchange(place->exc_value, next.value),
+          std::exchange(place->exc_traceback, next.traceback)};
+}
+#endif
+
+}  // namespace
+
 Handling::Handling() : value_(take_pending_error()) {
-  PyErr_GetExcInfo(&outer_type_, &outer_value_, &outer_traceback_);
-  PyErr_SetExcInfo(Py_NewRef(type()), Py_NewRef(value_.get()), PyException_GetTraceback(value_));
+#if PY_VERSION_HEX >= 0x030B0000
+  outer_ = exchange_handled({nullptr, Py_NewRef(value_.get()), nullptr});
+#else
+  outer_ = exchange_handled(
+      {Py_NewRef(type()), Py_NewRef(value_.get()), PyException_GetTraceback(value_)});
+#endif
 }
 
-Handling::~Handling() { PyErr_SetExcInfo(outer_type_, outer_value_, outer_traceback_); }
+Handling::~Handling() {
+  const HandledException handled = exchange_handled(outer_);
+  Py_XDECREF(handled.type);
+  Py_XDECREF(handled.value);
+  Py_XDECREF(handled.traceback);
+}
 
 void Handling::raise_again() {
   restore_error(value_);

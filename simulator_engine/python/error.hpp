@@ -19,6 +19,13 @@ namespace quernbrook::python {
 /// True when the pending Python error is an instance of `type`.
 inline bool error_matches(PyObject* type) { return PyErr_ExceptionMatches(type) != 0; }
 
+/// The parts of an exception as the interpreter keeps it while it is being handled, owned.
+struct HandledException {
+  PyObject* type = nullptr;
+  PyObject* value = nullptr;
+  PyObject* traceback = nullptr;
+};
+
 /// The body of an `except` clause: takes the pending error and makes it the exception being
 /// handled, so that errors raised meanwhile carry it as their context.
 ///
@@ -42,9 +49,7 @@ class Handling {
 
  private:
   Object value_;
-  PyObject* outer_type_ = nullptr;
-  PyObject* outer_value_ = nullptr;
-  PyObject* outer_traceback_ = nullptr;
+  HandledException outer_;
 };
 
 }  // namespace quernbrook::python

@@ -342,3 +342,50 @@ def test_a_copied_graph_brings_its_record(evaluator: ModuleType, runs: int, agai
     same_bits(bound["root.c0"].calls[0].values[1], [9.0] * 3)
     assert record["float_values"] == {"root.c0.c1": 2.5}
     assert copied._collect_nodes_cache["node_info"]["root"]["children"] is copied.children
+
+
+# --- entries that a host took away ---------------------------------------------------------------
+
+
+def clear_reductions(record: dict[str, Any]) -> None:
+    record["reduction_nodes"].clear()
+
+
+def retype_root(record: dict[str, Any]) -> None:
+    record["node_info"]["root"]["type"] = "reduction"
+
+
+@pytest.mark.parametrize(
+    ("alter", "path"), [(clear_reductions, "root.c0"), (retype_root, "root")]
+)
+@pytest.mark.parametrize("cold", [False, True])
+def test_a_reduction_without_its_entry(
+    evaluator: ModuleType, alter: Any, path: str, cold: bool
+) -> None:
+    graph, context, bound = reduction_below_a_rotation(evaluator)
+    alter(graph._collect_nodes_cache)
+    states = {}
+    if cold:
+        states = {"function_states": {"root.c0": {"count": 1, "window": 2}}, "is_cold_start": True}
+    with pytest.raises(KeyError) as failure:
+        evaluator.evaluate(graph, context, bound_function_instances=bound, **states)
+    assert failure.value.args == (path,)
+
+
+def test_a_record_whose_children_go_round_in_circles(evaluator: ModuleType) -> None:
+    graph, context, bound = reduction_below_a_rotation(evaluator)
+    graph._collect_nodes_cache["node_info"]["root.c1"]["children_paths"] = ["root"]
+    with pytest.raises(RecursionError):
+        evaluator.evaluate(graph, context, bound_function_instances=bound)
+
+
+def reduction_below_a_rotation(evaluator: ModuleType) -> tuple[Any, Any, dict[str, Any]]:
+    graph = rotation("h", reduction("f"), feature("a"))
+    context = make_context(
+        evaluator, {"a": np.ones((3, 2))}, useful_signals=make_pool("ab", 3, 2)
+    )
+    below = stateful(lambda block, **_: 0.0)
+    below.window = 2
+    bound = {"root": RecordingFunction(lambda *rows: 1.0), "root.c0": below}
+    evaluator.evaluate(graph, context, bound_function_instances=bound)
+    return graph, context, bound
