@@ -23,7 +23,7 @@ def earned(weights: Matrix, next_returns: Matrix) -> Series:
 
 def daily_returns(weights: Matrix, returns: Matrix) -> Series:
     """What came in on each day, from the weights of the day before; NaN where there were none."""
-    return np.concatenate((np.full(1, np.nan), earned(weights[:-1], returns[1:])))
+    return np.concatenate(([np.nan], earned(weights[:-1], returns[1:])))
 
 
 def equal_weights(universe: Matrix) -> Matrix:
@@ -33,7 +33,8 @@ def equal_weights(universe: Matrix) -> Matrix:
 
 def growth(returns: Series) -> Series:
     """What one dollar becomes; a day without return leaves it as it is."""
-    return np.cumprod(1.0 + np.nan_to_num(returns))
+    grown: Series = np.cumprod(1.0 + np.nan_to_num(returns), dtype=np.float64)
+    return grown
 
 
 def sharpe(returns: Series) -> float:

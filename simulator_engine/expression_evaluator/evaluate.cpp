@@ -14,11 +14,11 @@ using namespace python;
 namespace {
 
 constexpr std::array<std::string_view, 6> argument_names{"graph",
-                                                    "context",
-                                                    "function_states",
-                                                    "is_cold_start",
-                                                    "bound_function_instances",
-                                                    "data_nan_features"};
+                                                         "context",
+                                                         "function_states",
+                                                         "is_cold_start",
+                                                         "bound_function_instances",
+                                                         "data_nan_features"};
 
 /// The context's lock, or None where a context of another class has none.
 Object lock_of(const Namespace& space, PyObject* context) {

@@ -12,7 +12,9 @@ using graph_prep::NodeIndex;
 using graph_prep::NodeKind;
 
 RotationStep::RotationStep(Run& run, const Registers& registers)
-    : run_(run), registers_(registers), calls_(run.table.nodes.size()),
+    : run_(run),
+      registers_(registers),
+      calls_(run.table.nodes.size()),
       arguments_(run.table.children.size()) {
   std::size_t most_children = 0;
   for (NodeIndex index = 0; index < calls_.size(); ++index) {

@@ -172,9 +172,8 @@ class RecordReader {
     for_each(float_values_, [](Node& node, Object value) { node.literal = std::move(value); });
     for_each(filtration_nodes_,
              [](Node& node, Object value) { node.graph_node = std::move(value); });
-    for_each(reduction_nodes_, [&](Node& node, const Object& entry) {
-      read_reduction(node, entry);
-    });
+    for_each(reduction_nodes_,
+             [&](Node& node, const Object& entry) { read_reduction(node, entry); });
     table_.root = index_of(names_.root);
     read_features();
     read_functions();
@@ -236,9 +235,9 @@ class RecordReader {
     if (!PyDict_CheckExact(info)) return false;
     const Py_ssize_t size = PyDict_GET_SIZE(info);
     if (size != 5 && size != 7) return false;
-    PyObject* const keys[] = {names_.type,     names_.node,   names_.canonical_id,
-                              names_.children_paths, names_.children, names_.config,
-                              names_.config_child_paths};
+    PyObject* const keys[] = {
+        names_.type,     names_.node,   names_.canonical_id,      names_.children_paths,
+        names_.children, names_.config, names_.config_child_paths};
     members_.back() = nullptr;
     PyObject* key;
     Py_ssize_t position = 0;

@@ -60,7 +60,7 @@ bool is_schema_checked(const Namespace& space, PyObject* entry) {
 }
 
 void check_against_schema(const Namespace& space, PyObject* registry, PyObject* function_name,
-                           PyObject* config, const NodePath& path) {
+                          PyObject* config, const NodePath& path) {
   if (registry == Py_None || !host::registry_has(space, registry, function_name)) return;
   const Object entry = host::registry_entry(space, registry, function_name);
   const Object allowed = host::schema_names(space, entry);

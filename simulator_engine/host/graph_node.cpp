@@ -74,8 +74,8 @@ bool NodeReader::is_plain(PyObject* node) {
   if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return false;
   // A class that was not touched since has its version still.
   if (type != type_ || version_ == 0 || type->tp_version_tag != version_) {
-    for (PyObject* name : {names.type.get(), names.node.get(), names.config.get(),
-                           names.children.get()}) {
+    for (PyObject* name :
+         {names.type.get(), names.node.get(), names.config.get(), names.children.get()}) {
       if (!has_plain_attribute(type, name)) return false;
     }
     type_ = type;

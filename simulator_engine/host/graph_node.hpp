@@ -53,8 +53,9 @@ Object explicit_config(const Namespace& space, PyObject* node);
 Object config_of(const Namespace& space, PyObject* node);
 
 /// The functions above for a walk over many nodes: a node of a plain class is no more than its
-/// dictionary, so that the class is asked once and not for each attribute. Whoever runs foreign code
-/// between two calls says so, but for what is done with a kind or a value that is no plain str.
+/// dictionary, so that the class is asked once and not for each attribute. Whoever runs foreign
+/// code between two calls says so, but for what is done with a kind or a value that is no plain
+/// str.
 class NodeReader {
  public:
   explicit NodeReader(const Namespace& space) : space_(space) {}

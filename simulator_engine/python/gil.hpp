@@ -29,7 +29,9 @@ class Turns {
     constexpr std::chrono::milliseconds switch_interval{5};
     if (++calls_ % calls_between_looks != 0) return;
     if (std::chrono::steady_clock::now() - last_ < switch_interval) return;
-    { const GilRelease release; }
+    {
+      const GilRelease release;
+    }
     last_ = std::chrono::steady_clock::now();
   }
 

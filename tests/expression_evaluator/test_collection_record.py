@@ -355,9 +355,7 @@ def retype_root(record: dict[str, Any]) -> None:
     record["node_info"]["root"]["type"] = "reduction"
 
 
-@pytest.mark.parametrize(
-    ("alter", "path"), [(clear_reductions, "root.c0"), (retype_root, "root")]
-)
+@pytest.mark.parametrize(("alter", "path"), [(clear_reductions, "root.c0"), (retype_root, "root")])
 @pytest.mark.parametrize("cold", [False, True])
 def test_a_reduction_without_its_entry(
     evaluator: ModuleType, alter: Any, path: str, cold: bool
@@ -381,9 +379,7 @@ def test_a_record_whose_children_go_round_in_circles(evaluator: ModuleType) -> N
 
 def reduction_below_a_rotation(evaluator: ModuleType) -> tuple[Any, Any, dict[str, Any]]:
     graph = rotation("h", reduction("f"), feature("a"))
-    context = make_context(
-        evaluator, {"a": np.ones((3, 2))}, useful_signals=make_pool("ab", 3, 2)
-    )
+    context = make_context(evaluator, {"a": np.ones((3, 2))}, useful_signals=make_pool("ab", 3, 2))
     below = stateful(lambda block, **_: 0.0)
     below.window = 2
     bound = {"root": RecordingFunction(lambda *rows: 1.0), "root.c0": below}

@@ -9,6 +9,7 @@ from typing import Any
 
 import numpy as np
 import pytest
+from quernbrook.simulator_engine._types import FunctionExecutionError
 from support.functions import RecordingFunction
 from support.graphs import feature, filtration, integer, node, reduction, rotation
 from support.pools import make_pool
@@ -204,9 +205,7 @@ def test_registers_spoilt_between_two_rows(evaluator: ModuleType) -> None:
     context = Context((np.ones((3, 4)),), {"a": 0})
     instances = {"root": RecordingFunction(lambda row: (kept.append(row), 0.0)[1])}
     with pytest.raises((RuntimeError, IndexError, ValueError)):
-        evaluator.evaluate(
-            rotation("f", feature("a")), context, bound_function_instances=instances
-        )
+        evaluator.evaluate(rotation("f", feature("a")), context, bound_function_instances=instances)
 
 
 # --- the exception being handled -----------------------------------------------------------------
@@ -222,12 +221,10 @@ def test_a_failure_inside_a_generator_leaves_its_caller_s_exception_alone(
 
     def handled() -> Iterator[BaseException | None]:
         instances = {"root": RecordingFunction(fail)}
-        try:
+        with pytest.raises(FunctionExecutionError):
             evaluator.evaluate(
                 rotation("f", feature("a")), context, bound_function_instances=instances
             )
-        except Exception:
-            pass
         yield sys.exc_info()[1]
         yield sys.exc_info()[1]
 

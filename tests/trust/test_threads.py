@@ -155,9 +155,7 @@ def test_a_python_thread_goes_on_beside_a_run_without_functions(evaluator: Modul
     context = make_context(evaluator, {"a": counting_matrix(500_000, 1)})
     # Marked as missing data, the leaf is not taken as a whole matrix.
     assert any(
-        goes_on_beside(
-            lambda: evaluator.evaluate(feature("a"), context, data_nan_features=["a"])
-        )
+        goes_on_beside(lambda: evaluator.evaluate(feature("a"), context, data_nan_features=["a"]))
         for _ in range(6)
     )
 
