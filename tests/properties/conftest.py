@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import os
 
-import pytest
 from hypothesis import HealthCheck, settings
 
 # The evaluator fixture is one module for all examples.
@@ -13,13 +12,6 @@ _COMMON = {
     "print_blob": True,
     "suppress_health_check": [HealthCheck.function_scoped_fixture, HealthCheck.too_slow],
 }
-settings.register_profile("quick", max_examples=300, **_COMMON)
+settings.register_profile("quick", max_examples=200, **_COMMON)
 settings.register_profile("long", max_examples=20_000, **_COMMON)
-_PROFILE = os.environ.get("HYPOTHESIS_PROFILE", "quick")
-settings.load_profile(_PROFILE)
-
-
-def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    if _PROFILE == "long":
-        for item in items:
-            item.add_marker(pytest.mark.timeout(0))
+settings.load_profile(os.environ.get("HYPOTHESIS_PROFILE", "quick"))

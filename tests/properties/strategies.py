@@ -1,283 +1,199 @@
-"""Random graphs, contexts, registries, bound functions and faults.
-
-A draw costs more than a run. So choices are drawn from tables, several at once, and the cells of
-all matrices of a case come out of one draw.
-"""
+"""Random graphs, contexts, registries, bound functions and faults."""
 
 from __future__ import annotations
 
-from collections.abc import Sequence
-from math import inf, nan, prod
 from typing import Any
 
 from hypothesis import strategies as st
-from properties.actions import STEADY
-from properties.cases import CallCase, Cell, FunctionCase, MatrixCase, NodeCase, SignalCase
-from properties.host import FAULTS, FUNCTION_KINDS
+from properties.actions import FAULTS, STEADY
+from properties.cases import FunctionCase, MatrixCase, NodeCase, RunCase, SignalCase
 
+FUNCTION_KINDS = ("rotation", "reduction")
 FUNCTION_NAMES = ("f", "g", "h", "weighted_by_vol")
 FEATURE_NAMES = ("a", "b", "c")
 CANONICAL_IDS = ("id", "other")
+SPECIAL = (0.0, -0.0, 1.0, -1.0, float("inf"), float("-inf"), float("nan"), 5e-324, 1.7e308)
 
 
-def rarely(*values: Any, otherwise: Any = None, one_in: int) -> tuple[Any, ...]:
-    """A column of a table: `otherwise`, and once in a while one of the values."""
-    return (otherwise,) * (one_in - 1) * len(values) + values
-
-
-def table(*columns: Sequence[Any]) -> st.SearchStrategy[tuple[Any, ...]]:
-    """One choice out of each column; the first ones are the simplest."""
-
-    def row(number: int) -> tuple[Any, ...]:
-        chosen = []
-        for column in columns:
-            number, place = divmod(number, len(column))
-            chosen.append(column[place])
-        return tuple(chosen)
-
+def rarely(strategy: st.SearchStrategy[Any], otherwise: Any, *, one_in: int) -> Any:
+    """`otherwise`, and once in a while what the strategy gives."""
     # Not `integers`: it favours its ends.
-    return st.sampled_from(range(prod(map(len, columns)))).map(row)
+    return st.sampled_from(range(one_in)).flatmap(
+        lambda drawn: strategy if drawn == one_in - 1 else st.just(otherwise)
+    )
 
 
-# --- matrices ------------------------------------------------------------------------------------
-
-INTEGERS = tuple(float(number) for number in (*range(10), *range(-9, 0)))
-FRACTIONS = (0.5, -0.25, 0.1, 1 / 3, -2 / 3, 1e-9, 123456.789, -98765.4321)
-ODD = (nan, -0.0, inf, -inf, 5e-324, -5e-324, 2.2250738585072014e-308, 1.7e308, -1.7e308)
-#: NaNs of a sign and payloads of their own, one of them signalling.
-PAYLOADS = ("fff8000000000000", "7ff800000000beef", "7ff0000000000001")
-CLOSE = (1.0000000000000002, 0.9999999999999999, 9007199254740992.0, 9007199254740994.0)
-
-CELLS: tuple[Cell, ...] = (*INTEGERS, *FRACTIONS, nan, *ODD, *PAYLOADS, *CLOSE)
-TAME_CELLS: tuple[Cell, ...] = (*INTEGERS, *FRACTIONS)
-CELLS_DRAWN = 40
-DRAWS = st.binary(min_size=CELLS_DRAWN, max_size=CELLS_DRAWN)
-
-LAYOUTS = ("C",) * 6 + ("F", "reversed", "strided", "repeated", "misaligned", "subclass")
-LAYOUTS = (*LAYOUTS, "read-only")
-DTYPES = ("float64",) * 12 + ("float32", ">f8", "int64", "bool", "longdouble", "object", "uint8")
-FORMS = table(DTYPES, LAYOUTS)
-PLAIN = st.just(("float64", "C"))
-
-
-class Cells:
-    """The cells of all matrices of a case, out of one draw."""
-
-    def __init__(self, drawn: bytes, values: Sequence[Cell]) -> None:
-        self.drawn, self.values = drawn, values
-        self.taken = 0
-
-    def take(self) -> Cell:
-        # The second time round, other values fall to the same bytes.
-        turn, place = divmod(self.taken, len(self.drawn))
-        self.taken += 1
-        byte = self.drawn[place]
-        return self.values[(byte + (7 * turn if byte else 0)) % len(self.values)]
-
-    def matrix(self, shape: tuple[int, int], form: tuple[str, str]) -> MatrixCase:
-        rows, columns = shape
-        drawn = tuple(tuple(self.take() for _ in range(columns)) for _ in range(rows))
-        return MatrixCase(drawn, *form, columns=None if rows else columns)
-
-    def row(self, columns: int) -> MatrixCase:
-        return self.matrix((1, columns), ("float64", "C"))
-
-
-# --- graphs --------------------------------------------------------------------------------------
-
-FEATURES = tuple(NodeCase("feature", name) for name in FEATURE_NAMES)
-LITERALS = (
-    *(NodeCase("float", value) for value in (1.0, 2.5, -0.0, inf, nan, 5e-324, 3, "1.5", True)),
-    *(NodeCase("int", value) for value in (1, 2, 3, 4, 0, -2, 7, True, 2.5, "3")),
-    *(NodeCase("string", value) for value in ("net", "gross_returns", "")),
-    *(NodeCase("bool", value) for value in (True, False, 0, "x")),
+numbers = st.one_of(
+    st.sampled_from(SPECIAL), st.integers(-9, 9).map(float), st.floats(width=64, allow_nan=False)
 )
-FAULTY_LITERALS = (
-    *(NodeCase("int", value) for value in ("x", None, 10**400)),
-    *(NodeCase("float", value) for value in ("x", None)),
-    NodeCase("odd", None),
-)
-LEAVES = (
-    *FEATURES * 9,
-    *(NodeCase("feature", name, canonical_id="id") for name in FEATURE_NAMES),
-    NodeCase("aggregation", "b"),
-    NodeCase("aggregation", "c", canonical_id="other"),
-    *LITERALS,
-)
-CONFIGS = (
-    *((("window", 2),), (("k", 1),), (("p", 3), ("q", 4)), (("invert", True),)),
-    *((("pnl_column", "net"),), (("pnl_column", "zz"),), (("pnl_column", ""),), ()),
-)
-FAULTY_CONFIGS = ((("A", 1),), (("N_alloc", 2), ("A", 1)))
-
-
-def heads(
-    kinds: Sequence[str] = ("rotation",) * 6 + ("reduction",) * 2,
-    names: Sequence[str] = FUNCTION_NAMES,
-    configs: Sequence[Any] = rarely(*CONFIGS, one_in=3),
-    ids: Sequence[Any] = rarely(*CANONICAL_IDS, one_in=6),
-    identities: Sequence[Any] = rarely("bare", "root", one_in=8),
-    sequences: Sequence[str] = ("list", "list", "tuple", "None if empty"),
-) -> st.SearchStrategy[tuple[Any, ...]]:
-    """Function nodes without their children."""
-    return table(kinds, names, configs, ids, identities, sequences)
+small = st.integers(-3, 9)
+literal_values = {
+    "float": st.one_of(numbers, small, st.sampled_from(["1.5", True]), st.just("x")),
+    "int": st.one_of(small, small, st.sampled_from([2.5, "3", "x", None, 10**400])),
+    "string": st.sampled_from(["", "net", "gross_returns"]),
+    "bool": st.sampled_from([True, False, 0, "x"]),
+}
 
 
 @st.composite
-def graphs(
-    draw: st.DrawFn,
-    heads: st.SearchStrategy[tuple[Any, ...]],
-    leaves: Sequence[NodeCase] = LEAVES,
-    filters: Sequence[tuple[NodeCase, ...]] = (),
-    depth: int = 3,
-) -> NodeCase:
-    """A function over functions and leaves; the deeper, the fewer functions."""
-    kind, name, config, identity, state_identity, sequence = draw(heads)
-    children = []
-    if kind == "reduction" and filters:
-        children += draw(st.sampled_from(filters))
-    # A negative number stands for so many children of which the first is a function.
-    count = draw(st.sampled_from((-1, 1, -2, 2, -3, 3, 0)[: 7 if depth > 1 else None]))
-    for position in range(abs(count)):
-        if depth > 1 and count < 0 and position == 0:
-            children.append(draw(graphs(heads, leaves, filters, depth - 1)))
-        else:
-            children.append(draw(st.sampled_from(leaves)))
-    return NodeCase(kind, name, tuple(children), config, identity, state_identity, sequence)
+def leaves(draw: st.DrawFn) -> NodeCase:
+    kind = draw(
+        st.sampled_from(["feature"] * 5 + ["aggregation", "float", "float", "int", "string"])
+        | st.sampled_from(["bool", "odd"])
+    )
+    if kind in ("feature", "aggregation"):
+        value = draw(st.sampled_from(FEATURE_NAMES))
+    else:
+        value = draw(literal_values.get(kind, st.none()))
+    identity = draw(rarely(st.sampled_from(CANONICAL_IDS), None, one_in=5))
+    return NodeCase(kind, value, canonical_id=identity)
 
 
-def filtration(operator: str, *operands: NodeCase) -> NodeCase:
-    return NodeCase("filtration", "filtration", (NodeCase(operator, operator, operands),))
+@st.composite
+def filters(draw: st.DrawFn) -> tuple[NodeCase, ...]:
+    """At most one filtration over the signals' field."""
+    name = draw(st.sampled_from(["gt", "lte", "top_n", "zz", None, None]))
+    if name is None:
+        return ()
+    bound = NodeCase("int" if name == "top_n" else "float", draw(st.integers(-1, 3)))
+    field = NodeCase("string", draw(rarely(st.just("missing"), "sharpe", one_in=8)))
+    return (NodeCase("filtration", "filtration", (NodeCase(name, name, (field, bound)),)),)
 
 
-SHARPE, MISSING = NodeCase("string", "sharpe"), NodeCase("string", "missing")
-ONE, TWO = NodeCase("float", 1), NodeCase("int", 2)
-FILTERS = (
-    *[()] * 4,
-    (filtration("gt", SHARPE, NodeCase("float", 0)),),
-    (filtration("lte", SHARPE, ONE),),
-    (filtration("top_n", SHARPE, TWO),),
-    (filtration("gt", SHARPE, ONE), filtration("top_n", SHARPE, TWO)),
-)
-FAULTY_FILTERS = (
-    (filtration("gt", SHARPE, NodeCase("float", 99)),),
-    (filtration("gt", MISSING, ONE),),
-    (filtration("zz", SHARPE),),
-    (NodeCase("filtration", "filtration"),),
-)
-
-# --- functions -----------------------------------------------------------------------------------
-
-PARAMETERS = (
-    (("p", "int"),),
-    (("p", "float"), ("q", "string")),
-    (("p", "array"), ("", "int"), ("q", "bool")),
-    (("A", "int"),),
-)
-
-
-def functions(
-    actions: Sequence[str] = (*sorted(STEADY) * 2, *FAULTS),
-    parameters: Sequence[Any] = rarely(*PARAMETERS, one_in=3),
-    families: Sequence[Any] = rarely("virtualization", "other", one_in=8),
-    known: Sequence[bool] = rarely(False, otherwise=True, one_in=16),
-    states: Sequence[str] = ("count",),
-    windows: Sequence[int | None] = (3,),
-    factories: Sequence[bool] = (True,),
-) -> st.SearchStrategy[FunctionCase]:
-    columns = (actions, range(4), (False, True), (False, True), parameters, families, known)
-    return table(*columns, factories, ((),), states, windows).map(
-        lambda row: FunctionCase(*row)
+@st.composite
+def inner(draw: st.DrawFn, below: st.SearchStrategy[NodeCase]) -> NodeCase:
+    kind = draw(st.sampled_from(("rotation",) * 8 + ("reduction", "reduction", "odd")))
+    keys = st.sampled_from(["window", "k", "p", "q", "invert"])
+    keys = keys | rarely(st.sampled_from(["A", "N_alloc"]), "k", one_in=8)
+    config = st.dictionaries(keys, small, max_size=2).map(lambda drawn: tuple(drawn.items()))
+    children = tuple(draw(st.lists(below, max_size=4)))
+    if kind == "reduction":
+        children = (*draw(filters()), *children)
+        column = st.sampled_from(["net", "gross_returns", "zz", ""])
+        config = config | column.map(lambda name: (("pnl_column", name),))
+    return NodeCase(
+        kind,
+        draw(st.sampled_from(FUNCTION_NAMES)),
+        children,
+        draw(rarely(config, None, one_in=3)),
+        draw(rarely(st.sampled_from(CANONICAL_IDS), None, one_in=6)),
+        draw(rarely(st.sampled_from(["bare", "root"]), None, one_in=8)),
+        draw(st.sampled_from(["list", "list", "tuple", "None if empty"])),
     )
 
 
-# --- the context ---------------------------------------------------------------------------------
+subgraphs = st.recursive(leaves(), inner, max_leaves=6)
+graphs = st.one_of(inner(subgraphs), inner(subgraphs), subgraphs)
 
-SHAPES = table((3, 4, 5, 2, 1, 0), (2, 3, 1, 4))
-POOLS = (("x",), ("y", "x"), ("z", "x", "y"))
+LAYOUTS = ("C", "C", "C", "F", "reversed", "strided", "read-only")
+DTYPES = ("float64",) * 6 + ("float32", ">f8", "int64", "bool")
+
+
+@st.composite
+def matrices(draw: st.DrawFn, shape: tuple[int, int], values: Any = numbers) -> MatrixCase:
+    rows, columns = shape
+    dtype = draw(rarely(st.just("object"), draw(st.sampled_from(DTYPES)), one_in=20))
+    if dtype in ("int64", "bool"):
+        values = small
+    row = st.tuples(*[values] * columns)
+    drawn = draw(st.tuples(*[row] * rows))
+    return MatrixCase(drawn, dtype, draw(st.sampled_from(LAYOUTS)))
+
+
+@st.composite
+def pools(draw: st.DrawFn, shape: tuple[int, int]) -> tuple[tuple[str, SignalCase], ...]:
+    pnl = st.none() | matrices((shape[0], 2))
+    return tuple(
+        (name, SignalCase(draw(matrices(shape)), draw(pnl), draw(st.integers(-1, 3).map(float))))
+        for name in draw(st.permutations("xyz"))[: draw(st.integers(1, 3))]
+    )
+
+
 PNL_VECTORS = (
     (),
-    (("x", (("gross_returns", 1.5), ("net", -0.0))), ("z", (("net", inf),))),
-    (("y", (("gross_returns", nan),)),),
+    (("x", (("gross_returns", 1.5), ("net", -0.0))), ("z", (("net", float("inf")),))),
+    (("y", (("gross_returns", float("nan")),)),),
 )
 
 
-def draw_pool(
-    draw: st.DrawFn, cells: Cells, shape: tuple[int, int]
-) -> tuple[tuple[str, SignalCase], ...]:
-    names, with_pnl, sharpe = draw(table(POOLS, (True, True, False), (1.0, 0.0, 2.0, -1.0)))
-    return tuple(
-        (
-            name,
-            SignalCase(
-                cells.matrix(shape, ("float64", "C")),
-                cells.matrix((shape[0], 2), ("float64", "C")) if with_pnl else None,
-                sharpe + place,
-            ),
-        )
-        for place, name in enumerate(names)
+@st.composite
+def functions(draw: st.DrawFn) -> FunctionCase:
+    kinds = st.sampled_from(["int", "float", "string", "bool", "array"])
+    names = st.sampled_from(["p", "q", "A", ""])
+    parameters = st.lists(st.tuples(names, kinds), max_size=3).map(tuple)
+    return FunctionCase(
+        draw(st.sampled_from(sorted(STEADY) * 2 + sorted(FAULTS) + ["raise"] * 2)),
+        draw(st.integers(0, 3)),
+        draw(st.booleans()),
+        draw(st.booleans()),
+        draw(st.none() | parameters),
+        draw(rarely(st.sampled_from(["virtualization", "other"]), None, one_in=6)),
+        draw(rarely(st.just(False), True, one_in=12)),
     )
 
 
-def draw_setting(
-    draw: st.DrawFn,
-    graph: NodeCase,
-    functions: st.SearchStrategy[FunctionCase],
-    *,
-    shapes: st.SearchStrategy[tuple[int, int]] = SHAPES,
-    forms: st.SearchStrategy[tuple[str, str]] = PLAIN,
-    values: Sequence[Cell] = CELLS,
-    universes: Sequence[bool] = (False, True),
-) -> tuple[Cells, dict[str, Any]]:
-    """The graph with the inputs, the functions and the pool that it needs."""
-    shape = draw(shapes)
-    cells = Cells(draw(DRAWS), values)
-    used = {node.value for _, node in graph.paths_of(FUNCTION_KINDS)}
-    with_universe, with_pool = draw(table(universes, rarely(True, otherwise=False, one_in=4)))
-    if graph.paths_of(("reduction",)):
-        with_pool = not with_pool
-    return cells, {
-        "graph": graph,
-        "shape": shape,
-        "features": tuple(
-            (name, cells.matrix(shape, draw(forms))) for name in FEATURE_NAMES
+HOST_FAULTS = ("misshapen feature", "missing feature", "states", "binding", "stored row")
+
+
+@st.composite
+def run_cases(draw: st.DrawFn) -> RunCase:
+    """Runs with at most one fault of the host; functions may have faults of their own."""
+    fault = draw(rarely(st.sampled_from(HOST_FAULTS), None, one_in=3))
+    graph = draw(graphs)
+    shape = (draw(st.sampled_from([3, 4, 5, 2, 1, 0])), draw(st.sampled_from([2, 3, 1])))
+    features = [(name, draw(matrices(shape))) for name in FEATURE_NAMES]
+    position = draw(st.integers(0, len(features) - 1))
+    if fault == "missing feature":
+        del features[position]
+    elif fault == "misshapen feature":
+        other = draw(st.sampled_from([(shape[0] + 1, shape[1]), (1, 1), (2, 5)]))
+        features[position] = (features[position][0], draw(matrices(other)))
+    return RunCase(
+        graph=graph,
+        shape=shape,
+        features=tuple(features),
+        functions=tuple((name, draw(functions())) for name in FUNCTION_NAMES),
+        universe=draw(st.none() | matrices(shape)),
+        pool=draw(
+            rarely(pools(shape), (), one_in=3)
+            if not graph.paths_of(("reduction",))
+            else rarely(st.just(()), None, one_in=6).flatmap(
+                lambda none: pools(shape) if none is None else st.just(none)
+            )
         ),
-        "functions": tuple((name, draw(functions)) for name in sorted(used)),
-        "universe": cells.matrix(shape, draw(forms)) if with_universe else None,
-        "pool": draw_pool(draw, cells, shape) if with_pool else (),
-    }
-
-
-# --- calls ---------------------------------------------------------------------------------------
-
-STATES = ({"count": 1}, {"count": 2}, {"count": 5, "window": 3}, {}, None)
-
-
-def bindings(graph: NodeCase, *, faulty: bool) -> tuple[str, ...]:
-    if not faulty:
-        return ("no", "all")
-    paths = [path for path, _ in graph.paths_of(FUNCTION_KINDS)]
-    return ("none", *(f"{fault} {path}" for fault in ("without", "None at") for path in paths))
-
-
-def draw_states(draw: st.DrawFn, graph: NodeCase, *, faulty: bool = False) -> Any:
-    """A state for every function; one too few or too many if faulty."""
-    keys = [node.state_identity or path for path, node in graph.paths_of(FUNCTION_KINDS)]
-    (state, surplus) = draw(table(STATES, (True, False)))
-    states = tuple((key, state) for key in keys)
-    if not faulty:
-        return states
-    return (*states, ("other", {})) if surplus else states[1:]
-
-
-def draw_call(draw: st.DrawFn, graph: NodeCase, *, fault: str | None = None) -> CallCase:
-    with_states, cold, bound, nan_features = draw(
-        table(
-            (False, True, fault == "states"),
-            (False, True),
-            bindings(graph, faulty=fault == "binding"),
-            rarely(("a",), ("b", "c"), (), one_in=4),
-        )
+        pnl_vectors=draw(rarely(st.sampled_from(PNL_VECTORS), None, one_in=4)),
+        cold=draw(st.booleans()),
+        bound=draw(bindings(graph, faulty=fault == "binding")),
+        states=draw(states_of(graph, faulty=fault == "states")),
+        precomputed=draw(st.none() | stored_rows(shape[1] + (fault == "stored row"))),
+        collect=draw(st.none() | st.booleans()),
+        collect_states=draw(st.none() | st.booleans()),
+        nan_features=draw(rarely(st.sampled_from([("a",), ("b", "c"), ()]), None, one_in=4)),
+        registry=draw(rarely(st.just(False), True, one_in=8)),
+        validate=draw(st.sampled_from([False, False, fault != "misshapen feature", True])),
+        runs=draw(st.sampled_from([1, 1, 2])),
     )
-    states = draw_states(draw, graph, faulty=fault == "states") if with_states else None
-    return CallCase((), states, cold, bound, nan_features)
+
+
+def bindings(graph: NodeCase, *, faulty: bool) -> st.SearchStrategy[str]:
+    if not faulty:
+        return st.sampled_from(["no", "all"])
+    paths = [path for path, _ in graph.paths_of(FUNCTION_KINDS)]
+    return st.sampled_from(
+        ["none", *(f"{fault} {path}" for fault in ("without", "None at") for path in paths)]
+    )
+
+
+def states_of(graph: NodeCase, *, faulty: bool) -> st.SearchStrategy[Any]:
+    state = st.sampled_from([{"count": 1}, {"count": 2}, {"count": 5, "window": 3}, {}, None])
+    keys = [node.state_identity or path for path, node in graph.paths_of(FUNCTION_KINDS)]
+    states = st.tuples(*[st.tuples(st.just(key), state) for key in keys])
+    if not faulty:
+        return st.none() | states
+    return states.map(lambda pairs: pairs[1:]) | states.map(lambda pairs: (*pairs, ("other", {})))
+
+
+def stored_rows(length: int) -> st.SearchStrategy[Any]:
+    row = st.lists(numbers, min_size=length, max_size=length)
+    identity = st.sampled_from([*CANONICAL_IDS, None])
+    return st.lists(st.tuples(identity, row), max_size=3).map(tuple)

@@ -2,78 +2,17 @@
 
 from __future__ import annotations
 
-from dataclasses import replace
+from collections import Counter
+from types import SimpleNamespace
+from typing import Any
 
+import numpy as np
+import pytest
 import reference_evaluator
-from hypothesis import given
-from hypothesis import strategies as st
-from properties.cases import CallCase, RunCase
-from properties.compare import differences, require_agreement
-from properties.observe import observe
-from properties.reach import Reached, sample
-from properties.strategies import (
-    CONFIGS,
-    FAULTY_CONFIGS,
-    FAULTY_FILTERS,
-    FAULTY_LITERALS,
-    FILTERS,
-    FORMS,
-    LEAVES,
-    PNL_VECTORS,
-    draw_call,
-    draw_setting,
-    functions,
-    graphs,
-    heads,
-    rarely,
-    table,
-)
-
-HEADS = heads(
-    kinds=("rotation",) * 8 + ("reduction", "reduction", "odd"),
-    configs=rarely(*CONFIGS * 2, *FAULTY_CONFIGS, one_in=3),
-)
-GRAPHS = graphs(
-    HEADS, (*LEAVES * 2, *FAULTY_LITERALS), (*FILTERS, *FILTERS, *FAULTY_FILTERS)
-) | st.sampled_from(LEAVES)
-FUNCTIONS = functions()
-HOST_FAULTS = rarely("misshapen", "missing", "states", "binding", one_in=3)
-FIELDS = (
-    rarely(*PNL_VECTORS, one_in=4),
-    (None, True, False),
-    (None, True, False),
-    rarely(False, otherwise=True, one_in=8),
-    (True, False),
-)
-
-
-@st.composite
-def run_cases(draw: st.DrawFn) -> RunCase:
-    """Runs with at most one fault of the host; functions may have faults of their own."""
-    graph = draw(GRAPHS)
-    cells, setting = draw_setting(draw, graph, FUNCTIONS, forms=FORMS)
-    fault, position, pnl_vectors, collect, collect_states, registry, validate = draw(
-        table(HOST_FAULTS, range(3), *FIELDS)
-    )
-    features = list(setting["features"])
-    if fault == "missing":
-        del features[position]
-    elif fault == "misshapen":
-        rows, columns = setting["shape"]
-        other = draw(st.sampled_from([(rows + 1, columns), (1, 1), (2, 5)]))
-        features[position] = (features[position][0], cells.matrix(other, draw(FORMS)))
-        validate = False
-    call = draw_call(draw, graph, fault=fault)
-    again = draw(st.sampled_from([(), (), (replace(call),)]))
-    return RunCase(
-        **{**setting, "features": tuple(features)},
-        pnl_vectors=pnl_vectors,
-        collect=collect,
-        collect_states=collect_states,
-        registry=registry,
-        validate=validate,
-        calls=(call, *again),
-    )
+from hypothesis import given, settings
+from properties.cases import FunctionCase, MatrixCase, NodeCase, RunCase
+from properties.compare import differences, observe, require_agreement
+from properties.strategies import run_cases
 
 
 @given(case=run_cases())
@@ -85,25 +24,119 @@ def test_the_evaluator_agrees_with_the_plain_one(evaluator, case):
         require_agreement(reference_evaluator, evaluator, case)
 
 
+# --- the comparison itself -----------------------------------------------------------------------
+
+FEATURES = (("a", MatrixCase(((1.0, -0.0), (3.0, float("nan"))))),)
+CASE = RunCase(
+    graph=NodeCase("rotation", "f", (NodeCase("feature", "a"),)),
+    shape=(2, 2),
+    features=FEATURES,
+    functions=(("f", FunctionCase(stateful=True)),),
+    bound="all",
+)
+
+
+def altered(change: Any) -> Any:
+    """The plain evaluator with `change` applied to its results or to the context afterwards."""
+
+    def evaluate(graph: Any, context: Any, *arguments: Any, **keywords: Any) -> Any:
+        result = reference_evaluator.evaluate(graph, context, *arguments, **keywords)
+        change(result, context)
+        return result
+
+    return SimpleNamespace(
+        __name__="altered",
+        evaluate=evaluate,
+        EvaluationContext=reference_evaluator.EvaluationContext,
+    )
+
+
+def flip_sign_of_zero(result: Any, _: Any) -> None:
+    result.weights[result.weights == 0.0] *= -1.0
+
+
+def other_nan(result: Any, _: Any) -> None:
+    words = result.weights.view(np.uint64)
+    words[np.isnan(result.weights)] += 1
+
+
+def other_dtype(result: Any, _: Any) -> None:
+    result.weights = result.weights.astype(np.float32)
+
+
+def forgotten_state(result: Any, _: Any) -> None:
+    result.states.clear()
+
+
+def other_order(result: Any, _: Any) -> None:
+    result.node_outputs = dict(reversed(list(result.node_outputs.items())))
+
+
+def other_day(_: Any, context: Any) -> None:
+    context.current_day_index += 1
+
+
+def stale_registers(_: Any, context: Any) -> None:
+    context.registers = np.zeros_like(context.registers)
+
+
+def further_call(_: Any, context: Any) -> None:
+    context.registry.has("f")
+
+
+def failure(_: Any, __: Any) -> None:
+    raise ValueError
+
+
+@pytest.mark.parametrize(
+    "change",
+    [
+        flip_sign_of_zero,
+        other_nan,
+        other_dtype,
+        forgotten_state,
+        other_order,
+        other_day,
+        stale_registers,
+        further_call,
+        failure,
+    ],
+)
+def test_differences_are_seen_and_reported_with_the_case(change):
+    with pytest.raises(AssertionError) as caught:
+        require_agreement(reference_evaluator, altered(change), CASE)
+    assert repr(CASE) in str(caught.value)
+
+
+def test_the_report_builds_the_case_again():
+    names = {kind.__name__: kind for kind in (RunCase, NodeCase, FunctionCase, MatrixCase)}
+    assert repr(eval(repr(CASE), names, {"nan": float("nan")})) == repr(CASE)
+
+
 def test_random_runs_reach_what_they_are_meant_to():
     """Otherwise agreement on them would say little."""
+    reached: Counter[str] = Counter()
 
-    def count(reached: Reached) -> None:
-        calls = reached.questions("call")
-        ending = "failure" if reached.error() else "result"
-        reached.counts[f"{ending} {'after calls' if calls else 'without calls'}"] += 1
-        reached.counts["long runs"] += calls > 10
-        reached.counts["restored"] += reached.questions("restore") > 0
-        reached.counts["reduced"] += any(
-            entry[0] == "call" and "signal_pnl" in entry[3] for entry in reached.observed["calls"]
+    @settings(max_examples=600, database=None, derandomize=True)
+    @given(case=run_cases())
+    def sample(case: RunCase) -> None:
+        observed = observe(reference_evaluator, case)
+        if "construction" in observed:
+            reached["construction"] += 1
+            return
+        calls = Counter(entry[0] for entry in observed["calls"])
+        ending = "failure" if "error" in observed["run 0"] else "result"
+        reached[f"{ending} {'after calls' if calls['call'] else 'without calls'}"] += 1
+        reached["long runs"] += calls["call"] > 10
+        reached["restored"] += calls["restore"] > 0
+        reached["reduced"] += any(
+            entry[0] == "call" and "signal_pnl" in entry[3] for entry in observed["calls"]
         )
-        reached.counts["filtered"] += bool(
-            reached.case.graph.paths_of(("filtration",)) and ending == "result"
-        )
-        reached.counts["marked"] += reached.outcome().get("nan_source", ["dict"]) != ["dict"]
+        reached["filtered"] += bool(case.graph.paths_of(("filtration",)) and ending == "result")
+        reached["marked"] += bool(observed["run 0"].get("nan_source"))
 
-    reached = sample(run_cases(), count)
-    assert reached["result after calls"] >= 30
+    sample()
+    assert reached["result after calls"] >= 60
     assert reached["failure after calls"] >= 10
     assert reached["failure without calls"] >= 10
     assert reached["long runs"] >= 5
