@@ -1,6 +1,7 @@
 """Writes measured figures into docs/performance.md: python bench/report.py RESULTS.json
 
-RESULTS.json is what ./run bench --benchmark-json=RESULTS.json leaves.
+RESULTS.json is what ./run bench --benchmark-json=RESULTS.json leaves. Subjects that the run left
+out keep what the page says of them, each with the commit that it was measured at.
 """
 
 from __future__ import annotations
@@ -110,9 +111,9 @@ def table(header: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
     return "\n".join(f"| {' | '.join(row)} |" for row in (header, rule, *rows))
 
 
-def section(figures: Sequence[Figure]) -> str:
+def section(figures: Sequence[Figure], setting: str) -> str:
     """The tables of one subject, one for each unit of time."""
-    parts = [f"## {TITLES[figures[0].subject]}"]
+    parts = [f"## {TITLES[figures[0].subject]}", setting]
     for unit, same in groupby(figures, lambda figure: figure.unit):
         groups = by_workload(same)
         others = list(dict.fromkeys(each.contender for group in groups for each in group[1:]))
@@ -129,6 +130,7 @@ def section(figures: Sequence[Figure]) -> str:
             used = {each.contender: each.memory for each in group}
             rows.append([group[0].workload, *(used.get(name, "") for name in names)])
         parts.append(table(["Memory", *names], rows))
+    parts.append(faster(figures))
     return "\n\n".join(parts)
 
 
@@ -140,8 +142,8 @@ def faster(figures: Sequence[Figure]) -> str:
         for each in rest
         if not each.floor and each.high < first.low
     ]
-    explained = "Ratios of those that do the whole work, where the quartiles don't overlap."
-    return "\n".join(["## Where another is faster", "", explained, "", *(lines or ["- nowhere"])])
+    explained = "Faster than this module at the whole work, by quartiles that don't overlap:"
+    return "\n".join([explained, "", *(lines or ["- nobody"])])
 
 
 def setting(results: Mapping[str, Any]) -> str:
@@ -165,7 +167,10 @@ def draw(figures: Sequence[Figure]) -> None:
     from matplotlib import pyplot
 
     groups = {group[0].workload: group for group in by_workload(figures)}
-    shown = [groups[workload] for workload in DEPICTED if workload in groups]
+    if missing := [workload for workload in DEPICTED if workload not in groups]:
+        print(f"The picture stays as it is: the run left out {', '.join(missing)}.")
+        return
+    shown = [groups[workload] for workload in DEPICTED]
     columns = 2
     rows = -(-len(shown) // columns)
     canvas, panels = pyplot.subplots(rows, columns, figsize=(11, 2.2 * rows + 0.6), squeeze=False)
@@ -218,19 +223,16 @@ def main() -> None:
         sys.exit("usage: python bench/report.py RESULTS.json")
     results = json.loads(Path(sys.argv[1]).read_text())
     figures = read(results)
-    subjects = {figure.subject for figure in figures}
-    sections = [
-        section([figure for figure in figures if figure.subject == subject])
-        for subject in TITLES
-        if subject in subjects
-    ]
-    draw(figures)
-    picture = f"![Times beside those of this module]({PICTURE.relative_to(DOCS)})"
     start, end = MARKERS
     before, rest = PAGE.read_text().split(start)
-    _, after = rest.split(end)
-    parts = [start, setting(results), picture, *sections, faster(figures), end]
-    PAGE.write_text(before + "\n\n".join(parts) + after)
+    shown, after = rest.split(end)
+    sections = {part.split("\n", 1)[0]: f"## {part.strip()}" for part in shown.split("\n## ")[1:]}
+    for subject, same in groupby(figures, lambda figure: figure.subject):
+        sections[TITLES[subject]] = section(list(same), setting(results))
+    draw(figures)
+    picture = f"![Times beside those of this module]({PICTURE.relative_to(DOCS)})"
+    known = [sections[title] for title in TITLES.values() if title in sections]
+    PAGE.write_text(before + "\n\n".join([start, picture, *known, end]) + after)
 
 
 if __name__ == "__main__":
