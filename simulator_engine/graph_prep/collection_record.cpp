@@ -162,7 +162,7 @@ class RecordReader {
         filtration_nodes_(item(record, names_.filtration_nodes)),
         reduction_nodes_(item(record, names_.reduction_nodes)),
         feature_ref_names_(item(record, names_.feature_ref_names)),
-        indices_(static_cast<std::size_t>(length(node_info_))) {}
+        indices_(0) {}
 
   NodeTable read() {
     number_nodes();
@@ -183,16 +183,21 @@ class RecordReader {
  private:
   /// Nodes are numbered in the order of `node_info`, whatever it is.
   void number_nodes() {
-    const auto count = static_cast<std::size_t>(length(node_info_));
+    // What another mapping says of its length need not be true.
+    const bool is_dict = PyDict_CheckExact(node_info_.get());
+    const auto count = static_cast<std::size_t>(is_dict ? PyDict_GET_SIZE(node_info_.get()) : 0);
     table_.nodes.reserve(count);
     table_.children.reserve(count);
     table_.is_config_child.reserve(count);
     infos_.reserve(count);
     for_each_item(node_info_, [&](Object path, Object info) {
-      indices_.add(path, static_cast<NodeIndex>(table_.nodes.size()));
       table_.nodes.emplace_back().path = std::move(path);
       infos_.push_back(std::move(info));
     });
+    indices_ = PathIndex(table_.nodes.size());
+    for (NodeIndex index = 0; index < table_.nodes.size(); ++index) {
+      indices_.add(table_.nodes[index].path, index);
+    }
   }
 
   NodeIndex index_of(PyObject* path) {
@@ -238,11 +243,14 @@ class RecordReader {
     PyObject* const keys[] = {
         names_.type,     names_.node,   names_.canonical_id,      names_.children_paths,
         names_.children, names_.config, names_.config_child_paths};
-    members_.back() = nullptr;
+    members_.fill(nullptr);
     PyObject* key;
+    PyObject* value;
     Py_ssize_t position = 0;
-    for (std::size_t place = 0; PyDict_Next(info, &position, &key, &members_[place]); ++place) {
+    std::size_t place = 0;
+    while (PyDict_Next(info, &position, &key, &value)) {
       if (key != keys[place]) return false;
+      members_[place++] = value;
     }
     return true;
   }

@@ -68,7 +68,7 @@ Object config_of(const Namespace& space, PyObject* node) {
 
 bool NodeReader::is_plain(PyObject* node) {
   PyTypeObject* type = Py_TYPE(node);
-  if (type == type_ && is_current_ && only_plain_sequences_) return true;
+  if (type == type_ && is_current_ && only_plain_values_) return true;
   const Names& names = space_.names;
   const Object node_class = space_.global(names.FunctionGraphNode);
   if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return false;
@@ -103,8 +103,11 @@ Object NodeReader::require(PyObject* node, PyObject* key, const NodePath& path) 
     foreign_code_ran();
     value = require_field(space_, node, key, path);
   }
-  // Whatever is done with anything else may be the host's doing.
-  if (!PyUnicode_CheckExact(value.get())) foreign_code_ran();
+  // What is done with any other value may run the host's code at any time from now on.
+  if (!PyUnicode_CheckExact(value.get()) && !PyLong_CheckExact(value.get()) &&
+      !PyFloat_CheckExact(value.get()) && !PyBool_Check(value.get())) {
+    only_plain_values_ = false;
+  }
   return value;
 }
 
@@ -121,7 +124,7 @@ Object NodeReader::children(PyObject* node) {
       (PyList_CheckExact(children.get()) || PyTuple_CheckExact(children.get()))) {
     return PySequence_Fast_GET_SIZE(children.get()) > 0 ? children : Object();
   }
-  only_plain_sequences_ = false;
+  only_plain_values_ = false;
   return children_of(space_, node);
 }
 

@@ -84,7 +84,7 @@ class NodeReader {
   PyTypeObject* type_ = nullptr;  // the class of plain nodes, once it is known to be one
   unsigned int version_ = 0;
   bool is_current_ = false;
-  bool only_plain_sequences_ = true;  // walking any other one runs foreign code
+  bool only_plain_values_ = true;  // no kind, value or sequence with code of its own was met
 };
 
 extern PyMethodDef graph_node_functions[];

@@ -90,4 +90,9 @@ PyMethodDef universe_functions[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
+bool is_own_mask_rule(PyObject* function) {
+  return PyCFunction_CheckExact(function) &&
+         PyCFunction_GET_FUNCTION(function) == universe_functions[0].ml_meth;
+}
+
 }  // namespace quernbrook::host

@@ -385,3 +385,15 @@ def reduction_below_a_rotation(evaluator: ModuleType) -> tuple[Any, Any, dict[st
     bound = {"root": RecordingFunction(lambda *rows: 1.0), "root.c0": below}
     evaluator.evaluate(graph, context, bound_function_instances=bound)
     return graph, context, bound
+
+
+def test_a_table_that_tells_too_small_a_length(evaluator: ModuleType) -> None:
+    class Table(dict):
+        def __len__(self) -> int:
+            return 1
+
+    graph, context, bound = reduction_below_a_rotation(evaluator)
+    record = graph._collect_nodes_cache
+    record["node_info"] = Table(record["node_info"])
+    result = evaluator.evaluate(graph, context, bound_function_instances=bound)
+    same_bits(result.weights, np.ones((3, 2)))

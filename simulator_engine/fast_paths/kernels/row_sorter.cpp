@@ -229,9 +229,9 @@ RowSorter::Outcome RowSorter::sort_by_comparison(const double* cells) {
     keys_[column] = static_cast<std::uint32_t>(column);
   }
   column_mask_ = std::numeric_limits<std::uint32_t>::max();
-  std::sort(keys_.begin(), keys_.end(), [&](std::uint32_t left, std::uint32_t right) {
-    return key(left) < key(right) || (key(left) == key(right) && left < right);
-  });
+  // Stays within its bounds also where another thread writes into the cells meanwhile.
+  std::stable_sort(keys_.begin(), keys_.end(),
+                   [&](std::uint32_t left, std::uint32_t right) { return key(left) < key(right); });
   const auto begin = keys_.begin() + static_cast<std::ptrdiff_t>(census_.negative_infinities);
   const auto end = begin + static_cast<std::ptrdiff_t>(census_.finite);
   const auto tie = std::adjacent_find(begin, end, [cells](std::uint32_t left, std::uint32_t right) {
