@@ -73,13 +73,12 @@ Object rank_other_dimensions(const Namespace& space, PyObject* masked) {
 /// The ranks of a matrix under a universe; None if two finite values of a row are equal.
 Object rank(const Namespace& space, PyObject* data, PyObject* universe) {
   Object masked = Object::share(data);
-  const Object apply = space.global(space.names._apply_universe_mask);
-  const bool masks_itself =
-      host::is_own_mask_rule(apply) &&
-      (universe == Py_None ||
-       (is_double_matrix(data) && is_double_matrix(universe) && same_shape(data, universe)));
-  if (!masks_itself) {
-    masked = host::as_float64(space, call(apply, data, universe));
+  bool masks_itself = true;
+  if (universe != Py_None) {
+    const Object apply = space.global(space.names._apply_universe_mask);
+    masks_itself = host::is_own_mask_rule(apply) && is_double_matrix(data) &&
+                   is_double_matrix(universe) && same_shape(data, universe);
+    if (!masks_itself) masked = host::as_float64(space, call(apply, data, universe));
   }
   if (!is_matrix(masked)) return rank_other_dimensions(space, masked);
   masked = aligned(masked);
