@@ -20,15 +20,19 @@ class GilRelease {
   PyThreadState* state_;
 };
 
-/// Lets waiting threads have their turn in a long loop that may run no Python code, as often as the
-/// interpreter's own loop does.
+/// Lets waiting threads have their turn in a long loop that may run no Python code.
+///
+/// A thread that has waited for the interpreter's switch interval, 5 ms by default, asks for its
+/// turn, and only then does giving up the interpreter wait until the other has it. Given up more
+/// often, it would be back here before the other woke, and the other's wait would begin anew: hence
+/// twice the interval.
 class Turns {
  public:
   void offer() {
     constexpr unsigned calls_between_looks = 16;  // at the clock
-    constexpr std::chrono::milliseconds switch_interval{5};
+    constexpr std::chrono::milliseconds turn{10};
     if (++calls_ % calls_between_looks != 0) return;
-    if (std::chrono::steady_clock::now() - last_ < switch_interval) return;
+    if (std::chrono::steady_clock::now() - last_ < turn) return;
     {
       const GilRelease release;
     }
