@@ -25,7 +25,7 @@ bool is_plain_row(const Run& run, PyObject* result) {
 
 bool is_array(PyObject* object) {
   if (PyFloat_CheckExact(object) || PyLong_CheckExact(object)) return false;
-  return PyArray_Check(object) || is_instance(object, reinterpret_cast<PyObject*>(&PyArray_Type));
+  return PyArray_Check(object) || is_instance(object, PyArray_Type);
 }
 
 void check_array(const Run& run, const Node& node, PyObject* result, npy_intp row) {

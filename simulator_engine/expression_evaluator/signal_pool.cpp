@@ -12,7 +12,8 @@ using graph_prep::NodeIndex;
 Object filtration_result(Run& run, NodeIndex node) {
   if (!run.filtrations[node].empty()) return run.filtrations[node];
   const Object graph_node = run.table.nodes[node].graph_node;
-  if (graph_node.empty()) return Object::none();
+  // A record altered by the host may hold None.
+  if (graph_node.empty() || graph_node.is_none()) return Object::none();
   run.filtrations[node] = filtration::resolve_filtration(run.space, run.context, graph_node);
   return run.filtrations[node];
 }

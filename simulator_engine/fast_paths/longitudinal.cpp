@@ -72,7 +72,7 @@ Object rolling_longitudinal_fast(Namespace& space, const CallArguments& argument
     return nan_matrix(index_value(rows), index_value(columns));
   }
   const RollingStatistic statistic = statistic_of(space, name);
-  if (PyLong_Check(window) && compare(window, integer(1), Py_GE)) {
+  if ((PyLong_CheckExact(window) || PyBool_Check(window)) && compare(window, integer(1), Py_GE)) {
     return rolling_by_kernel(aligned(data), index_value(window), statistic);
   }
   const Object out = nan_matrix(index_value(rows), index_value(columns));

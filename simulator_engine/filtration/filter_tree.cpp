@@ -103,7 +103,7 @@ class DescribedChildren {
 
 Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_path) {
   struct Frame {
-    Object operation;
+    Object name;
     bool has_operands;
     DescribedChildren children;
   };
@@ -121,9 +121,12 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
     Object parts = Object::own(PyList_New(0));
     bool has_operands = true;
     Py_ssize_t most = 0;
+    // An operator of a subclass of str may have a text of its own, which shows for some only.
     if (equal(operation, names.filtration)) {
+      operation = names.filtration;
       most = 1;
-    } else if (is_any(operation, {"gt"})) {
+    } else if (const Object gt = as_text("gt"); equal(operation, gt)) {
+      operation = gt;
       host::ChildIterator operands(children);
       for (Object child = operands.next(); !child.empty(); child = operands.next()) {
         const host::ChildPath child_path(path, operands.position());
@@ -140,8 +143,8 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
   const auto leave = [&](const Frame& frame, const NodePath&) {
     const Object parts = std::move(described.back());
     described.pop_back();
-    const Object text = frame.has_operands ? message(frame.operation, "(", join(", ", parts), ")")
-                                           : as_text(frame.operation);
+    const Object text = frame.has_operands ? message(frame.name, "(", join(", ", parts), ")")
+                                           : as_text(frame.name);
     checked(PyList_Append(described.back(), text));
   };
   host::walk_graph(graph_node, root_path, enter, leave);

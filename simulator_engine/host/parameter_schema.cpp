@@ -23,13 +23,11 @@ Object get(const Namespace& space, PyObject* dict, PyObject* key) {
   return call_method(dict, space.names.get, key);
 }
 
-bool is_str(PyObject* object) { return PyUnicode_Check(object); }
-bool is_dict(PyObject* object) { return PyDict_Check(object); }
 
 std::pair<Object, Object> name_and_type(const Namespace& space, PyObject* schema_item,
                                         PyObject* fallback_name) {
   const Names& names = space.names;
-  if (PyTuple_Check(schema_item) && length(schema_item) == 2) {
+  if (is_tuple(schema_item) && length(schema_item) == 2) {
     auto [name, constraint] = unpack_pair(schema_item);
     if (is_dict(constraint)) return {name, get(space, constraint, names.type)};
     if (is_str(constraint)) return {name, constraint};

@@ -22,7 +22,7 @@ Object function_state_version(const Namespace& space, PyObject* registry, PyObje
                               PyObject* state) {
   const Names& names = space.names;
   if (has_attribute(state, names.function_version)) return attribute(state, names.function_version);
-  if (PyDict_Check(state) && contains(state, names.function_version)) {
+  if (is_dict(state) && contains(state, names.function_version)) {
     return item(state, names.function_version);
   }
   const Object get_version = attribute_or(registry, names.get_function_version, Py_None);
@@ -59,7 +59,7 @@ bool is_typed(const Namespace& space, PyObject* state) {
 
 /// `{"function_name", "function_version", "data"} <= state.keys()`.
 bool is_raw_typed(const Namespace& space, PyObject* state) {
-  if (!PyDict_Check(state)) return false;
+  if (!is_dict(state)) return false;
   const Names& names = space.names;
   const Object wanted = Object::own(PySet_New(nullptr));
   for (PyObject* name :

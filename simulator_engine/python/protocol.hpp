@@ -28,6 +28,12 @@ inline bool truth(PyObject* object) { return checked(PyObject_IsTrue(object)) !=
 inline bool is_instance(PyObject* object, PyObject* type) {
   return checked(PyObject_IsInstance(object, type)) != 0;
 }
+inline bool is_instance(PyObject* object, PyTypeObject& type) {
+  return is_instance(object, reinterpret_cast<PyObject*>(&type));
+}
+inline bool is_dict(PyObject* object) { return is_instance(object, PyDict_Type); }
+inline bool is_str(PyObject* object) { return is_instance(object, PyUnicode_Type); }
+inline bool is_tuple(PyObject* object) { return is_instance(object, PyTuple_Type); }
 
 /// `bool(left <operation> right)`, without the short cut for identical objects.
 bool compare(PyObject* left, PyObject* right, int operation);

@@ -13,7 +13,7 @@ using host::Names;
 namespace {
 
 bool is_matrix(const Namespace& space, PyObject* value) {
-  if (!is_instance(value, reinterpret_cast<PyObject*>(&PyArray_Type))) return false;
+  if (!is_instance(value, PyArray_Type)) return false;
   return equal(attribute(value, space.names.ndim), integer(2));
 }
 

@@ -221,6 +221,19 @@ def test_reductions_go_by_the_record(
     assert instance.calls[-1].kwargs["signal_pnl"].tolist() == [5.0]
 
 
+def test_a_filter_that_is_none_is_no_filter(
+    evaluator: ModuleType, runs: int, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    replace_filters(monkeypatch, evaluator, top=["b"])
+    graph = reduction("mean", filtration("top"))
+    pool = make_pool(rows=1)
+    options = {"useful_signals": pool, "features": {"a": counting_matrix(1)}}
+    record = recorded(evaluator, graph, {"root": RecordingFunction()}, **options, runs=runs)
+    record["filtration_nodes"]["root.c0"] = None
+    result = bound_run(evaluator, graph, {"root": RecordingFunction()}, **options)
+    same_bits(result.weights, np.mean([signal.weights for signal in pool.values()], axis=0))
+
+
 @pytest.mark.parametrize("key", [*TABLES, "feature_ref_names"])
 def test_a_record_without_a_table(evaluator: ModuleType, runs: int, key: str) -> None:
     graph = rotation("f", feature("a"))

@@ -7,6 +7,7 @@ from collections.abc import Iterator
 from pathlib import Path
 from types import MappingProxyType, ModuleType, SimpleNamespace
 from typing import Any
+from unittest.mock import MagicMock
 
 import pytest
 from support.functions import raising
@@ -372,3 +373,10 @@ def test_type_error_of_the_version_lookup_is_not(evaluator: ModuleType) -> None:
     with pytest.raises(TypeError) as caught:
         evaluator._state_for_registry_restore(registry, "f", {"a": 1})
     assert caught.value is error
+
+
+def test_what_claims_to_be_a_dict_is_read_as_one(evaluator: ModuleType) -> None:
+    state = MagicMock(spec=dict)
+    state.__contains__.side_effect = {"function_version": 9}.__contains__
+    state.__getitem__.side_effect = {"function_version": 9}.__getitem__
+    assert evaluator._function_state_version(None, "f", state) == 9

@@ -6,6 +6,7 @@ from collections import namedtuple
 from collections.abc import Iterator
 from types import MappingProxyType, ModuleType, SimpleNamespace
 from typing import Any
+from unittest.mock import Mock
 
 import pytest
 from support.functions import raising
@@ -246,3 +247,15 @@ def test_kinds_are_looked_up_when_used(
     monkeypatch.setattr(evaluator, "_CONFIG_CHILD_TYPES", {"array"})
     described = entry(param_schema={"a": "int", "b": "array"})
     assert evaluator._config_param_names(described) == ["b"]
+
+
+def test_what_claims_to_be_a_dict_is_read_as_one(evaluator: ModuleType) -> None:
+    schema = Mock(spec=dict)
+    schema.items.return_value = [("window", {"type": "int"})]
+    schema.keys.return_value = ["window"]
+    described = entry(param_schema=schema)
+    assert evaluator._config_param_names(described) == ["window"]
+    assert evaluator._param_schema_names(described) == {"window"}
+    constraint = Mock(spec=dict)
+    constraint.get.return_value = "int"
+    assert evaluator._schema_param_name_and_type(("a", constraint)) == ("a", "int")

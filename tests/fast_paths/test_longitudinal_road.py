@@ -11,7 +11,7 @@ from hypothesis import given
 from hypothesis import strategies as st
 from quernbrook.functions._typed_shapes import SchemaError
 from quernbrook.simulator_engine._types import EvaluationError
-from support.graphs import aggregation, boolean, feature, integer, node, rotation, string
+from support.graphs import aggregation, boolean, feature, integer, node, number, rotation, string
 from support.longitudinal_formula import rolling_matrix
 from support.matrices import (
     NARROW_DTYPES,
@@ -260,6 +260,18 @@ def test_other_data(evaluator: ModuleType, data: Any) -> None:
     require_rolling(evaluator, data, 2, MEAN)
 
 
+class Doubled(int):
+    """A number of a class that computes in its own way."""
+
+    def __sub__(self, other: int) -> int:
+        return 2 * int(self) - other
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_a_window_that_computes_in_its_own_way(evaluator: ModuleType, name: str) -> None:
+    require_rolling(evaluator, counting_matrix(5, 2), Doubled(2), name)
+
+
 # --- the leaf ------------------------------------------------------------------------------------
 
 
@@ -361,6 +373,11 @@ def test_the_first_child_that_is_no_literal_holds_the_data(evaluator: ModuleType
         evaluated(evaluator, rotation(MEAN, *children)),
         rolling_matrix(counting_matrix(9), 2, MEAN),
     )
+    # A float is no literal here, and has no data below it.
+    with fails(SchemaError, "Graph node 'field-check' must be FunctionGraphNode; got NoneType"):
+        context = evaluator.EvaluationContext((counting_matrix(9),), {"a": 0})
+        graph = rotation(MEAN, number(0.5), integer(2), feature("a"))
+        evaluator._evaluate_longitudinal_fast_node(graph, context)
     # Anything that is no leaf counts as a rotation.
     odd = node("odd", MEAN, [feature("a"), integer(2)])
     same_bits(evaluated(evaluator, odd), rolling_matrix(counting_matrix(9), 2, MEAN))
@@ -501,6 +518,13 @@ def test_a_name_that_was_added_is_a_zscore(
     context = make_context(evaluator, {"a": counting_matrix(5)}, registry=registry)
     weights, _ = evaluator.evaluate(rotation("rolling", feature("a"), integer(2)), context)
     same_bits(weights, rolling_matrix(counting_matrix(5), 2, ZSCORE))
+
+
+def test_a_replaced_mask_rule(evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(evaluator, "_apply_universe_mask", lambda data, universe: data + universe)
+    context = Trap(feature_index={"a": 0}, features=(counting_matrix(2),), universe=1.0)
+    result = evaluator._feature_matrix_for_fast_path(feature("a"), context)
+    same_bits(result, counting_matrix(2) + 1.0)
 
 
 def test_a_replaced_error(evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:

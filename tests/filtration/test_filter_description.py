@@ -133,3 +133,27 @@ def test_a_value_without_a_text(evaluator, make, kind):
 
     with lets_through(fault):
         evaluator._describe_dict_filter(make(Mute()))
+
+
+class Shown(str):
+    """A name with a text of its own, as a member of an enumeration of strings has."""
+
+    def __str__(self) -> str:
+        return "shown"
+
+    def __format__(self, _: str) -> str:
+        return "shown"
+
+
+@pytest.mark.parametrize(
+    ("tree", "text"),
+    [
+        (gt(string("m")), "gt(m)"),
+        (filtration("filtration", LOW), "filtration(lt)"),
+        (operator("not_", LOW), "shown(lt)"),
+        (LOW, "shown"),
+    ],
+)
+def test_names_with_a_text_of_their_own(evaluator, tree, text):
+    described = node(tree.type, Shown(tree.node), tree.children)
+    assert evaluator._describe_dict_filter(described) == text

@@ -169,6 +169,13 @@ FOLDING = {
         {"window": 7},
         [0, 1],
     ),
+    "fallback names overwrite the node's own": (
+        None,
+        [string("p"), boolean(False)],
+        {"invert": True, "pnl_column": "own", "stat_name": "own"},
+        {"invert": False, "pnl_column": "p", "stat_name": "own"},
+        [0, 1],
+    ),
     "only the first string counts": (
         None,
         [string(""), string("x")],
