@@ -143,8 +143,8 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
   const auto leave = [&](const Frame& frame, const NodePath&) {
     const Object parts = std::move(described.back());
     described.pop_back();
-    const Object text = frame.has_operands ? message(frame.name, "(", join(", ", parts), ")")
-                                           : as_text(frame.name);
+    const Object text =
+        frame.has_operands ? message(frame.name, "(", join(", ", parts), ")") : as_text(frame.name);
     checked(PyList_Append(described.back(), text));
   };
   host::walk_graph(graph_node, root_path, enter, leave);

@@ -23,7 +23,6 @@ Object get(const Namespace& space, PyObject* dict, PyObject* key) {
   return call_method(dict, space.names.get, key);
 }
 
-
 std::pair<Object, Object> name_and_type(const Namespace& space, PyObject* schema_item,
                                         PyObject* fallback_name) {
   const Names& names = space.names;
