@@ -65,10 +65,7 @@ Object extract(const Run& run, PyObject* passing_ids, Py_ssize_t count, npy_intp
 Object pnl_of_row(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObject* column,
                   npy_intp row) {
   Object pnl = filled_vector(count, 0.0);
-  SequenceIterator ids(Object::share(passing_ids));
-  for (Object id = ids.next(); !id.empty(); id = ids.next()) {
-    store_signal_pnl(run, pnl, ids.position(), id, column, row);
-  }
+  store_pnl_row(run, pnl, passing_ids, column, row);
   return pnl;
 }
 

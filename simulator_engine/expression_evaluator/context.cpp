@@ -47,32 +47,6 @@ void check_feature_index(const Namespace& space, PyObject* features, PyObject* f
   }
 }
 
-Object shape_of(const Namespace& space, PyObject* array) {
-  return attribute(array, space.names.shape);
-}
-
-Object first_of(PyObject* sequence) { return item(sequence, integer(0)); }
-
-void check_signal(const Namespace& space, PyObject* id, PyObject* signal, PyObject* feature_shape) {
-  const Names& names = space.names;
-  if (!attribute(signal, names.weights).is_none()) {
-    const Object shape = shape_of(space, attribute(signal, names.weights));
-    if (not_equal(shape, feature_shape)) {
-      raise(space.evaluation_error(), message("useful signal '", id, "' weights shape ",
-                                              shape_of(space, attribute(signal, names.weights)),
-                                              " does not match feature shape ", feature_shape));
-    }
-  }
-  if (!attribute(signal, names.pnl).is_none()) {
-    const Object shape = shape_of(space, attribute(signal, names.pnl));
-    if (not_equal(first_of(shape), first_of(feature_shape))) {
-      raise(space.evaluation_error(), message("useful signal '", id, "' pnl shape ",
-                                              shape_of(space, attribute(signal, names.pnl)),
-                                              " does not match feature shape ", feature_shape));
-    }
-  }
-}
-
 Object context_init(Namespace& space, PyObject* self, const CallArguments& arguments) {
   static constexpr Parameters<17> parameters{
       "__init__",
@@ -125,7 +99,8 @@ Object context_init(Namespace& space, PyObject* self, const CallArguments& argum
 
   if (truth(attribute(self, names.useful_signals)) && length(attribute(self, names.features)) > 0) {
     const Py_ssize_t signals = length(attribute(self, names.useful_signals));
-    const Object shape = shape_of(space, first_of(attribute(self, names.features)));
+    const Object first = item(attribute(self, names.features), integer(0));
+    const Object shape = attribute(first, names.shape);
     const Py_ssize_t columns = index_value(item(shape, integer(1)));
     set(names.extraction_buffer, zeros(signals, columns));
   }
@@ -215,54 +190,11 @@ constexpr const char* context_docstring =
     "EvaluationError\n"
     "    An index lies outside `features`, or two shapes do not fit.";
 
-Object validate_evaluation_shapes(Namespace& space, const CallArguments& arguments) {
-  static constexpr Parameters<3> parameters{"_validate_evaluation_shapes",
-                                            {"features", "universe", "useful_signals"}};
-  const auto [features, universe, useful_signals] = parameters.bind(arguments);
-  validate_shapes(space, features, universe, useful_signals);
-  return Object::none();
-}
-
 }  // namespace
 
 Object make_context_class(PyObject* module) {
   return make_class(module, "expression_evaluator.EvaluationContext", context_docstring,
                     context_methods);
 }
-
-void validate_shapes(const Namespace& space, PyObject* features, PyObject* universe,
-                     PyObject* useful_signals) {
-  if (features == Py_None || length(features) == 0) return;
-  const Object feature_shape = shape_of(space, first_of(features));
-  for (Py_ssize_t place = 1; place < length(features); ++place) {
-    const Object shape = shape_of(space, item(features, integer(place)));
-    if (not_equal(shape, feature_shape)) {
-      raise(space.evaluation_error(), message("Feature dimension mismatch: 'feature_0' shape ",
-                                              feature_shape, " vs 'feature_", place, "' shape ",
-                                              shape_of(space, item(features, integer(place)))));
-    }
-  }
-  if (universe != Py_None && not_equal(shape_of(space, universe), feature_shape)) {
-    raise(space.evaluation_error(),
-          message("Feature dimension mismatch: features shape ", feature_shape,
-                  " vs universe shape ", shape_of(space, universe)));
-  }
-  if (!truth(useful_signals)) return;
-  const Object entries = iterator(call_method(useful_signals, space.names.items));
-  while (true) {
-    const Object entry = next(entries);
-    if (entry.empty()) return;
-    const auto [id, signal] = unpack_pair(entry);
-    check_signal(space, id, signal, feature_shape);
-  }
-}
-
-PyMethodDef context_functions[] = {
-    function_definition<validate_evaluation_shapes>(
-        "_validate_evaluation_shapes",
-        "_validate_evaluation_shapes($module, /, features, universe, useful_signals)\n--\n\n"
-        "Validate shape consistency across features, universe, and useful signals."),
-    {nullptr, nullptr, 0, nullptr},
-};
 
 }  // namespace quernbrook::evaluation

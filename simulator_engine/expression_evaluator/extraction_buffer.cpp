@@ -1,12 +1,13 @@
 #include "expression_evaluator/extraction_buffer.hpp"
 
 #include <algorithm>
+#include <array>
 
-#include "expression_evaluator/matrix_row.hpp"
+#include "expression_evaluator/signal_batch.hpp"
 #include "python/array.hpp"
+#include "python/call.hpp"
 #include "python/error.hpp"
 #include "python/protocol.hpp"
-#include "python/sequence_iterator.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -17,8 +18,20 @@ ExtractionBuffer::ExtractionBuffer(Run& run)
 
 void ExtractionBuffer::fill(PyObject* passing_ids, Py_ssize_t count, npy_intp row) {
   fit(count);
+  has_sums_ = adds_up_;
+  if (has_sums_) sums_.begin(static_cast<std::size_t>(run_.columns));
   SequenceIterator ids(Object::share(passing_ids));
-  for (Object id = ids.next(); !id.empty(); id = ids.next()) copy_row(id, ids.position(), row);
+  while (true) {
+    copy_rows(ids, row);
+    const Object id = ids.next();
+    if (id.empty()) break;
+    has_sums_ = false;
+    copy_row(id, ids.position(), row);
+  }
+  sums_.end();
+  const bool is_whole = ids.position() + 1 == count;
+  const bool is_shared = Py_REFCNT(run_.extraction_buffer.get()) > 1;  // and may be written to
+  if (!is_whole || is_shared) has_sums_ = false;
 }
 
 /// A buffer of any other number of rows is replaced, not sliced.
@@ -33,6 +46,48 @@ bool ExtractionBuffer::has_its_form() const {
   PyObject* buffer = run_.extraction_buffer;
   return is_contiguous_double_array(buffer) && PyArray_NDIM(as_array(buffer)) == 2 &&
          PyArray_DIM(as_array(buffer), 1) == run_.columns && PyArray_ISWRITEABLE(as_array(buffer));
+}
+
+/// Copies the rows of the ids to come as long as no foreign code has a part in it.
+void ExtractionBuffer::copy_rows(SequenceIterator& ids, npy_intp row) {
+  if (!useful_signals_.is_plain()) return;
+  PyObject* const signals = useful_signals_.get();
+  SignalBatch batch;
+  std::array<MatrixRow, SignalBatch::most> rows;
+  while (true) {
+    const std::span<PyObject* const> next = ids.ahead(SignalBatch::most);
+    const npy_intp first = ids.position() + 1;
+    PyArrayObject* buffer = as_array(run_.extraction_buffer);
+    if (next.empty() || !has_its_form() || first + std::ssize(next) > PyArray_DIM(buffer, 0) ||
+        !batch.find(signals, next) || !batch.read(run_.space.names.weights) ||
+        !find_rows(batch.values(), row, rows)) {
+      return;
+    }
+    double* const block = doubles(run_.extraction_buffer) + first * run_.columns;
+    for (npy_intp place = 0; place < std::ssize(next); ++place) {
+      copy_matrix_row(rows[place], run_.columns, block + place * run_.columns);
+    }
+    if (has_sums_) sums_.add(block, next.size());
+    ids.skip(next.size());
+  }
+}
+
+/// False where a row can't be read where it lies.
+bool ExtractionBuffer::find_rows(std::span<PyObject* const> matrices, npy_intp row,
+                                 std::span<MatrixRow> found) const {
+  for (PyObject* matrix : matrices) {
+    if (is_double_array(matrix)) fetch(PyArray_DIMS(as_array(matrix)));
+  }
+  PyArrayObject* buffer = as_array(run_.extraction_buffer);
+  const auto bytes = static_cast<std::size_t>(PyArray_NBYTES(buffer));
+  for (std::size_t place = 0; place < matrices.size(); ++place) {
+    if (!find_matrix_row(matrices[place], row, run_.columns, found[place]) ||
+        overlaps(found[place], run_.columns, PyArray_DATA(buffer), bytes)) {
+      return false;
+    }
+    fetch(found[place].data);
+  }
+  return true;
 }
 
 void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {
@@ -72,6 +127,30 @@ Object ExtractionBuffer::first_rows(Py_ssize_t count) const {
                                         doubles(buffer), 0, NPY_ARRAY_CARRAY, nullptr));
   checked(PyArray_SetBaseObject(as_array(rows), Py_NewRef(buffer)));
   return rows;
+}
+
+Object ExtractionBuffer::mean(PyObject* rows) {
+  // NumPy adds a single column pairwise.
+  if (PyArray_NDIM(as_array(rows)) == 2 && PyArray_DIM(as_array(rows), 0) > 0 && run_.columns > 1 &&
+      is_contiguous_double_array(rows)) {
+    Object result = empty_vector(run_.columns);
+    if (mean_by_kernel(rows, doubles(result))) return result;
+  }
+  const host::Names& names = run_.space.names;
+  return call_named(run_.space.numpy(names.mean), run_.space.axis_keyword, rows, integer(0));
+}
+
+bool ExtractionBuffer::mean_by_kernel(PyObject* rows, double* result) {
+  const auto count = static_cast<std::size_t>(PyArray_DIM(as_array(rows), 0));
+  const bool is_all = length(run_.extraction_buffer) == PyArray_DIM(as_array(rows), 0);
+  if (!has_sums_ || !is_all) {
+    sums_.begin(static_cast<std::size_t>(run_.columns));
+    sums_.add(doubles(rows), count);
+    sums_.end();
+    has_sums_ = false;
+  }
+  adds_up_ = true;
+  return sums_.divide(doubles(rows), count, result);
 }
 
 }  // namespace quernbrook::evaluation

@@ -7,6 +7,7 @@
 #include "expression_evaluator/evaluate.hpp"
 #include "expression_evaluator/function_state.hpp"
 #include "expression_evaluator/result.hpp"
+#include "expression_evaluator/shape_validation.hpp"
 #include "fast_paths/eligibility.hpp"
 #include "fast_paths/leaf.hpp"
 #include "fast_paths/longitudinal.hpp"
@@ -34,7 +35,7 @@ namespace {
 using namespace python;
 
 PyMethodDef* const functions[] = {
-    evaluation::evaluate_functions,     evaluation::context_functions,
+    evaluation::evaluate_functions,     evaluation::shape_validation_functions,
     fast_paths::eligibility_functions,  fast_paths::leaf_functions,
     fast_paths::longitudinal_functions, fast_paths::rank_functions,
     filtration::filter_tree_functions,  filtration::weight_extraction_functions,

@@ -4,8 +4,6 @@
 #include "expression_evaluator/function_output.hpp"
 #include "expression_evaluator/signal_pnl.hpp"
 #include "expression_evaluator/signal_pool.hpp"
-#include "fast_paths/kernels/column_mean.hpp"
-#include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/protocol.hpp"
 
@@ -70,24 +68,10 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
 
 /// Stateless reductions never reach their instance: they are the mean of the signals.
 Object ReductionStep::reduce(const Node& node, PyObject* input, PyObject* pnl) {
-  if (!truth(attribute(node.instance, run_.space.names.stateful))) return mean(input);
+  if (!truth(attribute(node.instance, run_.space.names.stateful))) return buffer_.mean(input);
+  buffer_.give_away();
   if (pnl == nullptr) return call(node.instance, input);
   return call_named(node.instance, run_.space.signal_pnl_keyword, input, pnl);
-}
-
-Object ReductionStep::mean(PyObject* input) const {
-  PyArrayObject* block = as_array(input);
-  const npy_intp rows = PyArray_NDIM(block) == 2 ? PyArray_DIM(block, 0) : 0;
-  // NumPy adds a single column pairwise.
-  if (rows > 0 && run_.columns > 1 && is_contiguous_double_array(input)) {
-    Object result = empty_vector(run_.columns);
-    if (kernels::column_mean(doubles(input), static_cast<std::size_t>(rows),
-                             static_cast<std::size_t>(run_.columns), doubles(result))) {
-      return result;
-    }
-  }
-  return call_named(run_.space.numpy(run_.space.names.mean), run_.space.axis_keyword, input,
-                    integer(0));
 }
 
 }  // namespace quernbrook::evaluation

@@ -17,7 +17,6 @@ class ReductionStep {
 
  private:
   Object reduce(const graph_prep::Node& node, PyObject* input, PyObject* pnl);
-  Object mean(PyObject* input) const;
 
   Run& run_;
   const Registers& registers_;

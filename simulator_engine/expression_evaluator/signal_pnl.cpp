@@ -1,5 +1,8 @@
 #include "expression_evaluator/signal_pnl.hpp"
 
+#include <array>
+
+#include "expression_evaluator/signal_batch.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/error.hpp"
@@ -47,25 +50,59 @@ Object column_index(const Run& run, PyObject* pnl_column) {
   }
 }
 
-/// Does what store_signal_pnl() does where no foreign code has a part in it; else false.
-bool store_quickly(const Run& run, PyObject* signals, PyObject* vector, Py_ssize_t place,
-                   PyObject* id, PyObject* column, npy_intp row) {
-  if (!PyDict_CheckExact(signals) || !PyUnicode_CheckExact(id) || !PyLong_CheckExact(column)) {
+/// `vector[place] = pnl[row, column]` of the signal, if the pool has it and it has a PnL.
+void store_one(const Run& run, PyObject* vector, Py_ssize_t place, PyObject* id, PyObject* column,
+               npy_intp row) {
+  const host::Names& names = run.space.names;
+  const Object signal = call_method(attribute(run.context, names.useful_signals), names.get, id);
+  if (signal.is_none() || attribute(signal, names.pnl).is_none()) return;
+  const Object key = Object::own(PyTuple_Pack(2, integer(row).get(), column));
+  store(vector, place, item(attribute(signal, names.pnl), key));
+}
+
+/// The cell of a matrix of native doubles, null for None; false for everything else.
+bool find_cell(PyObject* pnl, npy_intp row, npy_intp column, const double*& cell) {
+  cell = nullptr;
+  if (pnl == Py_None) return true;
+  if (!is_double_array(pnl) || PyArray_NDIM(as_array(pnl)) != 2 ||
+      row >= PyArray_DIM(as_array(pnl), 0) || column >= PyArray_DIM(as_array(pnl), 1)) {
     return false;
   }
-  const Object signal = dict_item(signals, id);
-  if (signal.empty()) return true;
-  const Object pnl = plain_attribute(signal, run.space.names.pnl);
-  if (pnl.empty() || !is_double_array(pnl) || PyArray_NDIM(as_array(pnl)) != 2) return false;
-  PyArrayObject* matrix = as_array(pnl);
+  cell = static_cast<const double*>(PyArray_GETPTR2(as_array(pnl), row, column));
+  fetch(cell);
+  return true;
+}
+
+/// Stores the PnL of the ids to come as long as no foreign code has a part in it.
+void store_ahead(const Run& run, PyObject* vector, SequenceIterator& ids, PyObject* column,
+                 npy_intp row) {
+  const host::Names& names = run.space.names;
+  if (!PyLong_CheckExact(column) ||
+      !has_plain_attribute(Py_TYPE(run.context.get()), names.useful_signals)) {
+    return;
+  }
   int overflow = 0;
   const npy_intp place_in_row = PyLong_AsLongAndOverflow(column, &overflow);
-  if (overflow != 0 || place_in_row < 0 || place_in_row >= PyArray_DIM(matrix, 1) ||
-      row >= PyArray_DIM(matrix, 0) || place >= PyArray_DIM(as_array(vector), 0)) {
-    return false;
+  if (overflow != 0 || place_in_row < 0) return;
+  const Object signals = attribute(run.context, names.useful_signals);
+  SignalBatch batch;
+  std::array<const double*, SignalBatch::most> cells;
+  while (true) {
+    const std::span<PyObject* const> next = ids.ahead(SignalBatch::most);
+    const npy_intp first = ids.position() + 1;
+    if (next.empty() || first + std::ssize(next) > PyArray_DIM(as_array(vector), 0) ||
+        !batch.find(signals, next) || !batch.read(names.pnl)) {
+      return;
+    }
+    for (std::size_t place = 0; place < next.size(); ++place) {
+      if (!find_cell(batch.values()[place], row, place_in_row, cells[place])) return;
+    }
+    double* const values = doubles(vector) + first;
+    for (std::size_t place = 0; place < next.size(); ++place) {
+      if (cells[place] != nullptr) values[place] = *cells[place];
+    }
+    ids.skip(next.size());
   }
-  doubles(vector)[place] = *static_cast<double*>(PyArray_GETPTR2(matrix, row, place_in_row));
-  return true;
 }
 
 }  // namespace
@@ -76,34 +113,28 @@ Object configured_pnl_column(const Run& run, const graph_prep::Node& node) {
   return contains(node.config, name) ? item(node.config, name) : Object();
 }
 
-void store_signal_pnl(const Run& run, PyObject* vector, Py_ssize_t place, PyObject* id,
-                      PyObject* column, npy_intp row) {
-  const host::Names& names = run.space.names;
-  const Object signals = attribute(run.context, names.useful_signals);
-  if (store_quickly(run, signals, vector, place, id, column, row)) return;
-  const Object signal = call_method(signals, names.get, id);
-  if (signal.is_none() || attribute(signal, names.pnl).is_none()) return;
-  const Object key = Object::own(PyTuple_Pack(2, integer(row).get(), column));
-  store(vector, place, item(attribute(signal, names.pnl), key));
+void store_pnl_row(const Run& run, PyObject* vector, PyObject* passing_ids, PyObject* column,
+                   npy_intp row) {
+  SequenceIterator ids(Object::share(passing_ids));
+  while (true) {
+    store_ahead(run, vector, ids, column, row);
+    const Object id = ids.next();
+    if (id.empty()) return;
+    store_one(run, vector, ids.position(), id, column, row);
+  }
 }
 
 Object signal_pnl(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObject* pnl_column,
                   npy_intp row) {
   const host::Names& names = run.space.names;
   Object vector = filled_vector(count, 0.0);
-  const auto for_each_id = [&](auto&& body) {
-    SequenceIterator ids(Object::share(passing_ids));
-    for (Object id = ids.next(); !id.empty(); id = ids.next()) body(ids.position(), id);
-  };
   if (!attribute(run.context, names.signal_pnl_vectors).is_none()) {
-    for_each_id([&](Py_ssize_t place, PyObject* id) {
-      store_from_vectors(run, vector, place, id, pnl_column);
-    });
+    SequenceIterator ids(Object::share(passing_ids));
+    for (Object id = ids.next(); !id.empty(); id = ids.next()) {
+      store_from_vectors(run, vector, ids.position(), id, pnl_column);
+    }
   } else if (truth(pnl_column) && truth(attribute(run.context, names.column_labels))) {
-    const Object column = column_index(run, pnl_column);
-    for_each_id([&](Py_ssize_t place, PyObject* id) {
-      store_signal_pnl(run, vector, place, id, column, row);
-    });
+    store_pnl_row(run, vector, passing_ids, column_index(run, pnl_column), row);
   }
   return vector;
 }

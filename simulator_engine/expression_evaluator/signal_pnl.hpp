@@ -11,8 +11,9 @@ Object signal_pnl(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObj
 /// `config["pnl_column"]` of a reduction; empty where it has none.
 Object configured_pnl_column(const Run& run, const graph_prep::Node& node);
 
-/// Sets `vector[place]` to `pnl[row, column]` of the signal, if the pool has it and it has a PnL.
-void store_signal_pnl(const Run& run, PyObject* vector, Py_ssize_t place, PyObject* id,
-                      PyObject* column, npy_intp row);
+/// Sets the numbers of `vector` to `pnl[row, column]` of the passing signals, but for those that
+/// the pool doesn't have and those without a PnL.
+void store_pnl_row(const Run& run, PyObject* vector, PyObject* passing_ids, PyObject* column,
+                   npy_intp row);
 
 }  // namespace quernbrook::evaluation

@@ -1,5 +1,7 @@
 #include "python/sequence_iterator.hpp"
 
+#include <algorithm>
+
 #include "python/protocol.hpp"
 
 namespace quernbrook::python {
@@ -22,6 +24,14 @@ Object SequenceIterator::next() {
   }
   if (!item.empty()) ++next_position_;
   return item;
+}
+
+std::span<PyObject* const> SequenceIterator::ahead(std::size_t most) const {
+  if (sequence_.empty()) return {};
+  const Py_ssize_t left = PySequence_Fast_GET_SIZE(sequence_.get()) - next_position_;
+  if (left <= 0) return {};
+  return {PySequence_Fast_ITEMS(sequence_.get()) + next_position_,
+          std::min(most, static_cast<std::size_t>(left))};
 }
 
 }  // namespace quernbrook::python

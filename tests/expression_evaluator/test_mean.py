@@ -9,7 +9,7 @@ import numpy as np
 import pytest
 from quernbrook.simulator_engine._types import FunctionExecutionError, UsefulSignal
 from support.functions import RecordingFunction, raising
-from support.graphs import filtration, reduction
+from support.graphs import filtration, reduction, rotation
 from support.pools import make_pool, replace_filters
 from support.reductions import reduction_context, stateful
 from support.runs import same_bits
@@ -91,17 +91,18 @@ SPECIALS = {
 
 
 @pytest.mark.parametrize("values", SPECIALS.values(), ids=SPECIALS.keys())
-@pytest.mark.parametrize("columns", [1, 2, 3, 8])
+@pytest.mark.parametrize("columns", [1, 2, 3, 8, 40])
 @pytest.mark.filterwarnings("ignore::RuntimeWarning")
 def test_special_values(evaluator, values, columns):
-    weights = np.repeat(np.array(values)[:, np.newaxis, np.newaxis], columns, axis=2)
+    """Also in the rows after the first, which are added while they are copied."""
+    weights = np.tile(np.array(values)[:, np.newaxis, np.newaxis], (1, 3, columns))
     same_bits(means(evaluator, weights), expected(weights))
 
 
 @pytest.mark.filterwarnings("ignore::RuntimeWarning")
 def test_special_values_side_by_side(evaluator):
     columns = [np.resize(values, 12) for values in SPECIALS.values()]
-    weights = np.array(columns).T[:, np.newaxis, :].copy()
+    weights = np.tile(np.array(columns).T[:, np.newaxis, :], (1, 2, 1))
     same_bits(means(evaluator, weights), expected(weights))
 
 
@@ -153,6 +154,37 @@ def test_what_another_reduction_wrote(evaluator, monkeypatch):
     same_bits(evaluator.evaluate(graph, context).weights, np.full((4, 3), 1.5))
 
 
+@pytest.mark.parametrize("when", [0, 1, 2])
+def test_what_a_reduction_writes_later_through_a_view_that_it_kept(evaluator, monkeypatch, when):
+    """Another function writes, between the extraction and its mean."""
+    replace_filters(monkeypatch, evaluator, first=["a", "b"])
+    kept: list[np.ndarray] = []
+
+    def keep(signals: np.ndarray, **_: Any) -> float:
+        kept.append(signals)
+        return 0.0
+
+    def write(_: Any, **__: Any) -> float:
+        if len(kept) > when:
+            kept[0][0] = 5.0
+        return 0.0
+
+    # The mean below the function makes the next extraction one that is averaged.
+    last = reduction("f", filtration("first"), rotation("write", reduction("keep")))
+    graph = rotation("sum", reduction("f", filtration("first")), last)
+    pool = {sid: UsefulSignal(np.full((4, 3), float(ord(sid)))) for sid in "ab"}
+    functions = {
+        "f": uncalled(),
+        "keep": stateful(keep),
+        "write": RecordingFunction(write),
+        "sum": RecordingFunction(lambda first, second, **_: second),
+    }
+    result = evaluator.evaluate(graph, reduction_context(evaluator, functions, pool=pool))
+    plain, written = (97.0 + 98.0) / 2, (5.0 + 98.0) / 2
+    expected_rows = [plain] * when + [written] * (4 - when)
+    same_bits(result.weights, np.repeat(np.array(expected_rows)[:, np.newaxis], 3, axis=1))
+
+
 # --- warnings ------------------------------------------------------------------------------------
 
 
@@ -174,9 +206,9 @@ LOUD = {
 @pytest.mark.parametrize("values", LOUD.values(), ids=LOUD.keys())
 @pytest.mark.parametrize("columns", [1, 3])
 def test_warnings_are_those_of_the_array_library(evaluator, values, columns):
-    weights = np.repeat(np.array(values)[:, np.newaxis, np.newaxis], columns, axis=2)
+    weights = np.tile(np.array(values)[:, np.newaxis, np.newaxis], (1, 3, columns))
     own = warned(lambda: np.mean(weights[:, 0, :], axis=0))
-    assert warned(lambda: means(evaluator, weights)) == own
+    assert warned(lambda: means(evaluator, weights)) == own * 3
 
 
 @pytest.mark.parametrize("columns", [0, 1, 3])

@@ -10,6 +10,7 @@ namespace quernbrook::kernels {
 namespace {
 
 constexpr std::uint64_t canonical_nan = 0x7ff8000000000000;
+constexpr int exceptions = FE_OVERFLOW | FE_INVALID | FE_UNDERFLOW;
 
 bool any_nan(const double* values, std::size_t count) noexcept {
   return std::any_of(values, values + count, [](double value) { return std::isnan(value); });
@@ -21,24 +22,50 @@ bool any_odd_nan(const double* values, std::size_t count) noexcept {
   });
 }
 
+/// Adds a strip of columns, whose sums stay in registers meanwhile.
+template <std::size_t width>
+void add_strip(const double* rows, std::size_t count, std::size_t columns, double* sums) noexcept {
+  double strip[width];
+  std::copy_n(sums, width, strip);
+  for (std::size_t row = 0; row < count; ++row) {
+    for (std::size_t place = 0; place < width; ++place) strip[place] += rows[place];
+    rows += columns;
+  }
+  std::copy_n(strip, width, sums);
+}
+
 }  // namespace
 
-bool column_mean(const double* block, std::size_t rows, std::size_t columns,
-                 double* result) noexcept {
-  constexpr std::size_t tile = 1024;  // of sums, which stay in the first cache
-  constexpr int exceptions = FE_OVERFLOW | FE_INVALID | FE_UNDERFLOW;
+void ColumnMean::begin(std::size_t columns) {
+  sums_.assign(columns, 0.0);
   std::feclearexcept(exceptions);
-  const auto divisor = static_cast<double>(rows);
-  for (std::size_t first = 0; first < columns; first += tile) {
-    const std::size_t width = std::min(tile, columns - first);
-    double* sums = result + first;
-    std::fill_n(sums, width, 0.0);
-    for (std::size_t row = 0; row < rows; ++row) {
-      const double* values = block + row * columns + first;
-      for (std::size_t column = 0; column < width; ++column) sums[column] += values[column];
+}
+
+void ColumnMean::add(const double* rows, std::size_t count) noexcept {
+  constexpr std::size_t rows_at_once = 16;  // of which the first cache holds a strip
+  constexpr std::size_t width = 16;
+  const std::size_t columns = sums_.size();
+  for (std::size_t done = 0; done < count; done += rows_at_once) {
+    const double* block = rows + done * columns;
+    const std::size_t height = std::min(rows_at_once, count - done);
+    std::size_t column = 0;
+    for (; column + width <= columns; column += width) {
+      add_strip<width>(block + column, height, columns, sums_.data() + column);
     }
-    for (std::size_t column = 0; column < width; ++column) sums[column] /= divisor;
+    for (; column < columns; ++column) {
+      add_strip<1>(block + column, height, columns, sums_.data() + column);
+    }
   }
+}
+
+void ColumnMean::end() noexcept { met_exception_ = std::fetestexcept(exceptions) != 0; }
+
+bool ColumnMean::divide(const double* block, std::size_t rows, double* result) const noexcept {
+  if (met_exception_) return false;
+  const std::size_t columns = sums_.size();
+  const auto divisor = static_cast<double>(rows);
+  std::feclearexcept(exceptions);
+  for (std::size_t column = 0; column < columns; ++column) result[column] = sums_[column] / divisor;
   if (std::fetestexcept(exceptions) != 0) return false;
   return !any_nan(result, columns) || !any_odd_nan(block, rows * columns);
 }

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <array>
+#include <span>
+
+#include "python/object.hpp"
+
+namespace quernbrook::evaluation {
+
+/// Some signals of a pool, whose attributes are read together: the objects on the way to a matrix
+/// lie scattered in memory, and each next one is fetched for all signals before it is read for any.
+///
+/// Every step returns false where foreign code would have a part in it; nothing has happened then.
+/// What is found is borrowed, until foreign code may run again.
+class SignalBatch {
+ public:
+  static constexpr std::size_t most = 16;
+
+  /// The signals with these ids, at most `most`, all of which the pool has.
+  bool find(PyObject* pool, std::span<PyObject* const> ids);
+  /// The next signals of an exact dict; false at its end.
+  bool take(PyObject* pool, Py_ssize_t& place);
+
+  /// Reads the attribute `name` of all signals.
+  bool read(PyObject* name);
+  std::span<PyObject* const> values() const noexcept { return {values_.data(), count_}; }
+
+ private:
+  void add(PyObject* signal);
+
+  std::array<PyObject*, most> signals_;
+  std::array<PyObject*, most> values_;
+  std::size_t count_ = 0;
+};
+
+/// Has the processor fetch the cache line there.
+inline void fetch(const void* address) { __builtin_prefetch(address); }
+
+}  // namespace quernbrook::evaluation
