@@ -13,7 +13,8 @@ import pytest
 from quernbrook.functions._typed_shapes import FunctionGraphNode
 
 from bench import evaluators, memory
-from bench.workloads import Registry, bush, chain, context_of
+from bench.functions import Registry, bush, chain
+from bench.workloads import context_of
 
 SIZES = [1000, 10_000, 100_000]
 # Of the reference: a path tells the way from the root, so the paths of a deep graph grow with the

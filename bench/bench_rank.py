@@ -1,16 +1,20 @@
-"""Ranks of whole matrices along their rows."""
+"""Ranks of whole matrices along their rows, and products of two of them."""
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from functools import partial
+from typing import Any
 
+import numpy as np
 import pytest
 
 from bench import memory
+from bench.evaluators import MODULE, OTHER
 from bench.peers import RANK, RANK_FORMULATION, agrees
-from bench.workloads import matrix_with_missing, price_matrix
+from bench.workloads import evaluate_product_of_ranks, matrix_with_missing, price_matrix
 
+EVALUATORS = {MODULE, OTHER}
 SHAPES = [(5000, 500), (2000, 3000)]
 DATA = {"random numbers": matrix_with_missing, "prices": price_matrix}
 
@@ -37,3 +41,35 @@ def test_rank(measure: Callable[..., None], name: str, rows: int, columns: int, 
             partial(prepared, name, data, columns), rows, contender.compute, 8 * rows * columns
         ),
     )
+
+
+@pytest.mark.parametrize("name", RANK)
+@pytest.mark.parametrize(
+    ("rows", "columns"), [SHAPES[0], pytest.param(*SHAPES[1], marks=pytest.mark.slow)]
+)
+def test_product_of_ranks(measure: Callable[..., None], name: str, rows: int, columns: int) -> None:
+    """The module in one call, the others by two ranks and a product in their own form."""
+    assert_product_agrees(name, columns)
+    matrices = [prepared(name, data, columns, rows) for data in DATA]
+    measure(
+        lambda: product(name, matrices),
+        workload=f"product of two ranks, {rows:,} x {columns:,}",
+        contender=name,
+        count=rows * columns,
+        unit="ns a cell",
+        rounds=3,
+    )
+
+
+def product(name: str, matrices: Sequence[Any]) -> Any:
+    if name in EVALUATORS:
+        return evaluate_product_of_ranks(*matrices, evaluator=name)
+    left, right = map(RANK[name].compute, matrices)
+    return left * right
+
+
+def assert_product_agrees(name: str, columns: int) -> None:
+    samples = [prepared(name, data, columns, 50) for data in DATA]
+    left, right = (RANK_FORMULATION.compute(DATA[data](50, columns)) for data in DATA)
+    given = RANK[name].to_numpy(product(name, samples))
+    assert np.allclose(given, left * right, rtol=1e-6, atol=1e-6, equal_nan=True)

@@ -13,7 +13,8 @@ from support.graphs import filtration, node, number, reduction, string
 from support.runs import make_context
 
 from bench import evaluators
-from bench.workloads import COLUMNS, Registry
+from bench.functions import Registry
+from bench.workloads import COLUMNS, gather_rows, signal_pool
 
 # Signals to rows: the larger the pool, the fewer.
 ROWS = {50: 400, 500: 40, 5000: 8}
@@ -27,19 +28,7 @@ functions = pytest.mark.parametrize("function", ["mean", "stateful"])
 
 @pytest.fixture(scope="module")
 def pools() -> dict[int, dict[str, UsefulSignal]]:
-    """Each signal has matrices of its own, as a host's signals have."""
-    random = np.random.default_rng(0)
-    return {
-        signals: {
-            f"signal {k:04d}": UsefulSignal(
-                random.standard_normal((rows, COLUMNS)),
-                random.standard_normal((rows, 1)),
-                {"quality": 1.0},
-            )
-            for k in range(signals)
-        }
-        for signals, rows in ROWS.items()
-    }
+    return {signals: signal_pool(signals, rows) for signals, rows in ROWS.items()}
 
 
 def workload(signals: int, function: str, filtered: bool) -> str:
@@ -93,16 +82,8 @@ def test_copy(
     function: str,
 ) -> None:
     """The rows alone, gathered by one call of NumPy for each time row."""
-    weights = [signal.weights for signal in pools[signals].values()]
-    rows = [[matrix[t] for matrix in weights] for t in range(ROWS[signals])]
-    block = np.empty(signals * COLUMNS)
-
-    def copy() -> None:
-        for row in rows:
-            np.concatenate(row, out=block)
-
     measure(
-        copy,
+        gather_rows(pools[signals], ROWS[signals]),
         workload=workload(signals, function, filtered),
         contender="copy of the rows",
         floor=True,

@@ -1,167 +1,140 @@
 """What the row loop costs beyond the calls that it makes and the rows that it copies.
 
-The functions do nothing, so that a run's time is the calls, the copies and the loop itself. The
-bare calls are those of the same instances with a vector that is already there, back to back
-without interpreted code between them.
+The functions do nothing or add two rows, so that a run's time is the calls, the copies and the loop
+itself. The bare calls are those of the same instances with a vector that is already there, back to
+back without interpreted code between them.
 """
 
 from __future__ import annotations
 
 from collections.abc import Callable
-from functools import partial
-from typing import Any
 
-import numpy as np
 import pytest
-from support.graphs import feature
 
 from bench import evaluators
-from bench.workloads import (
-    BARE,
-    COLUMNS,
-    Passing,
-    PassingFirst,
+from bench.functions import (
+    BUILT_IN,
+    NATIVE,
+    PYTHON,
     Registry,
-    argument_counts,
+    argument_count,
     bound,
     bush,
     chain,
-    context_of,
-    random_matrix,
-    repeat_calls,
 )
+from bench.parts import (
+    BARE,
+    BOUND,
+    KINDS,
+    PARTS,
+    REGISTRY,
+    ROW_COPY,
+    bare_calls,
+    row_copies,
+)
+from bench.workloads import context_of
 
-FUNCTIONS = 20
-ROWS = 5000
-FEW_ROWS = 200
 GRAPHS = {"chain": chain, "bush": bush}
 UNIT = "ns a function and row"
-# Naming a feature that the graph lacks marks nothing, but only the row loop reads marks, so the
-# road that hands out the whole matrix declines.
-LEAF_ROADS: dict[str, dict[str, Any]] = {
-    "whole matrix": {},
-    "row loop": {"data_nan_features": ["no such feature"]},
-}
-
-run_kinds = pytest.mark.parametrize("kind", ["registry", "bound"])
-graphs = pytest.mark.parametrize("shape", GRAPHS)
+ROWS = 5000
+# A reference needs fewer, and the largest graph's registers leave every cache in each row.
+ROWS_OF_REFERENCE = {20: 200, 200: 40}
+LARGEST = (200, 5000)
+ROWS_OF_LARGEST = 500
+SIZES = [(functions, columns) for functions in (20, 200) for columns in (20, 500, 5000)]
 
 
-def rows_for(contender: str) -> int:
-    return ROWS if contender == evaluators.MODULE else FEW_ROWS
+def is_slow(language: str, functions: int, columns: int) -> bool:
+    if language == PYTHON:
+        return (functions, columns) == LARGEST
+    return functions == LARGEST[0] or columns == LARGEST[1]
 
 
-def workload(shape: str, kind: str) -> str:
-    return f"{shape} of {FUNCTIONS} functions, {kind}"
+cases = pytest.mark.parametrize(
+    ("language", "functions", "columns"),
+    [
+        pytest.param(*case, marks=[pytest.mark.slow] if is_slow(*case) else [])
+        for case in ((language, *size) for language in (PYTHON, BUILT_IN, NATIVE) for size in SIZES)
+    ],
+)
+shapes = pytest.mark.parametrize("shape", GRAPHS)
+kinds = pytest.mark.parametrize("kind", KINDS)
+
+
+def rows_for(contender: str, functions: int, columns: int) -> int:
+    if contender in (evaluators.PLAIN, evaluators.COMPILED):
+        return ROWS_OF_REFERENCE[functions]
+    return ROWS_OF_LARGEST if (functions, columns) == LARGEST else ROWS
+
+
+def rounds_for(functions: int, columns: int) -> int:
+    return 5 if functions * columns <= 10_000 else 3
+
+
+def workload(shape: str, language: str, functions: int, columns: int, kind: str) -> str:
+    return f"{shape} of {functions} {language} functions over {columns:,} columns, {kind}"
 
 
 @pytest.mark.parametrize("contender", evaluators.NAMES)
-@graphs
-@run_kinds
-def test_evaluation(measure: Callable[..., None], shape: str, kind: str, contender: str) -> None:
-    graph, rows = GRAPHS[shape](FUNCTIONS), rows_for(contender)
-    evaluator = evaluators.load(contender)
-    context = context_of(evaluator, rows, registry=Registry())
+@shapes
+@kinds
+@cases
+def test_evaluation(
+    measure: Callable[..., None],
+    language: str,
+    functions: int,
+    columns: int,
+    kind: str,
+    shape: str,
+    contender: str,
+) -> None:
+    graph = GRAPHS[shape](functions, language)
+    evaluator, rows = evaluators.load(contender), rows_for(contender, functions, columns)
+    context = context_of(evaluator, rows, columns, registry=Registry())
     # A bound run keeps every node's rows unless told not to.
     context._collect_node_outputs = False
-    instances = bound(graph) if kind == "bound" else None
+    instances = bound(graph) if kind == BOUND else None
     measure(
         lambda: evaluator.evaluate(graph, context, bound_function_instances=instances),
-        workload=workload(shape, kind),
+        workload=workload(shape, language, functions, columns, kind),
         contender=contender,
-        count=FUNCTIONS * rows,
+        count=functions * rows,
         unit=UNIT,
+        rounds=rounds_for(functions, columns),
     )
 
 
-@graphs
-@run_kinds
-def test_bare_calls(measure: Callable[..., None], shape: str, kind: str) -> None:
-    graph, rows = GRAPHS[shape](FUNCTIONS), ROWS
-    vector = random_matrix(1)[0]
-    calls: list[tuple[Callable[..., Any], list[Any]]] = []
-    for arguments in argument_counts(graph):
-        # The bound method spares the look-up that calling the instance itself makes.
-        call: Any = (Passing() if arguments == 1 else PassingFirst()).__call__
-        if kind == "registry":
-            call = partial(call, context=vector)
-        calls.append((call, [vector] * arguments))
-
-    def run() -> None:
-        for call, arguments in calls:
-            repeat_calls(call, arguments, rows)
-
+@pytest.mark.parametrize("contender", PARTS)
+@shapes
+@kinds
+@cases
+def test_part(
+    measure: Callable[..., None],
+    language: str,
+    functions: int,
+    columns: int,
+    kind: str,
+    shape: str,
+    contender: str,
+) -> None:
+    graph = GRAPHS[shape](functions, language)
+    rows = rows_for(contender, functions, columns)
+    if contender == BARE:
+        run = bare_calls(graph, kind, rows, columns)
+    elif contender == ROW_COPY:
+        # As many as a run has registers, so that they stand in cache as they do in a run.
+        run = row_copies(functions, rows, columns)
+    elif kind == REGISTRY:
+        run = row_copies(argument_count(graph), rows, columns)
+    else:
+        pytest.skip("bound instances get views")
     measure(
         run,
-        workload=workload(shape, kind),
-        contender=BARE,
-        floor=True,
-        count=FUNCTIONS * rows,
-        unit=UNIT,
-    )
-
-
-@graphs
-@run_kinds
-def test_row_copy(measure: Callable[..., None], shape: str, kind: str) -> None:
-    # As many rows as a run has registers, so that both stand in cache as they do in a run.
-    source = random_matrix(FUNCTIONS)
-    target = np.empty_like(source)
-    measure(
-        lambda: np.copyto(target, source),
-        workload=workload(shape, kind),
-        contender="copy of one row",
-        floor=True,
-        count=FUNCTIONS,
-        unit=UNIT,
-        rounds=25,
-        iterations=1000,
-    )
-
-
-@pytest.mark.parametrize("contender", evaluators.NAMES)
-@pytest.mark.parametrize("universe", [False, True], ids=["no universe", "universe"])
-@pytest.mark.parametrize("road", LEAF_ROADS)
-def test_leaf(measure: Callable[..., None], universe: bool, road: str, contender: str) -> None:
-    evaluator, graph = evaluators.load(contender), feature("a")
-    rows = ROWS if road == "whole matrix" else rows_for(contender)
-    context = context_of(evaluator, rows, universe=masks(rows) if universe else None)
-    measure(
-        lambda: evaluator.evaluate(graph, context, **LEAF_ROADS[road]),
-        workload=leaf_workload(road, universe),
+        workload=workload(shape, language, functions, columns, kind),
         contender=contender,
-        count=rows,
-        unit="ns a row",
-    )
-
-
-@pytest.mark.parametrize("road", LEAF_ROADS)
-def test_leaf_mask_formulation(measure: Callable[..., None], road: str) -> None:
-    data, mask = random_matrix(ROWS), masks(ROWS)
-    measure(
-        lambda: np.where((mask == 0.0) | np.isnan(mask), np.nan, data),
-        workload=leaf_workload(road, universe=True),
-        contender="NumPy, whole matrix",
-        count=ROWS,
-        unit="ns a row",
-    )
-
-
-def test_leaf_copy(measure: Callable[..., None]) -> None:
-    measure(
-        random_matrix(ROWS).copy,
-        workload=leaf_workload("row loop", universe=False),
-        contender="copy of the matrix",
         floor=True,
-        count=ROWS,
-        unit="ns a row",
+        part=PARTS[contender],
+        count=functions * rows,
+        unit=UNIT,
+        rounds=rounds_for(functions, columns),
     )
-
-
-def leaf_workload(road: str, universe: bool) -> str:
-    return f"leaf, {road}, {'with' if universe else 'without'} universe"
-
-
-def masks(rows: int) -> np.ndarray:
-    """A universe with one cell in ten inactive."""
-    return (np.random.default_rng(1).random((rows, COLUMNS)) < 0.9).astype(np.float64)

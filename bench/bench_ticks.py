@@ -8,14 +8,9 @@ from typing import Any
 import pytest
 
 from bench import evaluators
-from bench.workloads import (
-    BARE,
-    Passing,
-    bound,
-    chain,
-    context_of,
-    random_matrix,
-)
+from bench.functions import Passing, bound, chain
+from bench.parts import BARE
+from bench.workloads import context_of, random_matrix
 
 UNIT = "µs a tick"
 ITERATIONS = {1: 200, 20: 50, 200: 10}

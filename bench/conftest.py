@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from bench.report import Figure, by_workload
+from bench.report import BEYOND, Figure, beyond, by_workload
 
 PACKAGES = ["numpy", "bottleneck", "numbagg", "pandas", "polars", "scipy", "Cython"]
 FIGURES = pytest.StashKey[list[Figure]]()
@@ -44,7 +44,7 @@ def measure(benchmark: Any, request: pytest.FixtureRequest) -> Iterator[Callable
     """Times `call`, which does `count` times what the unit names, in one workload's group.
 
     `unit` begins with the unit of time: "ns a cell". `floor` tells that the contender does only a
-    part of the work, and `memory` what it took.
+    part of the work, `part` which one (see bench/report.py), and `memory` what it took.
     """
 
     def run(
@@ -57,11 +57,12 @@ def measure(benchmark: Any, request: pytest.FixtureRequest) -> Iterator[Callable
         rounds: int = 7,
         iterations: int = 1,
         floor: bool = False,
+        part: str = "",
         memory: str = "",
     ) -> None:
         benchmark.group = workload
         benchmark.extra_info.update(
-            contender=contender, count=count, unit=unit, floor=floor, memory=memory
+            contender=contender, count=count, unit=unit, floor=floor, part=part, memory=memory
         )
         benchmark.pedantic(call, rounds=rounds, iterations=iterations, warmup_rounds=1)
 
@@ -84,3 +85,5 @@ def pytest_terminal_summary(terminalreporter: Any, config: pytest.Config) -> Non
             ratio = figure.ratio_text(first)
             line = f"{figure.contender:<26} {figure.text:>26} {ratio:>22}  {figure.memory}"
             terminalreporter.write_line(line.rstrip())
+        if own := beyond(group):
+            terminalreporter.write_line(f"{BEYOND:<26} {own:>26}")

@@ -21,8 +21,14 @@ MARKERS = ("<!-- figures -->", "<!-- end of figures -->")
 TIME_UNITS = {"s": 1.0, "ms": 1e3, "µs": 1e6, "ns": 1e9}
 TITLES = {
     "bench_row_loop": "The row loop",
+    "bench_leaves": "Leaves and literals",
+    "bench_universe": "The universe",
+    "bench_missing_data": "Marks of missing data",
+    "bench_node_outputs": "Node outputs",
     "bench_ticks": "Live ticks",
+    "bench_restores": "Restores",
     "bench_reductions": "Reductions",
+    "bench_cold_start": "Cold start",
     "bench_rank": "Rank",
     "bench_rolling": "Rolling statistics",
     "bench_large_graphs": "From the call to the first row",
@@ -30,13 +36,17 @@ TITLES = {
 }
 # The workloads of the picture.
 DEPICTED = [
-    "chain of 20 functions, bound",
+    "chain of 20 Python functions over 500 columns, bound",
     "tick of a chain of 20 functions",
     "mean reduction of 500 signals, free",
     "wide graph of 10,000 nodes",
     "rank of random numbers, 2,000 x 3,000",
     "rolling zscore of 100,000 x 100, window 20",
 ]
+# Parts of what every evaluator spends. The copies of arguments are for instances of a registry,
+# which may keep and change what they are given.
+CALLS, COPY, ARGUMENTS = "calls", "copy", "arguments"
+BEYOND = "beyond calls and copies"
 # This module, those who do the whole work, those who do a part of it.
 BLUE, DARK, LIGHT = "#1b6ca8", "#5b6b77", "#b4c0c8"
 
@@ -46,7 +56,7 @@ class Figure:
     """What one contender took on one workload: the median of the rounds and their quartiles.
 
     The first contender of a workload is this module. A `floor` does less than the others: it is
-    a part of the work that nobody can leave out.
+    a part of the work that nobody can leave out. `part` names it where such parts add up.
     """
 
     subject: str
@@ -58,6 +68,7 @@ class Figure:
     high: float
     floor: bool = False
     memory: str = ""
+    part: str = ""
 
     @classmethod
     def of(
@@ -75,6 +86,7 @@ class Figure:
             high=stats["q3"] * scale,
             floor=info["floor"],
             memory=info["memory"],
+            part=info["part"],
         )
 
     @property
@@ -99,6 +111,21 @@ def by_workload(figures: Iterable[Figure]) -> list[list[Figure]]:
     return list(groups.values())
 
 
+def beyond(group: Sequence[Figure]) -> str:
+    """What the module spends on its own; empty where its parts weren't measured.
+
+    That is its time less the bare calls and one copy of a row. The copies of arguments are not
+    taken off but told.
+    """
+    parts = {each.part: each.median for each in group if each.part}
+    if group[0].floor or not {CALLS, COPY} <= parts.keys():
+        return ""
+    own = _number(group[0].median - parts[CALLS] - parts[COPY])
+    if ARGUMENTS not in parts:
+        return own
+    return f"{own}, arguments' copies {_number(parts[ARGUMENTS])}"
+
+
 def read(results: Mapping[str, Any]) -> list[Figure]:
     return [
         Figure.of(each["fullname"], each["group"], each["stats"], each["extra_info"])
@@ -114,14 +141,9 @@ def table(header: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
 def section(figures: Sequence[Figure], setting: str) -> str:
     """The tables of one subject, one for each unit of time."""
     parts = [f"## {TITLES[figures[0].subject]}", setting]
-    for unit, same in groupby(figures, lambda figure: figure.unit):
-        groups = by_workload(same)
-        others = list(dict.fromkeys(each.contender for group in groups for each in group[1:]))
-        rows = []
-        for first, *rest in groups:
-            ratios = {each.contender: each.ratio_text(first) for each in rest}
-            rows.append([first.workload, first.text, *(ratios.get(name, "") for name in others)])
-        parts.append(table([unit, groups[0][0].contender, *others], rows))
+    for unit in dict.fromkeys(figure.unit for figure in figures):
+        groups = by_workload(each for each in figures if each.unit == unit)
+        parts.append(times(unit, groups))
     with_memory = [each for each in figures if each.memory]
     if with_memory:
         names = list(dict.fromkeys(each.contender for each in with_memory))
@@ -132,6 +154,22 @@ def section(figures: Sequence[Figure], setting: str) -> str:
         parts.append(table(["Memory", *names], rows))
     parts.append(faster(figures))
     return "\n\n".join(parts)
+
+
+def times(unit: str, groups: Sequence[Sequence[Figure]]) -> str:
+    """The table of one unit: the module's times, and what the others took over that."""
+    others = list(dict.fromkeys(each.contender for group in groups for each in group[1:]))
+    own = [beyond(group) for group in groups]
+    header = [unit, groups[0][0].contender, *others]
+    rows = []
+    for first, *rest in groups:
+        ratios = {each.contender: each.ratio_text(first) for each in rest}
+        rows.append([first.workload, first.text, *(ratios.get(name, "") for name in others)])
+    if any(own):
+        header.insert(2, f"{BEYOND}, {unit}")
+        for row, text in zip(rows, own, strict=True):
+            row.insert(2, text)
+    return table(header, rows)
 
 
 def faster(figures: Sequence[Figure]) -> str:

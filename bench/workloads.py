@@ -1,134 +1,73 @@
-"""Graphs, functions and contexts that several benchmarks share."""
+"""Matrices, signals and contexts that several benchmarks share."""
 
 from __future__ import annotations
 
-from collections import deque
-from collections.abc import Callable, Iterable, Sequence
-from dataclasses import dataclass
-from itertools import repeat
+from collections.abc import Callable, Mapping
+from functools import lru_cache
 from types import ModuleType
 from typing import Any
 
 import numpy as np
-from quernbrook.functions._typed_shapes import FunctionGraphNode
+from quernbrook.simulator_engine._types import UsefulSignal
 from support.graphs import feature, rotation
-from support.runs import bind_all, make_context
+from support.runs import make_context
 
 from bench.evaluators import MODULE, load
 
 COLUMNS = 500
-BARE = "bare calls"
-
-
-class Passing:
-    """A function that does nothing: what a run with it costs is the run's own."""
-
-    stateful = False
-
-    def __call__(self, row: Any, context: Any = None) -> Any:
-        return row
-
-
-class PassingFirst:
-    """The same for any number of arguments."""
-
-    stateful = False
-
-    def __call__(self, *rows: Any, context: Any = None) -> Any:
-        return rows[0]
-
-
-class Reducing:
-    """A reduction that only hands back a signal of its block."""
-
-    stateful = True
-
-    def __call__(self, block: Any, signal_pnl: Any) -> Any:
-        return block[0]
-
-    def get_state(self) -> None:
-        return None
-
-
-class Mean:
-    """Never called: the mean over the signals is what every stateless reduction is."""
-
-    stateful = False
 
 
 RANK = rotation("latitudinal_rank", feature("a"))
-FUNCTIONS = {"pass": Passing, "first": PassingFirst, "stateful": Reducing, "mean": Mean}
-
-
-@dataclass(frozen=True)
-class Entry:
-    """What a registry tells of a function."""
-
-    stateful: bool
-    family: str = "rotation"
-    param_schema: tuple[()] = ()
-
-
-ENTRIES = {name: Entry(function.stateful) for name, function in FUNCTIONS.items()}
-
-
-class Registry:
-    """Knows the functions above."""
-
-    def has(self, name: str) -> bool:
-        return name in FUNCTIONS
-
-    def has_factory(self, name: str) -> bool:
-        return name in FUNCTIONS
-
-    def get_entry(self, name: str) -> Any:
-        return ENTRIES[name]
-
-    def create_instance(self, name: str, **config: Any) -> Any:
-        return FUNCTIONS[name]()
-
-
-def chain(functions: int) -> FunctionGraphNode:
-    """Functions on top of each other over one feature."""
-    graph = feature("a")
-    for _ in range(functions):
-        graph = rotation("pass", graph)
-    return graph
-
-
-def bush(functions: int) -> FunctionGraphNode:
-    """One function over all others, each of which has the feature for itself."""
-    return rotation("first", *(rotation("pass", feature("a")) for _ in range(functions - 1)))
-
-
-def bound(graph: FunctionGraphNode) -> dict[str, Any]:
-    """An instance for every function node of a chain or a bush."""
-    instances = bind_all(graph, Passing)
-    if graph.node == "first":
-        instances["root"] = PassingFirst()
-    return instances
+PRODUCT_OF_RANKS = rotation("numerical_multiply", RANK, rotation("latitudinal_rank", feature("b")))
 
 
 def random_matrix(rows: int, columns: int = COLUMNS, seed: int = 0) -> np.ndarray:
     return np.random.default_rng(seed).standard_normal((rows, columns))
 
 
+@lru_cache(maxsize=1)
+def feature_matrix(rows: int, columns: int) -> np.ndarray:
+    """The same matrix for all contenders that follow each other: the largest take a second."""
+    return random_matrix(rows, columns)
+
+
 def context_of(evaluator: ModuleType, rows: int, columns: int = COLUMNS, **options: Any) -> Any:
     """A context over one matrix, the feature "a"."""
-    return make_context(evaluator, {"a": random_matrix(rows, columns)}, **options)
+    return make_context(evaluator, {"a": feature_matrix(rows, columns)}, **options)
 
 
-def repeat_calls(call: Callable[..., Any], arguments: Sequence[Any], times: int) -> None:
-    """Calls in a row with no interpreted code between them."""
-    deque(map(call, *(repeat(argument, times) for argument in arguments)), maxlen=0)
+def masks(rows: int, columns: int = COLUMNS) -> np.ndarray:
+    """A universe with one cell in ten inactive."""
+    return (np.random.default_rng(1).random((rows, columns)) < 0.9).astype(np.float64)
 
 
-def argument_counts(graph: FunctionGraphNode) -> Iterable[int]:
-    """How many arguments each function of a chain or a bush takes."""
-    if graph.type == "rotation":
-        yield len(graph.children)
-        for child in graph.children:
-            yield from argument_counts(child)
+def signal_pool(signals: int, rows: int) -> dict[str, UsefulSignal]:
+    """Each signal has matrices of its own, as a host's signals have."""
+    random = np.random.default_rng(0)
+    return {
+        f"signal {k:04d}": UsefulSignal(
+            random.standard_normal((rows, COLUMNS)),
+            random.standard_normal((rows, 1)),
+            {"quality": 1.0},
+        )
+        for k in range(signals)
+    }
+
+
+def gather_rows(pool: Mapping[str, UsefulSignal], rows: int) -> Callable[[], None]:
+    """The signals' rows alone, gathered by one call of NumPy for each time row."""
+    return gather([[signal.weights[t] for signal in pool.values()] for t in range(rows)])
+
+
+def gather(rows: list[list[np.ndarray]]) -> Callable[[], None]:
+    """One block after the other put together from its rows."""
+    block = np.empty(sum(map(len, rows[0])))
+
+    def copy() -> None:
+        for parts in rows:
+            np.concatenate(parts, out=block)
+
+    return copy
 
 
 def with_missing(matrix: np.ndarray) -> np.ndarray:
@@ -167,6 +106,14 @@ def evaluate_rank(data: np.ndarray, evaluator: str = MODULE) -> np.ndarray:
     module = load(evaluator)
     context = module.EvaluationContext((data,), {"a": 0})
     return module._evaluate_simple_rank_fast(RANK, context)
+
+
+def evaluate_product_of_ranks(
+    left: np.ndarray, right: np.ndarray, evaluator: str = MODULE
+) -> np.ndarray:
+    module = load(evaluator)
+    context = module.EvaluationContext((left, right), {"a": 0, "b": 1})
+    return module._evaluate_rank_multiply_fast(PRODUCT_OF_RANKS, context)
 
 
 def evaluate_rolling(
