@@ -73,7 +73,8 @@ Object propagate_data_nan(Run& run, const Registers& registers, NodeIndex index,
   }
   if (!all_nan || !any_marked || !any_output) return result;
   if (run.is_data_nan[index] == 0) mark(run, index);
-  return nan_row(run);
+  if (run.missing_row.empty()) run.missing_row = nan_row(run);
+  return run.missing_row;
 }
 
 }  // namespace quernbrook::evaluation

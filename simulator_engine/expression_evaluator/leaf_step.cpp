@@ -1,5 +1,8 @@
 #include "expression_evaluator/leaf_step.hpp"
 
+#include <algorithm>
+#include <limits>
+
 #include "expression_evaluator/matrix_row.hpp"
 #include "fast_paths/kernels/universe_mask.hpp"
 #include "host/universe.hpp"
@@ -21,7 +24,6 @@ void LeafStep::run(NodeIndex node, npy_intp row) {
 }
 
 bool LeafStep::run_quickly(NodeIndex node, PyObject* universe, npy_intp row) const {
-  if (is_marked(node)) return false;
   PyObject* feature = plain_feature(run_.table.nodes[node]);
   MatrixRow source;
   const auto readable = [&](PyObject* matrix, MatrixRow& found) {
@@ -29,12 +31,16 @@ bool LeafStep::run_quickly(NodeIndex node, PyObject* universe, npy_intp row) con
            !overlaps(found, run_.columns, registers_.row(0), registers_.bytes());
   };
   if (feature == nullptr || !readable(feature, source)) return false;
+  MatrixRow mask;
+  if (universe != Py_None && !readable(universe, mask)) return false;
+  if (is_marked(node)) {  // the mask's own value, so that it changes nothing
+    std::fill_n(registers_.row(node), run_.columns, std::numeric_limits<double>::quiet_NaN());
+    return true;
+  }
   if (universe == Py_None) {
     copy_matrix_row(source, run_.columns, registers_.row(node));
     return true;
   }
-  MatrixRow mask;
-  if (!readable(universe, mask)) return false;
   kernels::mask_universe(source.values(), source.step_in_doubles(), mask.values(),
                          mask.step_in_doubles(), registers_.row(node),
                          static_cast<std::size_t>(run_.columns));

@@ -52,6 +52,7 @@ struct Run {
   Object nan_source;
   std::vector<std::uint8_t> is_data_nan;
   bool tracks_data_nan = false;
+  Object missing_row;  // a row of NaNs once there was one to store
 
   /// Grows whenever foreign code may have run: what was read from the host before may be stale.
   std::uint64_t foreign_code_count = 0;

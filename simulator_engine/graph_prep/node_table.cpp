@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/feature.hpp"
+#include "host/graph_walk.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -83,7 +84,7 @@ std::vector<Object> NodeTable::paths(const Namespace& space) const {
     } else if (node.parent == no_node) {
       spelt[index] = space.names.root;
     } else {
-      spelt[index] = message(spelt[node.parent], ".c", static_cast<Py_ssize_t>(node.position));
+      spelt[index] = host::child_path(spelt[node.parent], static_cast<Py_ssize_t>(node.position));
     }
   }
   return spelt;

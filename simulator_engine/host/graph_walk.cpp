@@ -1,7 +1,5 @@
 #include "host/graph_walk.hpp"
 
-#include <string>
-
 #include "python/recursion.hpp"
 #include "python/text.hpp"
 
@@ -9,7 +7,19 @@ namespace quernbrook::host {
 
 using namespace python;
 
-Object ChildPath::text() const { return message(parent_.text(), ".c", position_); }
+namespace {
+
+std::string step_down(Py_ssize_t position) { return ".c" + std::to_string(position); }
+
+}  // namespace
+
+Object child_path(PyObject* parent, Py_ssize_t position) {
+  const Object step = as_text(step_down(position).c_str());
+  return PyUnicode_CheckExact(parent) ? Object::own(PyUnicode_Concat(parent, step))
+                                      : message(parent, step);
+}
+
+Object ChildPath::text() const { return child_path(parent_.text(), position_); }
 
 WalkPath::~WalkPath() {
   while (!positions_.empty()) ascend();
@@ -22,15 +32,20 @@ void WalkPath::descend(Py_ssize_t position) {
 
 void WalkPath::ascend() noexcept {
   positions_.pop_back();
+  if (ends_.size() > positions_.size()) ends_.resize(positions_.size());
   leave_level();
 }
 
 Object WalkPath::text() const {
-  std::string way_down;
-  for (std::size_t level = 1; level < positions_.size(); ++level) {
-    way_down += ".c" + std::to_string(positions_[level]);
+  if (ends_.empty()) ends_.push_back(0);  // the root's
+  spelt_.resize(ends_.back());
+  for (std::size_t level = ends_.size(); level < positions_.size(); ++level) {
+    spelt_ += step_down(positions_[level]);
+    ends_.push_back(spelt_.size());
   }
-  return way_down.empty() ? Object::share(root_path_) : message(root_path_, way_down.c_str());
+  if (spelt_.empty()) return Object::share(root_path_);
+  return message(root_path_, Object::own(PyUnicode_FromStringAndSize(
+                                 spelt_.data(), static_cast<Py_ssize_t>(spelt_.size()))));
 }
 
 }  // namespace quernbrook::host

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -9,6 +10,9 @@
 namespace quernbrook::host {
 
 using ChildIterator = python::SequenceIterator;
+
+/// `f"{parent}.c{position}"`.
+Object child_path(PyObject* parent, Py_ssize_t position);
 
 /// The path of a child of the node at `parent`.
 class ChildPath final : public NodePath {
@@ -39,6 +43,9 @@ class WalkPath final : public NodePath {
  private:
   PyObject* root_path_;
   std::vector<Py_ssize_t> positions_;  // each node's place among its siblings, the root's too
+  // The text below the root as far as it was last asked for, and where each level's part ends.
+  mutable std::string spelt_;
+  mutable std::vector<std::size_t> ends_;
 };
 
 /// Walks a graph depth first. `enter(node, path)` looks at a node before its children and returns
