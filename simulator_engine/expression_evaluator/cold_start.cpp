@@ -2,6 +2,7 @@
 #include "expression_evaluator/matrix_row.hpp"
 #include "expression_evaluator/signal_pnl.hpp"
 #include "expression_evaluator/signal_pool.hpp"
+#include "expression_evaluator/signal_rows.hpp"
 #include "host/state_adapters.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
@@ -54,12 +55,15 @@ Object extract(const Run& run, PyObject* passing_ids, Py_ssize_t count, npy_intp
   const host::Names& names = run.space.names;
   Object block = zeros(count, run.columns);
   SequenceIterator ids(Object::share(passing_ids));
-  for (Object id = ids.next(); !id.empty(); id = ids.next()) {
-    const Object signal = item(attribute(run.context, names.useful_signals), id);
-    const Object values = item(attribute(signal, names.weights), row_key(row));
+  const bool is_plain = has_plain_attribute(Py_TYPE(run.context.get()), names.useful_signals);
+  while (true) {
+    const auto pool = [&] { return attribute(run.context, names.useful_signals); };
+    if (is_plain) copy_signal_rows(run.space, pool(), ids, row, block, nullptr);
+    const Object id = ids.next();
+    if (id.empty()) return block;
+    const Object values = item(attribute(item(pool(), id), names.weights), row_key(row));
     set_item(block, row_key(ids.position()), values);
   }
-  return block;
 }
 
 Object pnl_of_row(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObject* column,

@@ -1,9 +1,9 @@
 #include "expression_evaluator/extraction_buffer.hpp"
 
 #include <algorithm>
-#include <array>
 
-#include "expression_evaluator/signal_batch.hpp"
+#include "expression_evaluator/matrix_row.hpp"
+#include "expression_evaluator/signal_rows.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/error.hpp"
@@ -22,7 +22,10 @@ void ExtractionBuffer::fill(PyObject* passing_ids, Py_ssize_t count, npy_intp ro
   if (has_sums_) sums_.begin(static_cast<std::size_t>(run_.columns));
   SequenceIterator ids(Object::share(passing_ids));
   while (true) {
-    copy_rows(ids, row);
+    if (useful_signals_.is_plain() && has_its_form()) {
+      copy_signal_rows(run_.space, useful_signals_.get(), ids, row, run_.extraction_buffer,
+                       has_sums_ ? &sums_ : nullptr);
+    }
     const Object id = ids.next();
     if (id.empty()) break;
     has_sums_ = false;
@@ -46,48 +49,6 @@ bool ExtractionBuffer::has_its_form() const {
   PyObject* buffer = run_.extraction_buffer;
   return is_contiguous_double_array(buffer) && PyArray_NDIM(as_array(buffer)) == 2 &&
          PyArray_DIM(as_array(buffer), 1) == run_.columns && PyArray_ISWRITEABLE(as_array(buffer));
-}
-
-/// Copies the rows of the ids to come as long as no foreign code has a part in it.
-void ExtractionBuffer::copy_rows(SequenceIterator& ids, npy_intp row) {
-  if (!useful_signals_.is_plain()) return;
-  PyObject* const signals = useful_signals_.get();
-  SignalBatch batch;
-  std::array<MatrixRow, SignalBatch::most> rows;
-  while (true) {
-    const std::span<PyObject* const> next = ids.ahead(SignalBatch::most);
-    const npy_intp first = ids.position() + 1;
-    PyArrayObject* buffer = as_array(run_.extraction_buffer);
-    if (next.empty() || !has_its_form() || first + std::ssize(next) > PyArray_DIM(buffer, 0) ||
-        !batch.find(signals, next) || !batch.read(run_.space.names.weights) ||
-        !find_rows(batch.values(), row, rows)) {
-      return;
-    }
-    double* const block = doubles(run_.extraction_buffer) + first * run_.columns;
-    for (npy_intp place = 0; place < std::ssize(next); ++place) {
-      copy_matrix_row(rows[place], run_.columns, block + place * run_.columns);
-    }
-    if (has_sums_) sums_.add(block, next.size());
-    ids.skip(next.size());
-  }
-}
-
-/// False where a row can't be read where it lies.
-bool ExtractionBuffer::find_rows(std::span<PyObject* const> matrices, npy_intp row,
-                                 std::span<MatrixRow> found) const {
-  for (PyObject* matrix : matrices) {
-    if (is_double_array(matrix)) fetch(PyArray_DIMS(as_array(matrix)));
-  }
-  PyArrayObject* buffer = as_array(run_.extraction_buffer);
-  const auto bytes = static_cast<std::size_t>(PyArray_NBYTES(buffer));
-  for (std::size_t place = 0; place < matrices.size(); ++place) {
-    if (!find_matrix_row(matrices[place], row, run_.columns, found[place]) ||
-        overlaps(found[place], run_.columns, PyArray_DATA(buffer), bytes)) {
-      return false;
-    }
-    fetch(found[place].data);
-  }
-  return true;
 }
 
 void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {

@@ -1,10 +1,8 @@
 #pragma once
 
 #include "expression_evaluator/context_attribute.hpp"
-#include "expression_evaluator/matrix_row.hpp"
 #include "expression_evaluator/run.hpp"
 #include "fast_paths/kernels/column_mean.hpp"
-#include "python/sequence_iterator.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -29,9 +27,6 @@ class ExtractionBuffer {
  private:
   void fit(Py_ssize_t count);
   bool has_its_form() const;
-  void copy_rows(python::SequenceIterator& ids, npy_intp row);
-  bool find_rows(std::span<PyObject* const> matrices, npy_intp row,
-                 std::span<MatrixRow> found) const;
   void copy_row(PyObject* id, Py_ssize_t place, npy_intp row);
   bool mean_by_kernel(PyObject* rows, double* result);
 
