@@ -430,3 +430,67 @@ def test_endless_and_deep_graphs_end_in_an_error_and_never_in_a_crash(evaluator,
         timeout=120,
     )
     assert completed.returncode == 0, completed.stderr
+
+
+# --- values that act while they are read ---------------------------------------------------------
+
+
+class Acting(float):
+    """A number that does something when it is converted."""
+
+    act: Any = None
+
+    def __float__(self) -> float:
+        self.act()
+        return 1.0
+
+
+class ActingKind(str):
+    """A kind that does something when it is compared, and equals nothing."""
+
+    act: Any = None
+    __hash__ = str.__hash__
+
+    def __eq__(self, other: object) -> bool:
+        self.act()
+        return False
+
+
+class OtherNode(FunctionGraphNode):  # type: ignore[misc]
+    pass
+
+
+def acting(kind: Any, act: Any) -> Any:
+    value = kind("1.0")
+    value.act = act
+    return value
+
+
+def test_a_node_is_read_anew_after_a_literal_has_acted(evaluator, monkeypatch):
+    unreadable = property(raising(LookupError("node read")), lambda self, value: None)
+
+    def act() -> None:
+        monkeypatch.setattr(FunctionGraphNode, "node", unreadable, raising=False)
+
+    graph = node("bool", "f", [number(acting(Acting, act)), integer(1)])
+    with pytest.raises(LookupError, match="node read"):
+        run(evaluator, graph)
+
+
+@pytest.mark.parametrize(
+    ("make", "field"),
+    [
+        (
+            lambda act: node("bool", "f", [number(acting(Acting, act)), integer(1)]),
+            "field-check",
+        ),
+        (lambda act: node("bool", "f", [node(acting(ActingKind, act), "x", [])]), "children"),
+    ],
+)
+def test_the_class_of_nodes_is_asked_anew_after_a_value_has_acted(
+    evaluator, monkeypatch, make, field
+):
+    graph = make(lambda: monkeypatch.setattr(evaluator, "FunctionGraphNode", OtherNode))
+    text = f"Graph node '{field}' must be FunctionGraphNode; got FunctionGraphNode"
+    with fails(SchemaError, text):
+        run(evaluator, graph)

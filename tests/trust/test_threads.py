@@ -113,6 +113,35 @@ def test_pickling_beside_the_runs(evaluator: ModuleType) -> None:
         checked_run(evaluator, graph_of(), restored, 1.0)
 
 
+def test_ranks_of_a_matrix_that_others_write(evaluator: ModuleType) -> None:
+    """They may be of any state of it, but stay ranks, and nothing beside the row is read."""
+    generator = np.random.default_rng(0)
+
+    def close_together() -> np.ndarray:
+        # The first steps of a sort can't tell these from each other, so that it compares them.
+        steps = generator.permuted(np.tile(np.arange(3_000.0), (20, 1)), axis=1)
+        matrix = 1.0 + steps * 2.0**-52
+        matrix[:, :2] = 1e300, -1e300
+        return matrix
+
+    matrix, others = close_together(), [close_together() for _ in range(2)]
+    context = evaluator.EvaluationContext((matrix,), {"a": 0})
+    graph = rotation("latitudinal_rank", feature("a"))
+
+    def write() -> None:
+        for _ in range(100):
+            for other in others:
+                np.copyto(matrix, other)
+                np.negative(matrix, out=matrix)
+
+    def rank() -> None:
+        for _ in range(RUNS):
+            ranks = evaluator.evaluate(graph, context).weights
+            assert ((ranks >= 0.0) & (ranks <= 1.0)).all()
+
+    in_threads(write, rank)
+
+
 # --- other Python threads beside a kernel --------------------------------------------------------
 
 
