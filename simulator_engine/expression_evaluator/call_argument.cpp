@@ -6,14 +6,14 @@ namespace quernbrook::evaluation {
 
 using namespace python;
 
-PyObject* CallArgument::copy(const Registers& registers) {
+PyObject* CallArgument::copy(const Registers& registers, graph_prep::NodeIndex source) {
   if (!is_untouched(registers.columns(), nullptr)) adopt(empty_vector(registers.columns()));
-  std::memcpy(data_, registers.row(source_), registers.row_bytes());
+  std::memcpy(data_, registers.row(source), registers.row_bytes());
   return array_;
 }
 
-PyObject* CallArgument::view(const Registers& registers) {
-  if (!is_untouched(registers.columns(), registers.array())) adopt(registers.view(source_));
+PyObject* CallArgument::view(const Registers& registers, graph_prep::NodeIndex source) {
+  if (!is_untouched(registers.columns(), registers.array())) adopt(registers.view(source));
   return array_;
 }
 

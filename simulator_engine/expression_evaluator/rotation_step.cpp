@@ -27,6 +27,7 @@ RotationStep::RotationStep(Run& run, const Registers& registers)
       calls_[index].compares_kinds |= child.kind == NodeKind::compared;
     }
   }
+  copies_.resize(most_children);
   stack_.resize(most_children + 3);
 }
 
@@ -78,7 +79,7 @@ void RotationStep::choose_arguments(const Node& node, Call& call) {
     const std::size_t slot = node.first_child + place;
     const NodeIndex child = run_.table.children[slot];
     if (is_argument(child, run_.table.is_config_child[slot] != 0, call.with_config)) {
-      arguments_[node.first_child + call.argument_count++] = CallArgument(child);
+      arguments_[node.first_child + call.argument_count++] = {child, {}};
     }
   }
   call.is_chosen = true;
@@ -95,7 +96,7 @@ bool RotationStep::is_argument(NodeIndex index, bool is_config, bool with_config
 
 void RotationStep::release_arguments(const Node& node, Call& call) {
   for (std::uint32_t place = 0; place < call.argument_count; ++place) {
-    arguments_[node.first_child + place] = CallArgument();
+    arguments_[node.first_child + place] = {};
   }
   call.is_chosen = false;
 }
@@ -105,9 +106,9 @@ Object RotationStep::call_instance(const Node& node, Call& call) {
   constexpr std::size_t first_argument = 2;
   std::size_t count = 0;
   for (; count < call.argument_count; ++count) {
-    CallArgument& argument = arguments_[node.first_child + count];
+    auto& [source, view] = arguments_[node.first_child + count];
     stack_[first_argument + count] =
-        call.in_bound_run ? argument.view(registers_) : argument.copy(registers_);
+        call.in_bound_run ? view.view(registers_, source) : copies_[count].copy(registers_, source);
   }
   PyObject* names = nullptr;
   if (!node.is_bound) {

@@ -38,8 +38,15 @@ class RotationStep {
   Run& run_;
   const Registers& registers_;
   std::vector<Call> calls_;  // by node; idle for all but rotations
+  struct Argument {
+    graph_prep::NodeIndex source = graph_prep::no_node;
+    CallArgument view;
+  };
+
   /// The arguments of all nodes; a node's begin where its children do.
-  std::vector<CallArgument> arguments_;
+  std::vector<Argument> arguments_;
+  /// Copies by their place in a call. All calls share them, so that they stay in the cache.
+  std::vector<CallArgument> copies_;
   std::vector<PyObject*> stack_;  // of the call under way: a free place, the instance, arguments
 };
 
