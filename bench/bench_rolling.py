@@ -8,6 +8,7 @@ from functools import partial
 import pytest
 
 from bench import memory
+from bench.functions import native
 from bench.peers import ROLLING, ROLLING_FORMULATION, agrees
 from bench.workloads import matrix_with_late_starts
 
@@ -16,8 +17,15 @@ SHAPES = [
     pytest.param(1_000_000, 20, marks=pytest.mark.slow),
 ]
 WINDOWS = [5, 20, 250, 5000]
+# Of extended precision, for each cell; all but the mean take a square root, too.
+DIVISIONS = {"mean": 1, "std": 2, "zscore": 3}
+UNIT = "ns a cell"
 # Memory depends on the shape alone, and reading it takes a process each time.
 WINDOW_OF_MEMORY = 20
+
+
+def workload(rows: int, columns: int, statistic: str, window: int) -> str:
+    return f"rolling {statistic} of {rows:,} x {columns}, window {window:,}"
 
 
 def prepared(name: str, columns: int, rows: int) -> object:
@@ -26,7 +34,7 @@ def prepared(name: str, columns: int, rows: int) -> object:
 
 @pytest.mark.parametrize("name", ROLLING)
 @pytest.mark.parametrize("window", WINDOWS)
-@pytest.mark.parametrize("statistic", ["mean", "std", "zscore"])
+@pytest.mark.parametrize("statistic", DIVISIONS)
 @pytest.mark.parametrize(("rows", "columns"), SHAPES)
 def test_rolling(
     measure: Callable[..., None], name: str, rows: int, columns: int, statistic: str, window: int
@@ -43,10 +51,29 @@ def test_rolling(
         )
     measure(
         lambda: compute(matrix),
-        workload=f"rolling {statistic} of {rows:,} x {columns}, window {window:,}",
+        workload=workload(rows, columns, statistic, window),
         contender=name,
         count=rows * columns,
-        unit="ns a cell",
+        unit=UNIT,
         rounds=3,
         memory=used,
+    )
+
+
+@pytest.mark.parametrize("window", WINDOWS)
+@pytest.mark.parametrize("statistic", DIVISIONS)
+@pytest.mark.parametrize(("rows", "columns"), SHAPES)
+def test_limit(
+    measure: Callable[..., None], rows: int, columns: int, statistic: str, window: int
+) -> None:
+    divisions = DIVISIONS[statistic]
+    divide_and_root = native().divide_and_root
+    measure(
+        lambda: divide_and_root(rows * columns, window, divisions, divisions > 1),
+        workload=workload(rows, columns, statistic, window),
+        contender="divisions and roots",
+        count=rows * columns,
+        unit=UNIT,
+        rounds=3,
+        floor=True,
     )

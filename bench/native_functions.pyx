@@ -1,6 +1,7 @@
 """Functions whose calls run no interpreted code; calls and copies with nothing between them."""
 
 from cpython.object cimport PyObject
+from libc.math cimport sqrtl
 from libc.stdlib cimport free, malloc
 from libc.string cimport memcpy
 import numpy
@@ -53,3 +54,20 @@ def copy_along(size_t address, Py_ssize_t rows, size_t row_bytes, Py_ssize_t tim
     for turn in range(times):
         for row in range(1, rows):
             memcpy(matrix + row * row_bytes, matrix + (row - 1) * row_bytes, row_bytes)
+
+
+def divide_and_root(Py_ssize_t cells, double divisor, int divisions, bint root):
+    """The divisions and roots of extended precision that so many cells take, one after the other."""
+    cdef double block[512]
+    cdef long double value
+    cdef Py_ssize_t cell
+    cdef volatile double window = divisor
+    for cell in range(512):
+        block[cell] = 1.0 + 0.001 * cell
+    for cell in range(cells):
+        value = block[cell & 511] / <long double>window
+        if root:
+            value = sqrtl(value) / <long double>window
+        if divisions == 3:
+            value = value / <long double>window
+        block[cell & 511] = 1.0 + <double>value
