@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import weakref
 from collections.abc import Callable
 from dataclasses import dataclass, field
 from typing import Any
@@ -11,10 +12,16 @@ import numpy as np
 
 @dataclass
 class Memory:
-    """What an instance remembers from row to row."""
+    """What an instance remembers from row to row, and what it can reach."""
 
+    host: Any = None
     calls: int = 0
     kept: list[np.ndarray] = field(default_factory=list)
+    watched: list[Any] = field(default_factory=list)
+    rows: tuple[np.ndarray, ...] = ()
+    """The arguments of the call under way."""
+    block: np.ndarray | None = None
+    """The signals in a call of a reduction."""
 
 
 Rows = tuple[np.ndarray, ...]
@@ -27,7 +34,7 @@ def first(rows: Rows, _: Memory) -> Any:
 
 def total(rows: Rows, _: Memory) -> Any:
     # In the order of the rows: another order would round differently.
-    result = np.zeros_like(rows[0]) if rows else 1.0
+    result = np.zeros_like(rows[0], dtype=np.float64, subok=False) if rows else 1.0
     with np.errstate(all="ignore"):
         for row in rows:
             result = result + row
@@ -37,13 +44,19 @@ def total(rows: Rows, _: Memory) -> Any:
 def running_total(rows: Rows, memory: Memory) -> Any:
     if not rows:
         return float(memory.calls)
-    memory.kept[:] = [rows[0] + memory.kept[0] if memory.kept else rows[0].copy()]
+    with np.errstate(all="ignore"):
+        memory.kept[:] = [rows[0] + memory.kept[0] if memory.kept else rows[0].copy()]
     return memory.kept[0]
 
 
 def keep(rows: Rows, memory: Memory) -> Any:
     memory.kept.extend(rows)
     return memory.kept[0] if memory.kept else None
+
+
+def keep_parts(rows: Rows, memory: Memory) -> Any:
+    memory.kept.extend(row[:1] for row in rows)
+    return total(rows, memory)
 
 
 def keep_and_overwrite(rows: Rows, memory: Memory) -> Any:
@@ -53,10 +66,23 @@ def keep_and_overwrite(rows: Rows, memory: Memory) -> Any:
     return total(rows, memory)
 
 
+def watch(rows: Rows, memory: Memory) -> Any:
+    alive = sum(reference() is not None for reference in memory.watched)
+    memory.watched = [weakref.ref(row) for row in rows]
+    return float(alive)
+
+
 def overwrite(rows: Rows, _: Memory) -> Any:
     for position, row in enumerate(rows):
         row[:] = position + 0.5
     return first(rows, _)
+
+
+def overwrite_all(rows: Rows, memory: Memory) -> Any:
+    """Bound functions reach the registers of all nodes, reductions the whole extraction."""
+    for row in rows[:1]:
+        (row if row.base is None else row.base)[...] = memory.calls + 0.5
+    return total(rows, memory)
 
 
 def reshape(rows: Rows, memory: Memory) -> Any:
@@ -67,10 +93,18 @@ def reshape(rows: Rows, memory: Memory) -> Any:
     return result
 
 
+def resize(rows: Rows, memory: Memory) -> Any:
+    for row in rows:
+        if row.base is None:
+            row.resize(row.size + 1 - 2 * (memory.calls % 2), refcheck=False)
+    return float(memory.calls)
+
+
 def reinterpret(rows: Rows, memory: Memory) -> Any:
     result = total(rows, memory)
     for row in rows:
-        row.dtype = np.int64 if memory.calls % 2 else np.dtype(">f8")
+        other = np.dtype(np.int64 if memory.calls % 2 else ">f8")
+        row.dtype = other  # type: ignore[misc]
     return result
 
 
@@ -88,48 +122,46 @@ def backwards(rows: Rows, _: Memory) -> Any:
     return rows[0][::-1] if rows else 0.0
 
 
+def reform(rows: Rows, memory: Memory) -> Any:
+    """Gives the extraction buffer behind a reduction's block another form."""
+    result = total(rows, memory)
+    buffer = None if memory.block is None else memory.block.base
+    if buffer is not None and buffer.size:
+        turn = memory.calls % 4
+        if turn == 0:
+            buffer.shape = buffer.shape[::-1]
+        elif turn == 1:
+            buffer.dtype = np.dtype(np.int64)  # type: ignore[misc]
+        elif turn == 2:
+            buffer.flags.writeable = False
+    return result
+
+
+def same_array(rows: Rows, memory: Memory) -> Any:
+    """One array for all rows, with another content each time."""
+    if not memory.kept:
+        memory.kept.append(np.zeros(rows[0].size if rows else 1))
+    memory.kept[0][:] = memory.calls
+    return memory.kept[0]
+
+
 #: Actions that serve every row.
 STEADY: dict[str, Action] = {
-    "first": first,
     "sum": total,
+    "first": first,
     "running total": running_total,
     "keep": keep,
+    "keep parts": keep_parts,
     "keep and overwrite": keep_and_overwrite,
+    "watch": watch,
     "overwrite": overwrite,
+    "overwrite all": overwrite_all,
     "reshape": reshape,
+    "resize": resize,
     "reinterpret": reinterpret,
+    "reform": reform,
     "mixture": mixture,
     "list": as_list,
     "backwards": backwards,
+    "same array": same_array,
 }
-
-
-def raise_value_error(*_: Any) -> Any:
-    raise ValueError("broken", 1)
-
-
-def interrupt(*_: Any) -> Any:
-    raise KeyboardInterrupt
-
-
-#: Actions of one faulty row; in all others these functions sum up.
-FAULTS: dict[str, Action] = {
-    "raise": raise_value_error,
-    "interrupt": interrupt,
-    "stop": lambda *_: next(iter(())),
-    "wrong shape": lambda rows, _: np.zeros((2, 5)),
-    "scalar array": lambda rows, _: np.array(1.0),
-    "wrong dtype": lambda rows, _: total(rows, _).astype(np.float32) if rows else 1.0,
-    "byte order": lambda rows, _: total(rows, _).astype(">f8") if rows else 1.0,
-    "wrong list": lambda *_: [1.0] * 7,
-    "no number": lambda *_: {},
-    "text": lambda *_: "abc",
-}
-
-ACTIONS = {**STEADY, **FAULTS}
-
-
-def act(action: str, faulty_row: int, rows: Rows, memory: Memory) -> Any:
-    if action in STEADY or memory.calls == faulty_row:
-        return ACTIONS[action](rows, memory)
-    return total(rows, memory)
