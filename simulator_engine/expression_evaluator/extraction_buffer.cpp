@@ -22,9 +22,9 @@ void ExtractionBuffer::fill(PyObject* passing_ids, Py_ssize_t count, npy_intp ro
   if (has_sums_) sums_.begin(static_cast<std::size_t>(run_.columns));
   SequenceIterator ids(Object::share(passing_ids));
   while (true) {
-    if (useful_signals_.is_plain() && has_its_form()) {
+    if (useful_signals_.is_plain()) {
       copy_signal_rows(run_.space, useful_signals_.get(), ids, row, run_.extraction_buffer,
-                       has_sums_ ? &sums_ : nullptr);
+                       run_.columns, has_sums_ ? &sums_ : nullptr);
     }
     const Object id = ids.next();
     if (id.empty()) break;
@@ -46,9 +46,7 @@ void ExtractionBuffer::fit(Py_ssize_t count) {
 
 /// A stateful reduction can reach the buffer behind its view and change its form.
 bool ExtractionBuffer::has_its_form() const {
-  PyObject* buffer = run_.extraction_buffer;
-  return is_contiguous_double_array(buffer) && PyArray_NDIM(as_array(buffer)) == 2 &&
-         PyArray_DIM(as_array(buffer), 1) == run_.columns && PyArray_ISWRITEABLE(as_array(buffer));
+  return is_writeable_block(run_.extraction_buffer, run_.columns);
 }
 
 void ExtractionBuffer::copy_row(PyObject* id, Py_ssize_t place, npy_intp row) {

@@ -31,6 +31,11 @@ void copy_matrix_row(const MatrixRow& source, npy_intp columns, double* target) 
   for (npy_intp column = 0; column < columns; ++column) target[column] = values[column * step];
 }
 
+bool is_writeable_block(PyObject* array, npy_intp columns) {
+  return is_contiguous_double_array(array) && PyArray_NDIM(as_array(array)) == 2 &&
+         PyArray_DIM(as_array(array), 1) == columns && PyArray_ISWRITEABLE(as_array(array));
+}
+
 bool overlaps(const MatrixRow& row, npy_intp columns, const void* begin, std::size_t bytes) {
   const char* last = row.data + row.step * (columns - 1);
   const char* low = std::min(row.data, last);

@@ -19,6 +19,9 @@ bool find_matrix_row(PyObject* matrix, npy_intp row, npy_intp columns, MatrixRow
 
 void copy_matrix_row(const MatrixRow& source, npy_intp columns, double* target);
 
+/// True for a C-ordered matrix of doubles with `columns` columns that can be written to.
+bool is_writeable_block(PyObject* array, npy_intp columns);
+
 /// True if the row touches the `bytes` bytes from `begin` on.
 bool overlaps(const MatrixRow& row, npy_intp columns, const void* begin, std::size_t bytes);
 

@@ -3,33 +3,33 @@
 #include <array>
 #include <span>
 
-#include "python/object.hpp"
+#include "python/sequence_iterator.hpp"
 
 namespace quernbrook::evaluation {
 
 /// Some signals of a pool, whose attributes are read together: the objects on the way to a matrix
 /// lie scattered in memory, and each next one is fetched for all signals before it is read for any.
 ///
-/// Every step returns false where foreign code would have a part in it; nothing has happened then.
-/// What is found is borrowed, until foreign code may run again.
+/// Plain dictionaries run foreign code only where two keys have the same hash. Everything found is
+/// therefore held; otherwise a step returns false where foreign code would have a part in it, and
+/// nothing has happened then.
 class SignalBatch {
  public:
   static constexpr std::size_t most = 16;
 
-  /// The signals with these ids, at most `most`, all of which the pool has.
-  bool find(PyObject* pool, std::span<PyObject* const> ids);
+  /// The signals of the ids to come, all of which the pool has; false at the end of the ids.
+  bool find(PyObject* pool, const python::SequenceIterator& ids);
   /// The next signals of an exact dict; false at its end.
   bool take(PyObject* pool, Py_ssize_t& place);
+  std::size_t size() const noexcept { return count_; }
 
   /// Reads the attribute `name` of all signals.
   bool read(PyObject* name);
-  std::span<PyObject* const> values() const noexcept { return {values_.data(), count_}; }
+  std::span<const python::Object> values() const noexcept { return {values_.data(), count_}; }
 
  private:
-  void add(PyObject* signal);
-
-  std::array<PyObject*, most> signals_;
-  std::array<PyObject*, most> values_;
+  std::array<python::Object, most> signals_;
+  std::array<python::Object, most> values_;
   std::size_t count_ = 0;
 };
 

@@ -87,21 +87,17 @@ void store_ahead(const Run& run, PyObject* vector, SequenceIterator& ids, PyObje
   const Object signals = attribute(run.context, names.useful_signals);
   SignalBatch batch;
   std::array<const double*, SignalBatch::most> cells;
-  while (true) {
-    const std::span<PyObject* const> next = ids.ahead(SignalBatch::most);
+  while (batch.find(signals, ids) && batch.read(names.pnl)) {
     const npy_intp first = ids.position() + 1;
-    if (next.empty() || first + std::ssize(next) > PyArray_DIM(as_array(vector), 0) ||
-        !batch.find(signals, next) || !batch.read(names.pnl)) {
-      return;
-    }
-    for (std::size_t place = 0; place < next.size(); ++place) {
+    if (first + static_cast<npy_intp>(batch.size()) > PyArray_DIM(as_array(vector), 0)) return;
+    for (std::size_t place = 0; place < batch.size(); ++place) {
       if (!find_cell(batch.values()[place], row, place_in_row, cells[place])) return;
     }
     double* const values = doubles(vector) + first;
-    for (std::size_t place = 0; place < next.size(); ++place) {
+    for (std::size_t place = 0; place < batch.size(); ++place) {
       if (cells[place] != nullptr) values[place] = *cells[place];
     }
-    ids.skip(next.size());
+    ids.skip(batch.size());
   }
 }
 

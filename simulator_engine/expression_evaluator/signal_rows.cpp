@@ -15,9 +15,8 @@ namespace {
 using Rows = std::array<MatrixRow, SignalBatch::most>;
 
 /// False where a row can't be read where it lies.
-bool find_rows(std::span<PyObject* const> matrices, npy_intp row, PyArrayObject* block,
-               Rows& found) {
-  for (PyObject* matrix : matrices) {
+bool find_rows(std::span<const Object> matrices, npy_intp row, PyArrayObject* block, Rows& found) {
+  for (const Object& matrix : matrices) {
     if (is_double_array(matrix)) fetch(PyArray_DIMS(as_array(matrix)));
   }
   const npy_intp columns = PyArray_DIM(block, 1);
@@ -35,25 +34,22 @@ bool find_rows(std::span<PyObject* const> matrices, npy_intp row, PyArrayObject*
 }  // namespace
 
 void copy_signal_rows(const Namespace& space, PyObject* pool, SequenceIterator& ids, npy_intp row,
-                      PyObject* block, kernels::ColumnMean* sums) {
-  const npy_intp count = PyArray_DIM(as_array(block), 0);
-  const npy_intp columns = PyArray_DIM(as_array(block), 1);
+                      PyObject* block, npy_intp columns, kernels::ColumnMean* sums) {
   SignalBatch signals;
   Rows rows;
-  while (true) {
-    const std::span<PyObject* const> next = ids.ahead(SignalBatch::most);
+  while (signals.find(pool, ids) && signals.read(space.names.weights)) {
     const npy_intp first = ids.position() + 1;
-    if (next.empty() || first + std::ssize(next) > count || !signals.find(pool, next) ||
-        !signals.read(space.names.weights) ||
+    if (!is_writeable_block(block, columns) ||
+        first + static_cast<npy_intp>(signals.size()) > PyArray_DIM(as_array(block), 0) ||
         !find_rows(signals.values(), row, as_array(block), rows)) {
       return;
     }
     double* const target = doubles(block) + first * columns;
-    for (std::size_t place = 0; place < next.size(); ++place) {
+    for (std::size_t place = 0; place < signals.size(); ++place) {
       copy_matrix_row(rows[place], columns, target + static_cast<npy_intp>(place) * columns);
     }
-    if (sums != nullptr) sums->add(target, next.size());
-    ids.skip(next.size());
+    if (sums != nullptr) sums->add(target, signals.size());
+    ids.skip(signals.size());
   }
 }
 

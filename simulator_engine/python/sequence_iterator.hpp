@@ -14,10 +14,10 @@ class SequenceIterator {
 
   /// The next item, or empty at the end.
   Object next();
-  /// The next items, at most `most`, borrowed; empty at the end, and always where they are not
-  /// there to be seen before they are asked for.
-  std::span<PyObject* const> ahead(std::size_t most) const;
-  /// Passes over items that ahead() gave.
+  /// Takes down the next items, as many as there is room for, and returns their number: none at the
+  /// end, and always where they are not there to be seen before they are asked for.
+  std::size_t look_ahead(std::span<Object> items) const;
+  /// Passes over items that were seen ahead.
   void skip(std::size_t count) noexcept { next_position_ += static_cast<Py_ssize_t>(count); }
   /// The position of the item that next() returned last.
   Py_ssize_t position() const noexcept { return next_position_ - 1; }

@@ -674,3 +674,51 @@ def test_a_failing_filter_leaves_the_buffer_of_the_context(evaluator, monkeypatc
     with pytest.raises(Exception, match="Filtration returned 0 signals for filters: first"):
         evaluator.evaluate(FILTERED, context)
     assert context.extraction_buffer is before
+
+
+class Colliding:
+    """A key that meets the look-up of an id, and acts when it is compared."""
+
+    def __init__(self, sid: str, act: Any) -> None:
+        self.hash, self.act = hash(sid), act
+
+    def __hash__(self) -> int:
+        return self.hash
+
+    def __eq__(self, other: object) -> bool:
+        self.act()
+        return False
+
+
+@pytest.mark.parametrize("what", ["signals", "ids", "matrices", "buffer"])
+def test_a_key_that_acts_while_signals_are_looked_up(evaluator, monkeypatch, what):
+    """Nothing is read that is no longer there, whatever comes of the run."""
+    ids = list("abcd" * 8)
+    pool: dict[Any, Any] = {}
+    kept: list[np.ndarray] = []
+
+    def act() -> None:
+        if not kept:
+            return
+        if what == "signals":
+            for sid in "abc":
+                pool[sid] = UsefulSignal(np.full((ROWS, 3), 1.0))
+        elif what == "ids":
+            ids.clear()
+        elif what == "matrices":
+            for sid in "abc":
+                pool[sid].weights = np.full((ROWS, 3), 1.0)
+        else:
+            kept[0].base.resize(1, refcheck=False)
+        np.full((64, 3), 9.0)
+
+    pool[Colliding("d", act)] = UsefulSignal(np.zeros((ROWS, 3)))
+    pool.update({sid: UsefulSignal(np.full((ROWS, 3), 1.0)) for sid in "abcd"})
+    replace_filters(monkeypatch, evaluator, first=ids)
+    instance = stateful(lambda rows, **_: kept.append(rows) or 0.0)
+    try:
+        _, context = run(evaluator, FILTERED, instance, pool=pool)
+    except Exception as error:
+        assert what in ("ids", "buffer"), error
+    else:
+        assert np.isin(context.extraction_buffer, [1.0]).all()
