@@ -30,8 +30,19 @@ graph, options = roads[sys.argv[2]]
 context = make_context(evaluator, features, validate_inputs=False, **options)
 # The signal comes from the system: another thread would have to wait for the interpreter.
 signal.signal(signal.SIGALRM, signal.default_int_handler)
-signal.setitimer(signal.ITIMER_REAL, DELAY)
-sent = time.perf_counter() + DELAY
+
+
+class Context(type(context)):
+    @property
+    def _collect_node_outputs(self):
+        # Asked for shortly before the first row.
+        global sent
+        signal.setitimer(signal.ITIMER_REAL, DELAY)
+        sent = time.perf_counter() + DELAY
+        return False
+
+
+context.__class__ = Context
 try:
     evaluator.evaluate(graph, context, data_nan_features=["unused"])
 except KeyboardInterrupt as error:
