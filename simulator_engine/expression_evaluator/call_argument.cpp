@@ -17,6 +17,11 @@ PyObject* CallArgument::view(const Registers& registers, graph_prep::NodeIndex s
   return array_;
 }
 
+void CallArgument::end_call(PyObject* result) {
+  const Py_ssize_t own = array_.get() == result ? 2 : 1;
+  if (Py_REFCNT(array_.get()) != own || array_fields(array_)->weakreflist != nullptr) array_ = {};
+}
+
 bool CallArgument::is_untouched(npy_intp columns, PyObject* base) const {
   if (array_.empty() || Py_REFCNT(array_.get()) != 1) return false;
   const PyArrayObject_fields* fields = array_fields(array_);

@@ -14,6 +14,9 @@ class CallArgument {
   /// The live view of a node's register, the same one in every call.
   PyObject* view(const Registers& registers, graph_prep::NodeIndex source);
 
+  /// After the call: lets go of an array that others may still reach, whose end they could tell.
+  void end_call(PyObject* result);
+
  private:
   bool is_untouched(npy_intp columns, PyObject* base) const;
   void adopt(Object array);

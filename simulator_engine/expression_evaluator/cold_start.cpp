@@ -58,7 +58,7 @@ Object extract(const Run& run, PyObject* passing_ids, Py_ssize_t count, npy_intp
   const bool is_plain = has_plain_attribute(Py_TYPE(run.context.get()), names.useful_signals);
   while (true) {
     const auto pool = [&] { return attribute(run.context, names.useful_signals); };
-    if (is_plain) copy_signal_rows(run.space, pool(), ids, row, block, run.columns, nullptr);
+    if (is_plain && !ids.ahead(1).empty()) copy_signal_rows(run, pool(), ids, row, block, nullptr);
     const Object id = ids.next();
     if (id.empty()) return block;
     const Object values = item(attribute(item(pool(), id), names.weights), row_key(row));

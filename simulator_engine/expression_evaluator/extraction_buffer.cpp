@@ -22,23 +22,29 @@ void ExtractionBuffer::fill(PyObject* passing_ids, Py_ssize_t count, npy_intp ro
   if (has_sums_) sums_.begin(static_cast<std::size_t>(run_.columns));
   SequenceIterator ids(Object::share(passing_ids));
   while (true) {
-    if (useful_signals_.is_plain()) {
-      copy_signal_rows(run_.space, useful_signals_.get(), ids, row, run_.extraction_buffer,
-                       run_.columns, has_sums_ ? &sums_ : nullptr);
+    if (useful_signals_.is_plain() && !ids.ahead(1).empty()) {
+      copy_signal_rows(run_, useful_signals_.get(), ids, row, run_.extraction_buffer,
+                       has_sums_ ? &sums_ : nullptr);
     }
     const Object id = ids.next();
+    if (!ids.is_plain()) ++run_.foreign_code_count;
     if (id.empty()) break;
     has_sums_ = false;
     copy_row(id, ids.position(), row);
   }
   sums_.end();
   const bool is_whole = ids.position() + 1 == count;
-  const bool is_shared = Py_REFCNT(run_.extraction_buffer.get()) > 1;  // and may be written to
+  // Others may write to it.
+  const bool is_shared = Py_REFCNT(run_.extraction_buffer.get()) > 1 ||
+                         array_fields(run_.extraction_buffer)->weakreflist != nullptr;
   if (!is_whole || is_shared) has_sums_ = false;
 }
 
 /// A buffer of any other number of rows is replaced, not sliced.
 void ExtractionBuffer::fit(Py_ssize_t count) {
+  if (!run_.extraction_buffer.is_none() && PyArray_NDIM(as_array(run_.extraction_buffer)) == 0) {
+    raise_text(PyExc_IndexError, "tuple index out of range");
+  }
   if (run_.extraction_buffer.is_none() || length(run_.extraction_buffer) != count) {
     run_.extraction_buffer = zeros(count, run_.columns);
   }
@@ -90,7 +96,8 @@ Object ExtractionBuffer::first_rows(Py_ssize_t count) const {
 
 Object ExtractionBuffer::mean(PyObject* rows) {
   // NumPy adds a single column pairwise.
-  if (PyArray_NDIM(as_array(rows)) == 2 && PyArray_DIM(as_array(rows), 0) > 0 && run_.columns > 1 &&
+  if (PyArray_NDIM(as_array(rows)) == 2 && PyArray_DIM(as_array(rows), 0) > 0 &&
+      PyArray_DIM(as_array(rows), 1) == run_.columns && run_.columns > 1 &&
       is_contiguous_double_array(rows)) {
     Object result = empty_vector(run_.columns);
     if (mean_by_kernel(rows, doubles(result))) return result;

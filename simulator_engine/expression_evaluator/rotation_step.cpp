@@ -2,6 +2,7 @@
 
 #include "expression_evaluator/data_nan.hpp"
 #include "expression_evaluator/function_output.hpp"
+#include "python/gil.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::evaluation {
@@ -103,31 +104,45 @@ void RotationStep::release_arguments(const Node& node, Call& call) {
 
 /// The instance's result; empty where it failed.
 Object RotationStep::call_instance(const Node& node, Call& call) {
+  const auto argument = [&](std::size_t place) -> CallArgument& {
+    return call.in_bound_run ? arguments_[node.first_child + place].view : copies_[place];
+  };
   constexpr std::size_t first_argument = 2;
   std::size_t count = 0;
   for (; count < call.argument_count; ++count) {
-    auto& [source, view] = arguments_[node.first_child + count];
-    stack_[first_argument + count] =
-        call.in_bound_run ? view.view(registers_, source) : copies_[count].copy(registers_, source);
+    const NodeIndex source = arguments_[node.first_child + count].source;
+    stack_[first_argument + count] = call.in_bound_run ? argument(count).view(registers_, source)
+                                                       : argument(count).copy(registers_, source);
   }
   PyObject* names = nullptr;
   if (!node.is_bound) {
     stack_[first_argument + count] = run_.context;
     names = run_.space.context_keyword;
   }
+  Object result = vectorcall(node.instance, stack_.data() + first_argument, count, names);
+  for (std::size_t place = 0; place < count; ++place) argument(place).end_call(result);
+  return result;
+}
+
+/// Calls with arguments that have two free places before them.
+Object RotationStep::vectorcall(const Object& instance, PyObject** arguments, std::size_t count,
+                                PyObject* names) const {
   // A class written in Python is called through its function, as the interpreter would do after
   // two more look-ups.
-  PyTypeObject* type = Py_TYPE(node.instance.get());
-  PyObject* entry = find_on_type(type, run_.space.names.call_);
-  if (entry != nullptr && PyFunction_Check(entry) &&
-      !PyType_HasFeature(type, Py_TPFLAGS_HAVE_VECTORCALL)) {
-    const Object function = Object::share(entry);
-    stack_[1] = node.instance;
-    return Object::own_or_empty(PyObject_Vectorcall(
-        function, stack_.data() + 1, (count + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+  PyTypeObject* type = Py_TYPE(instance.get());
+  const Object entry = Object::share(find_on_type(type, run_.space.names.call_));
+  const bool by_function = !entry.empty() && PyFunction_Check(entry.get()) &&
+                           !PyType_HasFeature(type, Py_TPFLAGS_HAVE_VECTORCALL);
+  if (by_function) {
+    arguments[-1] = instance;
+    return Object::own_or_empty(entered([&] {
+      return PyObject_Vectorcall(entry, arguments - 1, (count + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                 names);
+    }));
   }
-  return Object::own_or_empty(PyObject_Vectorcall(node.instance, stack_.data() + first_argument,
-                                                  count | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+  return Object::own_or_empty(entered([&] {
+    return PyObject_Vectorcall(instance, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, names);
+  }));
 }
 
 }  // namespace quernbrook::evaluation

@@ -34,6 +34,8 @@ class RotationStep {
   bool is_argument(graph_prep::NodeIndex child, bool is_config, bool with_config) const;
   void release_arguments(const graph_prep::Node& node, Call& call);
   Object call_instance(const graph_prep::Node& node, Call& call);
+  Object vectorcall(const Object& instance, PyObject** arguments, std::size_t count,
+                    PyObject* names) const;
 
   Run& run_;
   const Registers& registers_;

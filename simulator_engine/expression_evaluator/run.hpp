@@ -6,6 +6,7 @@
 #include "graph_prep/node_table.hpp"
 #include "host/namespace.hpp"
 #include "python/numpy_api.hpp"
+#include "python/string_keys.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -53,6 +54,9 @@ struct Run {
   std::vector<std::uint8_t> is_data_nan;
   bool tracks_data_nan = false;
   Object missing_row;  // a row of NaNs once there was one to store
+
+  /// Of the pool of signals.
+  mutable python::StringKeys pool_keys;
 
   /// Grows whenever foreign code may have run: what was read from the host before may be stale.
   std::uint64_t foreign_code_count = 0;

@@ -55,10 +55,10 @@ bool all_fit(const Namespace& space, PyObject* useful_signals, PyObject* feature
   };
   const npy_intp rows = dimension(0);
   const npy_intp columns = dimension(1);
-  const auto have_shapes = [&](std::span<const Object> arrays, int axes) {
-    return std::all_of(arrays.begin(), arrays.end(), [&](const Object& array) {
-      if (array.is_none()) return true;
-      return PyArray_CheckExact(array.get()) && PyArray_NDIM(as_array(array)) >= axes &&
+  const auto have_shapes = [&](std::span<PyObject* const> arrays, int axes) {
+    return std::all_of(arrays.begin(), arrays.end(), [&](PyObject* array) {
+      if (array == Py_None) return true;
+      return PyArray_CheckExact(array) && PyArray_NDIM(as_array(array)) >= axes &&
              PyArray_DIM(as_array(array), 0) == rows &&
              (axes == 1 ||
               (PyArray_NDIM(as_array(array)) == 2 && PyArray_DIM(as_array(array), 1) == columns));

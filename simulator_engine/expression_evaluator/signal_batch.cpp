@@ -1,6 +1,7 @@
 #include "expression_evaluator/signal_batch.hpp"
 
 #include "python/protocol.hpp"
+#include "python/string_keys.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -20,56 +21,48 @@ void fetch_table([[maybe_unused]] PyObject* dictionary) {
 #endif
 }
 
-/// The entry, or empty without an error.
-Object find_item(PyObject* dictionary, PyObject* key) {
-  PyObject* found = PyDict_GetItemWithError(dictionary, key);
-  if (found != nullptr) return Object::share(found);
-  PyErr_Clear();
-  return {};
-}
-
 }  // namespace
 
-bool SignalBatch::find(PyObject* pool, const SequenceIterator& ids) {
-  values_.fill({});  // before the ids are seen: what is let go may have a finaliser
-  count_ = ids.look_ahead(values_);
-  if (count_ == 0 || !PyDict_CheckExact(pool)) return false;
-  for (std::size_t place = 0; place < count_; ++place) {
-    if (!PyUnicode_CheckExact(values_[place].get())) return false;
-    signals_[place] = find_item(pool, values_[place]);
-    if (signals_[place].empty()) return false;
-    fetch(signals_[place].get());
+void SignalBatch::add(PyObject* signal) {
+  fetch(signal);
+  signals_[count_++] = signal;
+}
+
+bool SignalBatch::find(PyObject* pool, std::span<PyObject* const> ids) {
+  count_ = 0;
+  for (PyObject* id : ids) {
+    PyObject* signal = PyUnicode_CheckExact(id) ? PyDict_GetItemWithError(pool, id) : nullptr;
+    if (signal == nullptr) return false;
+    add(signal);
   }
-  return true;
+  return count_ > 0;
 }
 
 bool SignalBatch::take(PyObject* pool, Py_ssize_t& place) {
+  count_ = 0;
   PyObject* signal = nullptr;
-  for (count_ = 0; count_ < most && PyDict_Next(pool, &place, nullptr, &signal) != 0; ++count_) {
-    fetch(signal);
-    signals_[count_] = Object::share(signal);
-  }
+  while (count_ < most && PyDict_Next(pool, &place, nullptr, &signal) != 0) add(signal);
   return count_ > 0;
 }
 
 bool SignalBatch::read(PyObject* name) {
   const PyTypeObject* plain = nullptr;
   for (std::size_t place = 0; place < count_; ++place) {
-    PyTypeObject* type = Py_TYPE(signals_[place].get());
+    PyTypeObject* type = Py_TYPE(signals_[place]);
     if (type != plain && (type->tp_dictoffset <= 0 || !has_plain_attribute(type, name))) {
       return false;
     }
     plain = type;
-    PyObject* dictionary = dictionary_of(signals_[place]);
-    if (dictionary == nullptr) return false;
-    fetch(dictionary);
-    values_[place] = Object::share(dictionary);
+    values_[place] = dictionary_of(signals_[place]);
+    if (values_[place] == nullptr) return false;
+    fetch(values_[place]);
   }
-  for (const Object& dictionary : values()) fetch_table(dictionary);
+  for (PyObject* dictionary : values()) fetch_table(dictionary);
   for (std::size_t place = 0; place < count_; ++place) {
-    values_[place] = find_item(values_[place], name);
-    if (values_[place].empty()) return false;
-    fetch(values_[place].get());
+    if (!has_string_keys(values_[place])) return false;
+    values_[place] = PyDict_GetItemWithError(values_[place], name);
+    if (values_[place] == nullptr) return false;
+    fetch(values_[place]);
   }
   return true;
 }

@@ -3,33 +3,35 @@
 #include <array>
 #include <span>
 
-#include "python/sequence_iterator.hpp"
+#include "python/object.hpp"
 
 namespace quernbrook::evaluation {
 
 /// Some signals of a pool, whose attributes are read together: the objects on the way to a matrix
 /// lie scattered in memory, and each next one is fetched for all signals before it is read for any.
 ///
-/// Plain dictionaries run foreign code only where two keys have the same hash. Everything found is
-/// therefore held; otherwise a step returns false where foreign code would have a part in it, and
-/// nothing has happened then.
+/// Every step returns false where foreign code would have a part in it; none has run then, and
+/// nothing has happened. What is found is borrowed, until foreign code may run again.
 class SignalBatch {
  public:
   static constexpr std::size_t most = 16;
 
-  /// The signals of the ids to come, all of which the pool has; false at the end of the ids.
-  bool find(PyObject* pool, const python::SequenceIterator& ids);
+  /// The signals with these ids, at most `most`, in an exact dict whose keys are plain texts; false
+  /// where there is none.
+  bool find(PyObject* pool, std::span<PyObject* const> ids);
   /// The next signals of an exact dict; false at its end.
   bool take(PyObject* pool, Py_ssize_t& place);
   std::size_t size() const noexcept { return count_; }
 
   /// Reads the attribute `name` of all signals.
   bool read(PyObject* name);
-  std::span<const python::Object> values() const noexcept { return {values_.data(), count_}; }
+  std::span<PyObject* const> values() const noexcept { return {values_.data(), count_}; }
 
  private:
-  std::array<python::Object, most> signals_;
-  std::array<python::Object, most> values_;
+  void add(PyObject* signal);
+
+  std::array<PyObject*, most> signals_;
+  std::array<PyObject*, most> values_;
   std::size_t count_ = 0;
 };
 

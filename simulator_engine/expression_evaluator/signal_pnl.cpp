@@ -77,7 +77,7 @@ bool find_cell(PyObject* pnl, npy_intp row, npy_intp column, const double*& cell
 void store_ahead(const Run& run, PyObject* vector, SequenceIterator& ids, PyObject* column,
                  npy_intp row) {
   const host::Names& names = run.space.names;
-  if (!PyLong_CheckExact(column) ||
+  if (ids.ahead(1).empty() || !PyLong_CheckExact(column) ||
       !has_plain_attribute(Py_TYPE(run.context.get()), names.useful_signals)) {
     return;
   }
@@ -85,9 +85,10 @@ void store_ahead(const Run& run, PyObject* vector, SequenceIterator& ids, PyObje
   const npy_intp place_in_row = PyLong_AsLongAndOverflow(column, &overflow);
   if (overflow != 0 || place_in_row < 0) return;
   const Object signals = attribute(run.context, names.useful_signals);
+  if (!run.pool_keys.of(signals)) return;
   SignalBatch batch;
   std::array<const double*, SignalBatch::most> cells;
-  while (batch.find(signals, ids) && batch.read(names.pnl)) {
+  while (batch.find(signals, ids.ahead(SignalBatch::most)) && batch.read(names.pnl)) {
     const npy_intp first = ids.position() + 1;
     if (first + static_cast<npy_intp>(batch.size()) > PyArray_DIM(as_array(vector), 0)) return;
     for (std::size_t place = 0; place < batch.size(); ++place) {

@@ -15,8 +15,9 @@ namespace {
 using Rows = std::array<MatrixRow, SignalBatch::most>;
 
 /// False where a row can't be read where it lies.
-bool find_rows(std::span<const Object> matrices, npy_intp row, PyArrayObject* block, Rows& found) {
-  for (const Object& matrix : matrices) {
+bool find_rows(std::span<PyObject* const> matrices, npy_intp row, PyArrayObject* block,
+               Rows& found) {
+  for (PyObject* matrix : matrices) {
     if (is_double_array(matrix)) fetch(PyArray_DIMS(as_array(matrix)));
   }
   const npy_intp columns = PyArray_DIM(block, 1);
@@ -33,23 +34,27 @@ bool find_rows(std::span<const Object> matrices, npy_intp row, PyArrayObject* bl
 
 }  // namespace
 
-void copy_signal_rows(const Namespace& space, PyObject* pool, SequenceIterator& ids, npy_intp row,
-                      PyObject* block, npy_intp columns, kernels::ColumnMean* sums) {
+void copy_signal_rows(const Run& run, PyObject* pool, SequenceIterator& ids, npy_intp row,
+                      PyObject* block, kernels::ColumnMean* sums) {
+  if (!run.pool_keys.of(pool) || !is_writeable_block(block, run.columns)) return;
+  const npy_intp count = PyArray_DIM(as_array(block), 0);
   SignalBatch signals;
   Rows rows;
-  while (signals.find(pool, ids) && signals.read(space.names.weights)) {
+  while (true) {
+    const std::span<PyObject* const> next = ids.ahead(SignalBatch::most);
     const npy_intp first = ids.position() + 1;
-    if (!is_writeable_block(block, columns) ||
-        first + static_cast<npy_intp>(signals.size()) > PyArray_DIM(as_array(block), 0) ||
+    if (first + std::ssize(next) > count || !signals.find(pool, next) ||
+        !signals.read(run.space.names.weights) ||
         !find_rows(signals.values(), row, as_array(block), rows)) {
       return;
     }
-    double* const target = doubles(block) + first * columns;
-    for (std::size_t place = 0; place < signals.size(); ++place) {
-      copy_matrix_row(rows[place], columns, target + static_cast<npy_intp>(place) * columns);
+    double* const target = doubles(block) + first * run.columns;
+    for (std::size_t place = 0; place < next.size(); ++place) {
+      copy_matrix_row(rows[place], run.columns,
+                      target + static_cast<npy_intp>(place) * run.columns);
     }
-    if (sums != nullptr) sums->add(target, signals.size());
-    ids.skip(signals.size());
+    if (sums != nullptr) sums->add(target, next.size());
+    ids.skip(next.size());
   }
 }
 

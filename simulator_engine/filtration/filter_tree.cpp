@@ -124,7 +124,10 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
     // An operator of a subclass of str may have a text of its own, which shows for some only.
     if (equal(operation, names.filtration)) {
       operation = names.filtration;
-      most = 1;
+      if (truth(children)) {
+        children = Object::own(PyTuple_Pack(1, item(children, integer(0)).get()));
+        most = 1;
+      }
     } else if (const Object gt = as_text("gt"); equal(operation, gt)) {
       operation = gt;
       host::ChildIterator operands(children);

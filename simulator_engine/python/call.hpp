@@ -3,6 +3,7 @@
 #include <array>
 #include <concepts>
 
+#include "python/finalization.hpp"
 #include "python/object.hpp"
 
 namespace quernbrook::python {
@@ -16,8 +17,10 @@ Object call(PyObject* callable, const Arguments&... arguments) {
   // The free place in front lets a bound method put its instance there without a copy.
   std::array<PyObject*, sizeof...(Arguments) + 1> stack{nullptr,
                                                         static_cast<PyObject*>(arguments)...};
-  return Object::own(PyObject_Vectorcall(
-      callable, stack.data() + 1, sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+  return Object::own(entered([&] {
+    return PyObject_Vectorcall(callable, stack.data() + 1,
+                               sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+  }));
 }
 
 /// `callable(*arguments)` whose last arguments are named by the tuple `names`.
@@ -26,8 +29,10 @@ Object call_named(PyObject* callable, PyObject* names, const Arguments&... argum
   std::array<PyObject*, sizeof...(Arguments) + 1> stack{nullptr,
                                                         static_cast<PyObject*>(arguments)...};
   const auto positional = sizeof...(Arguments) - static_cast<std::size_t>(PyTuple_GET_SIZE(names));
-  return Object::own(PyObject_Vectorcall(callable, stack.data() + 1,
-                                         positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+  return Object::own(entered([&] {
+    return PyObject_Vectorcall(callable, stack.data() + 1,
+                               positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names);
+  }));
 }
 
 /// `object.name(*arguments)`.
@@ -35,9 +40,11 @@ template <Reference... Arguments>
 Object call_method(PyObject* object, PyObject* name, const Arguments&... arguments) {
   std::array<PyObject*, sizeof...(Arguments) + 2> stack{nullptr, object,
                                                         static_cast<PyObject*>(arguments)...};
-  return Object::own(PyObject_VectorcallMethod(
-      name, stack.data() + 1, (sizeof...(Arguments) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-      nullptr));
+  return Object::own(entered([&] {
+    return PyObject_VectorcallMethod(name, stack.data() + 1,
+                                     (sizeof...(Arguments) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                     nullptr);
+  }));
 }
 
 }  // namespace quernbrook::python

@@ -4,6 +4,8 @@
 
 #include <chrono>
 
+#include "python/finalization.hpp"
+
 namespace quernbrook::python {
 
 /// Lets other Python threads run while this one computes on plain memory.
@@ -12,7 +14,9 @@ namespace quernbrook::python {
 class GilRelease {
  public:
   GilRelease() : state_(PyEval_SaveThread()) {}
-  ~GilRelease() { PyEval_RestoreThread(state_); }
+  ~GilRelease() {
+    entered([this] { PyEval_RestoreThread(state_); });
+  }
   GilRelease(const GilRelease&) = delete;
   GilRelease& operator=(const GilRelease&) = delete;
 

@@ -7,10 +7,10 @@ namespace quernbrook::python {
 Object optional_attribute(PyObject* object, PyObject* name) {
   PyObject* value = nullptr;
 #if PY_VERSION_HEX >= 0x030D0000
-  checked(PyObject_GetOptionalAttr(object, name, &value));
+  checked(entered([&] { return PyObject_GetOptionalAttr(object, name, &value); }));
 #else
   // Spares the making of an AttributeError that nobody sees.
-  checked(_PyObject_LookupAttr(object, name, &value));
+  checked(entered([&] { return _PyObject_LookupAttr(object, name, &value); }));
 #endif
   return Object::own_or_empty(value);
 }
@@ -25,7 +25,7 @@ bool compare(PyObject* left, PyObject* right, int operation) {
       PyUnicode_GET_LENGTH(left) != PyUnicode_GET_LENGTH(right)) {
     return false;
   }
-  return truth(Object::own(PyObject_RichCompare(left, right, operation)));
+  return truth(Object::own(entered([&] { return PyObject_RichCompare(left, right, operation); })));
 }
 
 Object larger(const Object& first, const Object& second) {
@@ -40,7 +40,7 @@ Object dict_item(PyObject* dict, PyObject* key) {
 }
 
 Object next(PyObject* iterator) {
-  Object value = Object::own_or_empty(PyIter_Next(iterator));
+  Object value = Object::own_or_empty(entered([&] { return PyIter_Next(iterator); }));
   if (value.empty() && PyErr_Occurred() != nullptr) throw ErrorSet{};
   return value;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "python/finalization.hpp"
 #include "python/object.hpp"
 
 // Python's own operations on any object, with failures thrown.
@@ -7,7 +8,7 @@ namespace quernbrook::python {
 
 /// `object.name`.
 inline Object attribute(PyObject* object, PyObject* name) {
-  return Object::own(PyObject_GetAttr(object, name));
+  return Object::own(entered([&] { return PyObject_GetAttr(object, name); }));
 }
 /// The attribute, or empty where reading it raises AttributeError.
 Object optional_attribute(PyObject* object, PyObject* name);
@@ -19,14 +20,16 @@ inline bool has_attribute(PyObject* object, PyObject* name) {
 }
 /// `object.name = value`.
 inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {
-  checked(PyObject_SetAttr(object, name, value));
+  checked(entered([&] { return PyObject_SetAttr(object, name, value); }));
 }
 
 /// `bool(object)`.
-inline bool truth(PyObject* object) { return checked(PyObject_IsTrue(object)) != 0; }
+inline bool truth(PyObject* object) {
+  return checked(entered([&] { return PyObject_IsTrue(object); })) != 0;
+}
 /// `isinstance(object, type)`.
 inline bool is_instance(PyObject* object, PyObject* type) {
-  return checked(PyObject_IsInstance(object, type)) != 0;
+  return checked(entered([&] { return PyObject_IsInstance(object, type); })) != 0;
 }
 inline bool is_instance(PyObject* object, PyTypeObject& type) {
   return is_instance(object, reinterpret_cast<PyObject*>(&type));
@@ -46,27 +49,29 @@ inline bool not_equal(PyObject* left, PyObject* right) { return compare(left, ri
 Object larger(const Object& first, const Object& second);
 /// `item in container`.
 inline bool contains(PyObject* container, PyObject* item) {
-  return checked(PySequence_Contains(container, item)) != 0;
+  return checked(entered([&] { return PySequence_Contains(container, item); })) != 0;
 }
 
 /// `container[key]`.
 inline Object item(PyObject* container, PyObject* key) {
-  return Object::own(PyObject_GetItem(container, key));
+  return Object::own(entered([&] { return PyObject_GetItem(container, key); }));
 }
 /// `container[key] = value`.
 inline void set_item(PyObject* container, PyObject* key, PyObject* value) {
-  checked(PyObject_SetItem(container, key, value));
+  checked(entered([&] { return PyObject_SetItem(container, key, value); }));
 }
 /// The value of an exact or derived dict's own table; empty when the key is absent.
 Object dict_item(PyObject* dict, PyObject* key);
 
 /// `len(object)`.
 inline Py_ssize_t length(PyObject* object) {
-  const Py_ssize_t size = PyObject_Size(object);
+  const Py_ssize_t size = entered([&] { return PyObject_Size(object); });
   if (size < 0) throw ErrorSet{};
   return size;
 }
-inline Object iterator(PyObject* object) { return Object::own(PyObject_GetIter(object)); }
+inline Object iterator(PyObject* object) {
+  return Object::own(entered([&] { return PyObject_GetIter(object); }));
+}
 /// The next item, or empty at the end.
 Object next(PyObject* iterator);
 /// The two items of `first, second = pair`.

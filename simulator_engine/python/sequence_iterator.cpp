@@ -26,16 +26,12 @@ Object SequenceIterator::next() {
   return item;
 }
 
-std::size_t SequenceIterator::look_ahead(std::span<Object> items) const {
-  if (sequence_.empty()) return 0;
+std::span<PyObject* const> SequenceIterator::ahead(std::size_t most) const {
+  if (!is_plain()) return {};
   const Py_ssize_t left = PySequence_Fast_GET_SIZE(sequence_.get()) - next_position_;
-  const std::size_t count =
-      std::min(items.size(), static_cast<std::size_t>(std::max<Py_ssize_t>(left, 0)));
-  for (std::size_t place = 0; place < count; ++place) {
-    items[place] = Object::share(
-        PySequence_Fast_ITEMS(sequence_.get())[next_position_ + static_cast<Py_ssize_t>(place)]);
-  }
-  return count;
+  if (left <= 0) return {};
+  return {PySequence_Fast_ITEMS(sequence_.get()) + next_position_,
+          std::min(most, static_cast<std::size_t>(left))};
 }
 
 }  // namespace quernbrook::python

@@ -14,9 +14,12 @@ class SequenceIterator {
 
   /// The next item, or empty at the end.
   Object next();
-  /// Takes down the next items, as many as there is room for, and returns their number: none at the
-  /// end, and always where they are not there to be seen before they are asked for.
-  std::size_t look_ahead(std::span<Object> items) const;
+  /// True where the items are there to be seen before they are asked for, so that next() runs no
+  /// foreign code.
+  bool is_plain() const noexcept { return !sequence_.empty(); }
+  /// The next items of a plain sequence, at most `most`, borrowed; empty at its end, and always
+  /// where it isn't plain.
+  std::span<PyObject* const> ahead(std::size_t most) const;
   /// Passes over items that were seen ahead.
   void skip(std::size_t count) noexcept { next_position_ += static_cast<Py_ssize_t>(count); }
   /// The position of the item that next() returned last.

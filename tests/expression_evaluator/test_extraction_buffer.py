@@ -722,3 +722,82 @@ def test_a_key_that_acts_while_signals_are_looked_up(evaluator, monkeypatch, wha
         assert what in ("ids", "buffer"), error
     else:
         assert np.isin(context.extraction_buffer, [1.0]).all()
+
+
+class ComparedId(str):
+    """An id that tells when it is compared, and may fail."""
+
+    __hash__ = str.__hash__
+    seen: list[str]
+    fault: BaseException | None = None
+
+    def __eq__(self, other: object) -> bool:
+        self.seen.append(str.__str__(self))
+        if self.fault is not None and len(self.seen) == 2:
+            raise self.fault
+        return str.__eq__(self, other)
+
+
+@pytest.mark.parametrize("fault", [None, ValueError("no"), KeyboardInterrupt()])
+def test_each_id_is_looked_up_once(evaluator, monkeypatch, fault):
+    seen: list[str] = []
+
+    def compared(sid: str) -> ComparedId:
+        key = ComparedId(sid)
+        key.seen, key.fault = seen, fault
+        return key
+
+    weights = np.ones((2, 3))
+    pool = {
+        compared("a"): UsefulSignal(weights),
+        "b": UsefulSignal(weights.astype(np.float32)),
+        compared("c"): UsefulSignal(weights),
+    }
+    replace_filters(monkeypatch, evaluator, first=["a", "b", "c"])
+    if fault is None:
+        run(evaluator, FILTERED, RecordingFunction(), pool=pool, rows=2)
+        assert seen == ["a", "c", "a", "c"]
+    else:
+        with lets_through(fault):
+            run(evaluator, FILTERED, RecordingFunction(), pool=pool, rows=2)
+        assert seen == ["a", "c"]
+
+
+def test_no_ids_need_no_pool(evaluator, monkeypatch):
+    replace_filters(monkeypatch, evaluator, first=[])
+
+    def take_pool(*_: Any, context: Any) -> float:
+        vars(context).pop("useful_signals", None)
+        return 0.0
+
+    graph = rotation("g", feature("a"), reduction("f", filtration("first")))
+    functions = {"f": stateful(0.0), "g": RecordingFunction(take_pool)}
+    context, _ = run_reductions(evaluator, graph, functions)
+    assert not hasattr(context, "useful_signals")
+
+
+def test_a_pool_that_the_ids_replace(evaluator, monkeypatch):
+    first, second = ({sid: UsefulSignal(np.full((ROWS, 3), k)) for sid in "ab"} for k in (1.0, 8.0))
+    instance = stateful()
+    context = reduction_context(evaluator, {"f": instance}, pool=first)
+
+    class Ids:
+        def __len__(self) -> int:
+            return 2
+
+        def __iter__(self) -> Any:
+            context.useful_signals = first
+            yield "a"
+            context.useful_signals = second
+            yield "b"
+
+    replace_filters(monkeypatch, evaluator, first=Ids())
+    evaluator.evaluate(FILTERED, context)
+    assert [given[:, 0].tolist() for given in blocks(instance)] == [[1.0, 8.0]] * ROWS
+
+
+def test_a_buffer_without_dimensions(evaluator, monkeypatch):
+    replace_filters(monkeypatch, evaluator, first=["a"])
+    spoil = stateful(lambda signals, **_: setattr(signals.base, "shape", ()) or 0.0)
+    with fails(IndexError, "tuple index out of range"):
+        run(evaluator, FILTERED, spoil, pool=make_pool("a", columns=1), columns=1)

@@ -492,3 +492,32 @@ def test_registers_resized_by_a_function(evaluator):
 
     context = run(evaluator, shrink, bound=True)
     same_bits(context.registers, np.stack([EXPECTED[-1], np.full(3, 2.0)]))
+
+
+@pytest.mark.parametrize("is_bound", [False, True])
+def test_an_argument_lives_no_longer_than_its_call(evaluator, is_bound):
+    events: list[str] = []
+    kept: list[Any] = []
+
+    class Keeping:
+        stateful = False
+
+        def __call__(self, row: np.ndarray, context: Any = None) -> np.ndarray:
+            events.append("call")
+            kept.append(weakref.ref(row, lambda _: events.append("gone")))
+            return row.copy()
+
+    class Next:
+        stateful = False
+
+        def __call__(self, row: np.ndarray, context: Any = None) -> np.ndarray:
+            events.append("next")
+            return row.copy()
+
+    functions = {"keep": Keeping(), "next": Next()}
+    bound = {"root": functions["next"], "root.c0": functions["keep"]} if is_bound else None
+    registry = RecordingRegistry(factories=functions)
+    context = make_context(evaluator, {"a": counting_matrix(3)}, registry=registry)
+    graph = rotation("next", rotation("keep", feature("a")))
+    evaluator.evaluate(graph, context, bound_function_instances=bound)
+    assert events == ["call", "gone", "next"] * 3

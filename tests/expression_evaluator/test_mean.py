@@ -3,16 +3,21 @@
 from __future__ import annotations
 
 import warnings
+import weakref
 from typing import Any
 
 import numpy as np
 import pytest
-from quernbrook.simulator_engine._types import FunctionExecutionError, UsefulSignal
+from quernbrook.simulator_engine._types import (
+    EvaluationShapeError,
+    FunctionExecutionError,
+    UsefulSignal,
+)
 from support.functions import RecordingFunction, raising
-from support.graphs import filtration, reduction, rotation
+from support.graphs import feature, filtration, reduction, rotation
 from support.pools import make_pool, replace_filters
 from support.reductions import reduction_context, stateful
-from support.runs import same_bits
+from support.runs import fails, same_bits
 
 PLAIN = reduction("f")
 COUNTS = (1, 2, 3, 4, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 127, 128, 129, 136, 255, 257, 1000)
@@ -183,6 +188,62 @@ def test_what_a_reduction_writes_later_through_a_view_that_it_kept(evaluator, mo
     plain, written = (97.0 + 98.0) / 2, (5.0 + 98.0) / 2
     expected_rows = [plain] * when + [written] * (4 - when)
     same_bits(result.weights, np.repeat(np.array(expected_rows)[:, np.newaxis], 3, axis=1))
+
+
+def test_a_buffer_whose_form_changes_before_its_mean(evaluator, monkeypatch):
+    replace_filters(monkeypatch, evaluator, first=list("abcd"))
+    graph = reduction("f", filtration("first"), reduction("g", filtration("first")))
+    pool = make_pool("abcd", rows=2, columns=6)
+    for change, columns in [
+        (lambda base: setattr(base, "shape", (8, 3)), 3),
+        (lambda base: base.resize((4, 2), refcheck=False), 2),
+    ]:
+        spoil = stateful(lambda signals, change=change, **_: change(signals.base) or 0.0)
+        functions = {"f": uncalled(), "g": spoil}
+        context = reduction_context(evaluator, functions, pool=pool, rows=2, columns=6)
+        text = f"Function 'f' returned shape ({columns},), expected (6,) at row 0"
+        with fails(EvaluationShapeError, text):
+            evaluator.evaluate(graph, context)
+
+
+class Plain:
+    """A stateful reduction that keeps nothing of its calls."""
+
+    stateful = True
+
+    def __init__(self, act: Any) -> None:
+        self.act = act
+
+    def __call__(self, signals: np.ndarray, signal_pnl: np.ndarray) -> float:
+        self.act(signals)
+        return 0.0
+
+    def get_state(self) -> None:
+        return None
+
+
+def test_what_is_written_through_a_weak_reference(evaluator, monkeypatch):
+    replace_filters(monkeypatch, evaluator, first=["a", "b"], second=["b", "c"])
+    kept: list[Any] = []
+
+    def write(*_: Any, **__: Any) -> float:
+        kept[-1]()[:] = -5.0
+        return 0.0
+
+    graph = rotation(
+        "last",
+        reduction("keep", filtration("first")),
+        reduction("f", filtration("first")),
+        reduction("f", filtration("second"), rotation("write", feature("a"))),
+    )
+    functions = {
+        "f": uncalled(),
+        "keep": Plain(lambda signals: kept.append(weakref.ref(signals.base))),
+        "write": RecordingFunction(write),
+        "last": RecordingFunction(lambda *rows, **_: rows[-1]),
+    }
+    result = evaluator.evaluate(graph, reduction_context(evaluator, functions))
+    same_bits(result.weights, np.full((4, 3), -5.0))
 
 
 # --- warnings ------------------------------------------------------------------------------------

@@ -157,3 +157,13 @@ class Shown(str):
 def test_names_with_a_text_of_their_own(evaluator, tree, text):
     described = node(tree.type, Shown(tree.node), tree.children)
     assert evaluator._describe_dict_filter(described) == text
+
+
+@pytest.mark.parametrize(
+    ("children", "error"), [(iter([LOW]), TypeError), ({LOW.node}, TypeError), ({1: LOW}, KeyError)]
+)
+def test_the_first_child_is_taken_by_its_place(evaluator, children, error):
+    described = filtration("filtration")
+    described.children = children
+    with pytest.raises(error):
+        evaluator._describe_dict_filter(described)

@@ -2,7 +2,10 @@
 
 from __future__ import annotations
 
+import os
 import pickle
+import subprocess
+import sys
 import threading
 import time
 from collections.abc import Callable
@@ -146,6 +149,59 @@ def test_ranks_of_a_matrix_that_others_write(evaluator: ModuleType) -> None:
 
     in_threads(write, rank)
     assert ranked
+
+
+CHILD = """
+import importlib, sys, threading, time
+import numpy as np
+from support.functions import RecordingFunction
+from support.graphs import feature, integer, reduction, rotation
+from support.leak_roads import STUBS, functions_registry
+from support.pools import make_pool
+from support.runs import make_context
+
+evaluator = importlib.import_module(sys.argv[1])
+ROWS = 100_000
+features = {"a": np.random.default_rng(0).random((ROWS, 20))}
+roads = {
+    "function": (rotation("f", feature("a")), {"registry": functions_registry()}),
+    "reduction": (
+        reduction("mean"),
+        {"registry": functions_registry(), "useful_signals": make_pool("abc", ROWS, 20)},
+    ),
+    "kernel": (rotation("longitudinal_mean", feature("a"), integer(9)), {"registry": STUBS}),
+}
+graph, options = roads[sys.argv[2]]
+
+def work():
+    context = make_context(evaluator, features, **options)
+    while True:
+        evaluator.evaluate(graph, context)
+
+for _ in range(2):
+    threading.Thread(target=work, daemon=True).start()
+time.sleep(0.3)
+"""
+MODULES = {
+    "native": "quernbrook.simulator_engine.expression_evaluator",
+    "reference": "reference_evaluator",
+}
+
+
+@pytest.mark.parametrize("road", ["function", "reduction", "kernel"])
+def test_an_interpreter_ends_while_threads_evaluate(
+    evaluator: ModuleType, request: pytest.FixtureRequest, road: str
+) -> None:
+    module = MODULES[request.node.callspec.params["evaluator"]]
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
+    finished = subprocess.run(
+        [sys.executable, "-c", CHILD, module, road],
+        env=env,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    assert (finished.returncode, finished.stderr) == (0, "")
 
 
 # --- other Python threads beside a kernel --------------------------------------------------------

@@ -222,20 +222,20 @@ RowSorter::Outcome RowSorter::sort_by_bits(const double* cells) {
 
 // For the rest, such as values close together with one far away.
 RowSorter::Outcome RowSorter::sort_by_comparison(const double* cells) {
-  const auto key = [cells](std::uint32_t column) {
-    return std::isnan(cells[column]) ? infinity : cells[column];
-  };
+  // Another thread may write into the cells meanwhile, and a sort whose values change can leave its
+  // bounds.
+  std::vector<double> values(columns_);
   for (std::size_t column = 0; column < columns_; ++column) {
+    values[column] = std::isnan(cells[column]) ? infinity : cells[column];
     keys_[column] = static_cast<std::uint32_t>(column);
   }
   column_mask_ = std::numeric_limits<std::uint32_t>::max();
-  // Stays within its bounds also where another thread writes into the cells meanwhile.
-  std::stable_sort(keys_.begin(), keys_.end(),
-                   [&](std::uint32_t left, std::uint32_t right) { return key(left) < key(right); });
+  std::sort(keys_.begin(), keys_.end(),
+            [&](std::uint32_t left, std::uint32_t right) { return values[left] < values[right]; });
   const auto begin = keys_.begin() + static_cast<std::ptrdiff_t>(census_.negative_infinities);
   const auto end = begin + static_cast<std::ptrdiff_t>(census_.finite);
-  const auto tie = std::adjacent_find(begin, end, [cells](std::uint32_t left, std::uint32_t right) {
-    return cells[left] == cells[right];
+  const auto tie = std::adjacent_find(begin, end, [&](std::uint32_t left, std::uint32_t right) {
+    return values[left] == values[right];
   });
   return tie == end ? Outcome::sorted : Outcome::tied;
 }

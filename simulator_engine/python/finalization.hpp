@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cxxabi.h>
+#include <unistd.h>
+
+namespace quernbrook::python {
+
+/// Runs what may wait for the interpreter.
+///
+/// An interpreter that is about to end doesn't let daemon threads back in: it has the system unwind
+/// their stacks, without the interpreter's lock. No destructor of ours may run then, so that the
+/// thread rests here until the process is gone.
+template <class Work>
+decltype(auto) entered(Work&& work) {
+  try {
+    return work();
+  } catch (const abi::__forced_unwind&) {
+    while (true) pause();
+  }
+}
+
+}  // namespace quernbrook::python
