@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cxxabi.h>
 #include <unistd.h>
 
 namespace quernbrook::python {
@@ -14,7 +13,7 @@ template <class Work>
 decltype(auto) entered(Work&& work) {
   try {
     return work();
-  } catch (const abi::__forced_unwind&) {
+  } catch (...) {  // the C API throws nothing else
     while (true) pause();
   }
 }
