@@ -167,6 +167,16 @@ def test_wide_matrices(evaluator: ModuleType, columns: int, holes: float) -> Non
     require_rank(evaluator, data)
 
 
+@pytest.mark.parametrize("columns", [30, 300, 2000, 5000])
+def test_infinities_beside_crowded_values(evaluator: ModuleType, columns: int) -> None:
+    """They keep their columns' order also where only comparisons can tell the values apart."""
+    draw = np.random.default_rng(columns)
+    data = 1e9 + draw.standard_normal((6, columns))
+    data[:, ::7], data[:, 1::7], data[:, 2::7] = INF, -INF, NAN
+    data[:, 3:5] = -1e300, 1e300
+    require_rank(evaluator, data)
+
+
 @pytest.mark.parametrize("layout", list(layouts(np.zeros((1, 1)))))
 @pytest.mark.parametrize("masked", [False, True])
 def test_layouts(evaluator: ModuleType, layout: str, masked: bool) -> None:

@@ -34,7 +34,10 @@ def test(arguments: Sequence[str]) -> int:
         kernels = cmake_build(KERNEL_TESTS, build) or tool(
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
-    return python("-m", "pytest", *arguments) or kernels
+    failed = python("-m", "pytest", *arguments)
+    if kernels != 0:
+        note("C++ tests failed; their output stands above pytest's.")
+    return failed or kernels
 
 
 def ensure_doctest() -> None:

@@ -230,8 +230,9 @@ RowSorter::Outcome RowSorter::sort_by_comparison(const double* cells) {
     keys_[column] = static_cast<std::uint32_t>(column);
   }
   column_mask_ = std::numeric_limits<std::uint32_t>::max();
-  std::sort(keys_.begin(), keys_.end(),
-            [&](std::uint32_t left, std::uint32_t right) { return values[left] < values[right]; });
+  std::sort(keys_.begin(), keys_.end(), [&](std::uint32_t left, std::uint32_t right) {
+    return values[left] < values[right] || (values[left] == values[right] && left < right);
+  });
   const auto begin = keys_.begin() + static_cast<std::ptrdiff_t>(census_.negative_infinities);
   const auto end = begin + static_cast<std::ptrdiff_t>(census_.finite);
   const auto tie = std::adjacent_find(begin, end, [&](std::uint32_t left, std::uint32_t right) {
