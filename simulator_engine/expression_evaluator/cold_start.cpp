@@ -1,5 +1,6 @@
 #include "expression_evaluator/instance_lifecycle.hpp"
 #include "expression_evaluator/matrix_row.hpp"
+#include "expression_evaluator/signal_batch.hpp"
 #include "expression_evaluator/signal_pnl.hpp"
 #include "expression_evaluator/signal_pool.hpp"
 #include "expression_evaluator/signal_rows.hpp"
@@ -56,14 +57,16 @@ Object extract(const Run& run, PyObject* passing_ids, Py_ssize_t count, npy_intp
   Object block = zeros(count, run.columns);
   SequenceIterator ids(Object::share(passing_ids));
   const bool is_plain = has_plain_attribute(Py_TYPE(run.context.get()), names.useful_signals);
-  while (true) {
-    const auto pool = [&] { return attribute(run.context, names.useful_signals); };
-    if (is_plain && !ids.ahead(1).empty()) copy_signal_rows(run, pool(), ids, row, block, nullptr);
-    const Object id = ids.next();
-    if (id.empty()) return block;
+  const auto pool = [&] { return attribute(run.context, names.useful_signals); };
+  const auto ahead = [&] {
+    if (is_plain) copy_signal_rows(run, pool(), ids, row, block, nullptr);
+  };
+  const auto one = [&](PyObject* id) {
     const Object values = item(attribute(item(pool(), id), names.weights), row_key(row));
     set_item(block, row_key(ids.position()), values);
-  }
+  };
+  visit_signals(ids, ahead, one);
+  return block;
 }
 
 Object pnl_of_row(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObject* column,

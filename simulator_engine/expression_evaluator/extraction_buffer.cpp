@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "expression_evaluator/matrix_row.hpp"
+#include "expression_evaluator/signal_batch.hpp"
 #include "expression_evaluator/signal_rows.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
@@ -21,18 +22,19 @@ void ExtractionBuffer::fill(PyObject* passing_ids, Py_ssize_t count, npy_intp ro
   has_sums_ = adds_up_;
   if (has_sums_) sums_.begin(static_cast<std::size_t>(run_.columns));
   SequenceIterator ids(Object::share(passing_ids));
-  while (true) {
-    if (useful_signals_.is_plain() && !ids.ahead(1).empty()) {
-      copy_signal_rows(run_, useful_signals_.get(), ids, row, run_.extraction_buffer,
-                       has_sums_ ? &sums_ : nullptr);
-    }
-    const Object id = ids.next();
+  const auto ahead = [&] {
+    if (!useful_signals_.is_plain()) return;
+    copy_signal_rows(run_, useful_signals_.get(), ids, row, run_.extraction_buffer,
+                     has_sums_ ? &sums_ : nullptr);
+  };
+  const auto one = [&](PyObject* id) {
     if (!ids.is_plain()) ++run_.foreign_code_count;
-    if (id.empty()) break;
     has_sums_ = false;
     copy_row(id, ids.position(), row);
-  }
-  sums_.end();
+  };
+  visit_signals(ids, ahead, one);
+  if (!ids.is_plain()) ++run_.foreign_code_count;
+  if (has_sums_) sums_.end();
   const bool is_whole = ids.position() + 1 == count;
   // Others may write to it.
   const bool is_shared = Py_REFCNT(run_.extraction_buffer.get()) > 1 ||

@@ -2,7 +2,7 @@
 
 #include "expression_evaluator/data_nan.hpp"
 #include "expression_evaluator/function_output.hpp"
-#include "python/gil.hpp"
+#include "python/finalization.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::evaluation {

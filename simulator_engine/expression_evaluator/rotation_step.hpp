@@ -28,6 +28,11 @@ class RotationStep {
     bool compares_kinds = false;
   };
 
+  struct Argument {
+    graph_prep::NodeIndex source = graph_prep::no_node;
+    CallArgument view;
+  };
+
   bool run_is_bound() const;
   bool takes_config_children(const graph_prep::Node& node, const Call& call) const;
   void choose_arguments(const graph_prep::Node& node, Call& call);
@@ -40,11 +45,6 @@ class RotationStep {
   Run& run_;
   const Registers& registers_;
   std::vector<Call> calls_;  // by node; idle for all but rotations
-  struct Argument {
-    graph_prep::NodeIndex source = graph_prep::no_node;
-    CallArgument view;
-  };
-
   /// The arguments of all nodes; a node's begin where its children do.
   std::vector<Argument> arguments_;
   /// Copies by their place in a call. All calls share them, so that they stay in the cache.

@@ -3,7 +3,7 @@
 #include <array>
 #include <span>
 
-#include "python/object.hpp"
+#include "python/sequence_iterator.hpp"
 
 namespace quernbrook::evaluation {
 
@@ -34,6 +34,20 @@ class SignalBatch {
   std::array<PyObject*, most> values_;
   std::size_t count_ = 0;
 };
+
+/// Goes through ids: `ahead()` takes as many as it can at once, `one(id)` the next few, so that a
+/// pool of odd signals isn't looked at ahead for each of them.
+template <class Ahead, class One>
+void visit_signals(python::SequenceIterator& ids, Ahead&& ahead, One&& one) {
+  while (true) {
+    if (!ids.ahead(1).empty()) ahead();
+    for (std::size_t count = 0; count < SignalBatch::most; ++count) {
+      const python::Object id = ids.next();
+      if (id.empty()) return;
+      one(id);
+    }
+  }
+}
 
 /// Has the processor fetch the cache line there.
 inline void fetch(const void* address) { __builtin_prefetch(address); }

@@ -77,7 +77,7 @@ bool find_cell(PyObject* pnl, npy_intp row, npy_intp column, const double*& cell
 void store_ahead(const Run& run, PyObject* vector, SequenceIterator& ids, PyObject* column,
                  npy_intp row) {
   const host::Names& names = run.space.names;
-  if (ids.ahead(1).empty() || !PyLong_CheckExact(column) ||
+  if (!PyLong_CheckExact(column) ||
       !has_plain_attribute(Py_TYPE(run.context.get()), names.useful_signals)) {
     return;
   }
@@ -113,12 +113,9 @@ Object configured_pnl_column(const Run& run, const graph_prep::Node& node) {
 void store_pnl_row(const Run& run, PyObject* vector, PyObject* passing_ids, PyObject* column,
                    npy_intp row) {
   SequenceIterator ids(Object::share(passing_ids));
-  while (true) {
-    store_ahead(run, vector, ids, column, row);
-    const Object id = ids.next();
-    if (id.empty()) return;
-    store_one(run, vector, ids.position(), id, column, row);
-  }
+  visit_signals(
+      ids, [&] { store_ahead(run, vector, ids, column, row); },
+      [&](PyObject* id) { store_one(run, vector, ids.position(), id, column, row); });
 }
 
 Object signal_pnl(const Run& run, PyObject* passing_ids, Py_ssize_t count, PyObject* pnl_column,

@@ -26,7 +26,7 @@ namespace {
 /// `factory(*arguments, **config)`; the factory never sees the dict itself.
 Object call_with_config(PyObject* factory, PyObject* arguments, PyObject* config) {
   const Object keywords = Object::own(PyDict_Copy(config));
-  return Object::own(PyObject_Call(factory, arguments, keywords));
+  return Object::own(entered([&] { return PyObject_Call(factory, arguments, keywords); }));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "fast_paths/kernels/universe_mask.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
+#include "python/gil.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::host {
@@ -29,9 +30,8 @@ Object mask_contiguous(PyObject* data, PyObject* universe) {
   const double* values = doubles(data);
   const double* mask = doubles(universe);
   double* target = doubles(result);
-  Py_BEGIN_ALLOW_THREADS;
+  const GilRelease release;
   kernels::mask_universe(values, 1, mask, 1, target, count);
-  Py_END_ALLOW_THREADS;
   return result;
 }
 

@@ -8,9 +8,9 @@ namespace quernbrook::host {
 
 /// The rule for data: NaN where the universe equals 0.0 or is NaN. `data` itself without a
 /// universe, else a new array.
+Object apply_universe_mask(const Namespace& space, PyObject* data, PyObject* universe);
 /// True for the module's own `_apply_universe_mask`, which a host can replace.
 bool is_own_mask_rule(PyObject* function);
-Object apply_universe_mask(const Namespace& space, PyObject* data, PyObject* universe);
 
 /// The rule for the context's `universe_mask`: 1 where its universe is finite and not zero.
 Object universe_mask(const Namespace& space, PyObject* context, npy_intp rows, npy_intp columns);

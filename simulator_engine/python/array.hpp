@@ -1,5 +1,6 @@
 #pragma once
 
+#include "python/finalization.hpp"
 #include "python/numpy_api.hpp"
 #include "python/object.hpp"
 
@@ -38,7 +39,7 @@ Object row_view(PyObject* matrix, npy_intp row);
 
 /// `view[...] = value`, with all of NumPy's rules for what may be assigned.
 inline void assign(PyObject* view, PyObject* value) {
-  checked(PyArray_CopyObject(as_array(view), value));
+  checked(entered([&] { return PyArray_CopyObject(as_array(view), value); }));
 }
 
 }  // namespace quernbrook::python

@@ -58,7 +58,8 @@ bool ContextManager::exit(PyObject* type, PyObject* value, PyObject* traceback) 
   for (PyObject* argument : {type, value, traceback}) {
     checked(PyTuple_SetItem(arguments, place++, Py_NewRef(argument)));
   }
-  const Object swallows = Object::own(PyObject_Call(exit_, arguments, nullptr));
+  const Object swallows =
+      Object::own(entered([&] { return PyObject_Call(exit_, arguments, nullptr); }));
   return value != Py_None && truth(swallows);
 }
 

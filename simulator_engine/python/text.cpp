@@ -4,7 +4,7 @@ namespace quernbrook::python {
 
 Object formatted(PyObject* object) {
   if (PyUnicode_CheckExact(object)) return Object::share(object);
-  return Object::own(PyObject_Format(object, nullptr));
+  return Object::own(entered([&] { return PyObject_Format(object, nullptr); }));
 }
 
 Object type_name(PyObject* object) {

@@ -3,6 +3,7 @@
 #include <concepts>
 #include <vector>
 
+#include "python/finalization.hpp"
 #include "python/object.hpp"
 
 namespace quernbrook::python {
@@ -12,7 +13,9 @@ Object formatted(PyObject* object);
 /// `type(object).__name__`.
 Object type_name(PyObject* object);
 /// `str(object)`.
-inline Object as_text(PyObject* object) { return Object::own(PyObject_Str(object)); }
+inline Object as_text(PyObject* object) {
+  return Object::own(entered([&] { return PyObject_Str(object); }));
+}
 inline Object as_text(const char* text) { return Object::own(PyUnicode_FromString(text)); }
 /// `separator.join(parts)`.
 Object join(const char* separator, PyObject* parts);

@@ -2,11 +2,8 @@
 
 from __future__ import annotations
 
-import os
-import subprocess
-import sys
-
 import pytest
+from support.children import run_child
 
 CHILD = """
 import importlib, signal, sys, threading, time
@@ -57,24 +54,12 @@ assert ended == (type(None), type(None), True), ended
 assert taken == [True]
 print(took)
 """
-MODULES = {
-    "native": "quernbrook.simulator_engine.expression_evaluator",
-    "reference": "reference_evaluator",
-}
 
 
 @pytest.mark.parametrize("road", ["literal", "reduction", "function"])
 def test_an_interrupt_ends_a_run(
     evaluator: object, request: pytest.FixtureRequest, road: str
 ) -> None:
-    module = MODULES[request.node.callspec.params["evaluator"]]
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
-    finished = subprocess.run(
-        [sys.executable, "-c", CHILD, module, road],
-        env=env,
-        capture_output=True,
-        text=True,
-        timeout=60,
-    )
+    finished = run_child(request, CHILD, road)
     assert finished.returncode == 0, finished.stderr
     assert float(finished.stdout) < 0.1

@@ -2,10 +2,7 @@
 
 from __future__ import annotations
 
-import os
 import pickle
-import subprocess
-import sys
 import threading
 import time
 from collections.abc import Callable
@@ -14,6 +11,7 @@ from typing import Any
 
 import numpy as np
 import pytest
+from support.children import run_child
 from support.graphs import feature, integer, rotation
 from support.leak_roads import STUBS, Function
 from support.runs import counting_matrix, make_context
@@ -182,25 +180,13 @@ for _ in range(2):
     threading.Thread(target=work, daemon=True).start()
 time.sleep(0.3)
 """
-MODULES = {
-    "native": "quernbrook.simulator_engine.expression_evaluator",
-    "reference": "reference_evaluator",
-}
 
 
 @pytest.mark.parametrize("road", ["function", "reduction", "kernel"])
 def test_an_interpreter_ends_while_threads_evaluate(
     evaluator: ModuleType, request: pytest.FixtureRequest, road: str
 ) -> None:
-    module = MODULES[request.node.callspec.params["evaluator"]]
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
-    finished = subprocess.run(
-        [sys.executable, "-c", CHILD, module, road],
-        env=env,
-        capture_output=True,
-        text=True,
-        timeout=60,
-    )
+    finished = run_child(request, CHILD, road)
     assert (finished.returncode, finished.stderr) == (0, "")
 
 
