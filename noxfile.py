@@ -1,7 +1,7 @@
 """The suite on every interpreter and NumPy, the distributions as users get them, coverage.
 
-Interpreters are taken from the PATH. `nox -s "tests-3.12(numpy='1.26')"` runs one session, and what
-follows `--` goes to pytest.
+Interpreters are taken from the PATH. `nox -s "tests(python='3.12', numpy='1.26')"` runs one
+session, and what follows `--` goes to pytest.
 """
 
 from __future__ import annotations
