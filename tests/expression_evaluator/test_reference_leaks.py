@@ -99,7 +99,7 @@ def growth(run: Callable[[], Any], watched: list[Any]) -> list[tuple[str, int]]:
 def lasting_growth(run: Callable[[], Any], watched: list[Any]) -> list[tuple[str, int]]:
     """A leak grows in every batch; caches of the interpreter and of NumPy fill only once."""
     found = growth(run, watched)
-    for _ in range(9):
+    for _ in range(24):
         if not found:
             break
         found = growth(run, watched)
