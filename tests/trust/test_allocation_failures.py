@@ -53,9 +53,9 @@ def test_every_allocation_of_every_road_fails_once(group: int) -> None:
         if finished.returncode == 0:
             break
         crashed = lines[-1].get("begun", "no road")
-        # CPython 3.13.0 crashes by itself where some of the host's calls find no memory.
-        itself = sweep("reference_evaluator", crashed).returncode == finished.returncode
-        assert itself, f"{crashed}: {finished.stderr}"
+        # CPython 3.12.1 and 3.13.0 crash by themselves where some host's calls find no memory.
+        crashes_itself = sweep("reference_evaluator", crashed).returncode < 0
+        assert crashes_itself, f"{crashed}: {finished.stderr}"
         roads = [road for road in roads if road != crashed]
         left = left[left.index(crashed) + 1 :]
     assert list(reports) == roads
