@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import copy
 import pickle
+from collections import UserDict
 from types import ModuleType
 from typing import Any
 
@@ -282,6 +283,45 @@ def test_a_copied_record_serves_as_well(evaluator: ModuleType, runs: int, again:
     same_bits(result.weights, expected.weights)
     same_bits(bound["root.c0"].calls[0].values[1], [9.0] * 3)
     assert graph._collect_nodes_cache is kept
+
+
+@pytest.mark.parametrize("mapping", [UserDict, Tables])
+def test_entries_can_be_other_mappings(
+    evaluator: ModuleType, runs: int, monkeypatch: pytest.MonkeyPatch, mapping: Any
+) -> None:
+    replace_filters(monkeypatch, evaluator, top=["b", "c"])
+    graph = rotation("f", reduction("mean", filtration("top"), string("gross_returns")))
+    pool = make_pool(rows=1)
+    options = {"useful_signals": pool, "features": {"a": counting_matrix(1)}}
+    instances = {"root": RecordingFunction(), "root.c0": stateful(state={})}
+    record = recorded(evaluator, graph, instances, **options, runs=runs)
+    record["node_info"] = {path: mapping(info) for path, info in record["node_info"].items()}
+    entry = record["reduction_nodes"]["root.c0"]
+    for column in ({}, {"pnl_column": "net_returns"}):
+        record["reduction_nodes"]["root.c0"] = mapping(entry, config=mapping(column))
+        vectors = {name: {"net_returns": 5.0, "gross_returns": 1.0} for name in "bc"}
+        bound_run(evaluator, graph, instances, signal_pnl_vectors=vectors, **options)
+        given = instances["root.c0"].calls[-1].kwargs["signal_pnl"]
+        assert given.tolist() == ([5.0, 5.0] if column else [1.0, 1.0])
+
+
+class Growing(UserDict):
+    """Instances that leave something in another dict when one is looked up."""
+
+    def __init__(self, instances: Any, other: dict[Any, Any]) -> None:
+        super().__init__(instances)
+        self.other = other
+
+    def __contains__(self, path: object) -> bool:
+        self.other[len(self.other)] = path
+        return super().__contains__(path)
+
+
+def test_a_table_that_grows_while_it_is_gone_through(evaluator: ModuleType, runs: int) -> None:
+    graph = nested()
+    keys = recorded(evaluator, graph, runs=runs)["state_keys"]
+    with fails(RuntimeError, "dictionary changed size during iteration"):
+        bound_run(evaluator, graph, Growing(bind_all(graph), keys))
 
 
 def test_a_record_can_change_again_and_again(evaluator: ModuleType, runs: int) -> None:

@@ -334,6 +334,17 @@ def test_wrong_arguments(evaluator: ModuleType, name: str) -> None:
             function(**{key: value for key, value in arguments.items() if key != missing})
 
 
+def test_keywords_of_any_spelling(evaluator: ModuleType) -> None:
+    class Text(str):
+        pass
+
+    arguments = valid_arguments(evaluator, "evaluate")
+    evaluator.evaluate(**{Text(name): value for name, value in arguments.items()})
+    for name in ("gräph", "Graph", "", "グラフ"):
+        with pytest.raises(TypeError, match=f"unexpected keyword argument '{name}'"):
+            evaluator.evaluate(**arguments, **{name: None})
+
+
 def test_all_missing_arguments_are_named(evaluator: ModuleType) -> None:
     with pytest.raises(TypeError) as two:
         evaluator.evaluate()

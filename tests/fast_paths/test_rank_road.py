@@ -465,6 +465,14 @@ def test_a_replaced_error(evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch
         evaluator.evaluate(rank_of("z"), two_features(evaluator))
 
 
+def test_an_error_class_that_makes_something_else(
+    evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(evaluator, "EvaluationError", lambda *_, **__: "no error")
+    with fails(TypeError, "exceptions must derive from BaseException"):
+        evaluator.evaluate(rank_of("z"), two_features(evaluator))
+
+
 def test_a_replaced_mask_rule_is_used(evaluator, monkeypatch):
     monkeypatch.setattr(evaluator, "_apply_universe_mask", lambda data, universe: -data)
     data = np.array([[1.0, 2.0, 3.0], [3.0, 1.0, 2.0]])
