@@ -5,14 +5,11 @@ from __future__ import annotations
 from collections.abc import Callable
 from typing import Any
 
-import numpy as np
 import pytest
 from support.graphs import reduction
-from support.runs import make_context
 
 from bench import evaluators
-from bench.functions import Registry
-from bench.workloads import COLUMNS, gather_rows, signal_pool
+from bench.workloads import gather_rows, pool_context, signal_pool
 
 # Signals to rows: the larger the pool, the fewer.
 ROWS = {50: 400, 500: 40}
@@ -48,13 +45,7 @@ def test_start(
     contender: str,
 ) -> None:
     evaluator, rows = evaluators.load(contender), ROWS[signals]
-    context = make_context(
-        evaluator,
-        {"a": np.zeros((rows, COLUMNS))},
-        useful_signals=pools[signals],
-        registry=Registry(),
-        column_labels=["gross_returns"],
-    )
+    context = pool_context(evaluator, pools[signals], rows)
     graph, states = reduction("stateful"), {"root": {"count": 1, "window": rows + 1}}
     measure(
         lambda: evaluator.evaluate(graph, context, states, cold),

@@ -5,16 +5,13 @@ from __future__ import annotations
 from collections.abc import Callable
 from typing import Any
 
-import numpy as np
 import pytest
 from quernbrook.functions._typed_shapes import FunctionGraphNode
 from quernbrook.simulator_engine._types import UsefulSignal
 from support.graphs import filtration, node, number, reduction, string
-from support.runs import make_context
 
 from bench import evaluators
-from bench.functions import Registry
-from bench.workloads import COLUMNS, gather_rows, signal_pool
+from bench.workloads import gather_rows, pool_context, signal_pool
 
 # Signals to rows: the larger the pool, the fewer.
 ROWS = {50: 400, 500: 40, 5000: 8}
@@ -53,13 +50,7 @@ def test_evaluation(
     contender: str,
 ) -> None:
     evaluator, rows = evaluators.load(contender), ROWS[signals]
-    context = make_context(
-        evaluator,
-        {"a": np.zeros((rows, COLUMNS))},
-        useful_signals=pools[signals],
-        registry=Registry(),
-        column_labels=["gross_returns"],
-    )
+    context = pool_context(evaluator, pools[signals], rows)
     graph = graph_of(function, filtered)
     measure(
         lambda: evaluator.evaluate(graph, context),

@@ -13,6 +13,7 @@ from support.graphs import feature, rotation
 from support.runs import make_context
 
 from bench.evaluators import MODULE, load
+from bench.functions import Registry
 
 COLUMNS = 500
 
@@ -52,6 +53,16 @@ def signal_pool(signals: int, rows: int) -> dict[str, UsefulSignal]:
         )
         for k in range(signals)
     }
+
+
+def pool_context(evaluator: ModuleType, pool: Mapping[str, UsefulSignal], rows: int) -> Any:
+    return context_of(
+        evaluator,
+        rows,
+        useful_signals=pool,
+        registry=Registry(),
+        column_labels=["gross_returns"],
+    )
 
 
 def gather_rows(pool: Mapping[str, UsefulSignal], rows: int) -> Callable[[], None]:
