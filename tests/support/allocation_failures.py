@@ -32,7 +32,7 @@ LOST: tuple[str, ...] = (
     "can't allocate lock",
     "import of module",
 )
-if sys.version_info >= (3, 12):
+if sys.version_info >= (3, 11):
     # Any call and any look-up of an attribute may lose its error there.
     LOST += ("error return without exception set", "returned NULL without setting an exception")
 #: Casting an object to a number, NumPy forgets the error that the interpreter has set.
