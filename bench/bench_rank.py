@@ -11,12 +11,20 @@ import pytest
 
 from bench import memory
 from bench.evaluators import MODULE, OTHER
+from bench.functions import native
 from bench.peers import RANK, RANK_FORMULATION, agrees
 from bench.workloads import evaluate_product_of_ranks, matrix_with_missing, price_matrix
 
 EVALUATORS = {MODULE, OTHER}
 SHAPES = [(5000, 500), (2000, 3000)]
+# The bits of a column's number, and those of each of the two digits above it, as in the module.
+KEY_BITS = {500: (10, 9), 3000: (12, 10)}
+UNIT = "ns a cell"
 DATA = {"random numbers": matrix_with_missing, "prices": price_matrix}
+
+
+def workload(rows: int, columns: int, data: str) -> str:
+    return f"rank of {data}, {rows:,} x {columns:,}"
 
 
 def prepared(name: str, data: str, columns: int, rows: int) -> object:
@@ -32,14 +40,31 @@ def test_rank(measure: Callable[..., None], name: str, rows: int, columns: int, 
     matrix = prepared(name, data, columns, rows)
     measure(
         lambda: contender.compute(matrix),
-        workload=f"rank of {data}, {rows:,} x {columns:,}",
+        workload=workload(rows, columns, data),
         contender=name,
         count=rows * columns,
-        unit="ns a cell",
+        unit=UNIT,
         rounds=5,
         memory=memory.beyond_result(
             partial(prepared, name, data, columns), rows, contender.compute, 8 * rows * columns
         ),
+    )
+
+
+@pytest.mark.parametrize("data", DATA)
+@pytest.mark.parametrize(("rows", "columns"), SHAPES)
+def test_limit(measure: Callable[..., None], rows: int, columns: int, data: str) -> None:
+    keys = np.random.default_rng(0).integers(2**32, size=columns, dtype=np.uint32)
+    bits = KEY_BITS[columns]
+    radix_passes = native().radix_passes
+    measure(
+        lambda: radix_passes(keys, rows, *bits),
+        workload=workload(rows, columns, data),
+        contender="radix passes",
+        count=rows * columns,
+        unit=UNIT,
+        rounds=5,
+        floor=True,
     )
 
 
@@ -56,7 +81,7 @@ def test_product_of_ranks(measure: Callable[..., None], name: str, rows: int, co
         workload=f"product of two ranks, {rows:,} x {columns:,}",
         contender=name,
         count=rows * columns,
-        unit="ns a cell",
+        unit=UNIT,
         rounds=3,
     )
 

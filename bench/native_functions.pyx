@@ -2,8 +2,9 @@
 
 from cpython.object cimport PyObject
 from libc.math cimport sqrtl
+from libc.stdint cimport uint32_t
 from libc.stdlib cimport free, malloc
-from libc.string cimport memcpy
+from libc.string cimport memcpy, memset
 import numpy
 
 cdef extern from "Python.h":
@@ -71,3 +72,42 @@ def divide_and_root(Py_ssize_t cells, double divisor, int divisions, bint root):
         if divisions == 3:
             value = value / <long double>window
         block[cell & 511] = 1.0 + <double>value
+
+
+def radix_passes(const uint32_t[::1] keys, Py_ssize_t rows, int first_bit, int digit_bits):
+    """Sorts the same keys by two digits, row for row: counts, then a pass for each digit."""
+    cdef Py_ssize_t digits = 1 << digit_bits, count = keys.shape[0], row, place, digit
+    cdef uint32_t mask = digits - 1, key, low_begin, high_begin, size
+    cdef int second_bit = first_bit + digit_bits
+    cdef uint32_t *counters = <uint32_t *>malloc((2 * digits + 2 * count) * sizeof(uint32_t))
+    if counters == NULL:
+        raise MemoryError
+    cdef uint32_t *low = counters
+    cdef uint32_t *high = low + digits
+    cdef uint32_t *spare = high + digits
+    cdef uint32_t *ordered = spare + count
+    for row in range(rows):
+        memset(counters, 0, 2 * digits * sizeof(uint32_t))
+        for place in range(count):
+            key = keys[place]
+            low[(key >> first_bit) & mask] += 1
+            high[(key >> second_bit) & mask] += 1
+        low_begin = high_begin = 0
+        for digit in range(digits):
+            size = low[digit]
+            low[digit] = low_begin
+            low_begin += size
+            size = high[digit]
+            high[digit] = high_begin
+            high_begin += size
+        for place in range(count):
+            key = keys[place]
+            digit = (key >> first_bit) & mask
+            spare[low[digit]] = key
+            low[digit] += 1
+        for place in range(count):
+            key = spare[place]
+            digit = (key >> second_bit) & mask
+            ordered[high[digit]] = key
+            high[digit] += 1
+    free(counters)
