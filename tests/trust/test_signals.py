@@ -45,12 +45,14 @@ try:
 except KeyboardInterrupt as error:
     took = time.perf_counter() - sent
     day = context.current_day_index
-    ended = (type(error.__cause__), type(error.__context__), 0 < day < ROWS - 1)
+    # In the plain evaluator it may come amidst an iteration that just ends.
+    alone = error.__context__ is None or sys.argv[1] == "reference_evaluator"
+    ended = (error.__cause__, alone, 0 < day < ROWS - 1)
 taken = []
 thread = threading.Thread(target=lambda: taken.append(context._evaluation_lock.acquire(False)))
 thread.start()
 thread.join()
-assert ended == (type(None), type(None), True), ended
+assert ended == (None, True, True), ended
 assert taken == [True]
 print(took)
 """
