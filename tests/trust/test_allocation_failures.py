@@ -69,7 +69,7 @@ def test_every_allocation_of_every_road_fails_once(group: int) -> None:
 LARGE = """
 import importlib, resource, sys
 import numpy as np
-from support.leak_roads import Function, STUBS, at_few_rows, evaluating
+from support.leak_roads import STUBS, evaluating, functions_registry
 from support.graphs import feature, integer, rotation
 
 evaluator = importlib.import_module(sys.argv[1])
@@ -79,6 +79,13 @@ roads = [
     evaluating(feature("a"), universe=matrix, **options),
     evaluating(rotation("latitudinal_rank", feature("a")), **options),
     evaluating(rotation("longitudinal_mean", feature("a"), integer(9)), registry=STUBS, **options),
+    # Its registers are wide, too.
+    evaluating(
+        rotation("f", feature("a")),
+        registry=functions_registry(),
+        features={"a": matrix.reshape(2, -1)},
+        nan_features=None,
+    ),
 ]
 ends = set()
 used = int(open("/proc/self/statm").read().split()[0]) * resource.getpagesize()
