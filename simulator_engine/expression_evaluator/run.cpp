@@ -160,6 +160,7 @@ void check_state_keys(Run& run) {
   const Object provided =
       Object::own(PySet_New(call_method(run.function_states, run.space.names.keys)));
   const Object known = Object::own(PySet_New(nullptr));
+  run.table.spell_paths(run.space);
   for (const NodeIndex index : run.table.functions) {
     checked(PySet_Add(known, run.table.state_key(run.space, index)));
   }
@@ -229,12 +230,12 @@ void blank_warmup_rows(Run& run) {
   std::fill_n(doubles(run.weights), rows * run.columns, std::numeric_limits<double>::quiet_NaN());
 }
 
-Object node_outputs_by_path(const Run& run) {
+Object node_outputs_by_path(Run& run) {
   if (!run.collects_node_outputs) return Object::none();
   Object outputs = Object::own(PyDict_New());
-  const std::vector<Object> paths = run.table.paths(run.space);
+  run.table.spell_paths(run.space);
   for (NodeIndex index = 0; index < run.node_outputs.size(); ++index) {
-    checked(PyDict_SetItem(outputs, paths[index], run.node_outputs[index]));
+    checked(PyDict_SetItem(outputs, run.table.nodes[index].path, run.node_outputs[index]));
   }
   return outputs;
 }

@@ -35,17 +35,18 @@ struct Record {
 
 class RecordWriter {
  public:
+  /// The table's paths have been spelt.
   RecordWriter(const Namespace& space, const NodeTable& table)
-      : names_(space.names), table_(table), paths_(table.paths(space)) {}
+      : names_(space.names), table_(table) {}
 
   Object write() {
     for (NodeIndex index = 0; index < table_.nodes.size(); ++index) write_node(index);
     for (const NodeIndex leaf : table_.leaves) {
-      set(record_.feature_ref_names, paths_[leaf], table_.nodes[leaf].value);
+      set(record_.feature_ref_names, path(leaf), table_.nodes[leaf].value);
     }
     for (const NodeIndex function : table_.functions) {
       const Object& key = table_.nodes[function].state_key;
-      set(record_.state_keys, paths_[function], key.empty() ? paths_[function] : key);
+      set(record_.state_keys, path(function), key.empty() ? path(function) : key);
     }
     Object record = new_dict();
     set(record, names_.node_info, record_.node_info);
@@ -60,7 +61,7 @@ class RecordWriter {
  private:
   void write_node(NodeIndex index) {
     const Node& node = table_.nodes[index];
-    const Object& path = paths_[index];
+    const Object& path = node.path;
     const Object info = new_dict();
     set(info, names_.type, node.type);
     set(info, names_.node, node.value);
@@ -78,10 +79,12 @@ class RecordWriter {
     if (node.is_reduction) set(record_.reduction_nodes, path, reduction(node));
   }
 
+  const Object& path(NodeIndex index) const { return table_.nodes[index].path; }
+
   Object children_paths(const Node& node) const {
     Object paths = Object::own(PyList_New(0));
     for (const NodeIndex child : table_.children_of(node)) {
-      checked(PyList_Append(paths, paths_[child]));
+      checked(PyList_Append(paths, path(child)));
     }
     return paths;
   }
@@ -91,7 +94,7 @@ class RecordWriter {
     for (std::uint32_t place = 0; place < node.child_count; ++place) {
       const std::size_t slot = node.first_child + place;
       if (table_.is_config_child[slot] != 0) {
-        checked(PySet_Add(paths, paths_[table_.children[slot]]));
+        checked(PySet_Add(paths, path(table_.children[slot])));
       }
     }
     return paths;
@@ -100,14 +103,13 @@ class RecordWriter {
   Object reduction(const Node& node) const {
     Object entry = new_dict();
     set(entry, names_.filtration_path,
-        node.filtration_child == no_node ? Py_None : paths_[node.filtration_child].get());
+        node.filtration_child == no_node ? Py_None : path(node.filtration_child).get());
     set(entry, names_.config, node.config);
     return entry;
   }
 
   const Names& names_;
   const NodeTable& table_;
-  std::vector<Object> paths_;
   Record record_;
 };
 
@@ -313,7 +315,8 @@ class RecordReader {
 
 }  // namespace
 
-Object make_collection_record(const Namespace& space, const NodeTable& table) {
+Object make_collection_record(const Namespace& space, NodeTable& table) {
+  table.spell_paths(space);
   return RecordWriter(space, table).write();
 }
 

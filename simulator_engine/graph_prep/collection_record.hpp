@@ -6,7 +6,7 @@
 namespace quernbrook::graph_prep {
 
 /// The record of a table that was just collected.
-Object make_collection_record(const Namespace& space, const NodeTable& table);
+Object make_collection_record(const Namespace& space, NodeTable& table);
 
 /// The table that a record holds, as its host left it, with this run's columns and instances.
 NodeTable load_collection_record(const Namespace& space, PyObject* record,

@@ -74,20 +74,15 @@ Object NodeTable::path(const Namespace& space, NodeIndex index) const {
   return message(space.names.root, way_down.c_str());
 }
 
-std::vector<Object> NodeTable::paths(const Namespace& space) const {
-  std::vector<Object> spelt(nodes.size());
+void NodeTable::spell_paths(const Namespace& space) {
   // Parents stand behind their children.
   for (auto index = static_cast<NodeIndex>(nodes.size()); index-- > 0;) {
-    const Node& node = nodes[index];
-    if (!node.path.empty()) {
-      spelt[index] = node.path;
-    } else if (node.parent == no_node) {
-      spelt[index] = space.names.root;
-    } else {
-      spelt[index] = host::child_path(spelt[node.parent], static_cast<Py_ssize_t>(node.position));
-    }
+    Node& node = nodes[index];
+    if (!node.path.empty()) continue;
+    node.path = node.parent == no_node
+                    ? Object::share(space.names.root)
+                    : host::child_path(nodes[node.parent].path, Py_ssize_t{node.position});
   }
-  return spelt;
 }
 
 Object NodeTable::state_key(const Namespace& space, NodeIndex index) const {

@@ -78,8 +78,8 @@ struct NodeTable {
   }
   /// The node's path, "root.c0.c2".
   Object path(const Namespace& space, NodeIndex index) const;
-  /// The paths of all nodes, by index.
-  std::vector<Object> paths(const Namespace& space) const;
+  /// Spells the paths of all nodes, each on from its parent's: one by one they would take longer.
+  void spell_paths(const Namespace& space);
   /// The key of the node's function state.
   Object state_key(const Namespace& space, NodeIndex index) const;
 };
