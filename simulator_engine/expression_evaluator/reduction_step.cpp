@@ -26,7 +26,7 @@ void ReductionStep::run_filtration(NodeIndex node, npy_intp row) {
 void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   const host::Names& names = run_.space.names;
   const Node& node = run_.table.nodes[index];
-  if (!node.is_reduction || node.instance.empty()) raise_missing_path(run_, index);
+  if (!node.is_reduction) raise_missing_path(run_, index);
 
   Object result = Object::none();
   if (node.filtration_child != graph_prep::no_node) {
@@ -47,6 +47,7 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   }
   const Object input = buffer_.first_rows(count);
 
+  if (node.instance.empty()) raise_missing_path(run_, index);
   Object pnl_column = configured_pnl_column(run_, node);
   if (pnl_column.empty()) pnl_column = Object::none();
   const auto is_stateful = [&] { return truth(attribute(node.instance, names.stateful)); };

@@ -423,6 +423,16 @@ def test_a_reduction_without_its_entry(
     assert failure.value.args == (path,)
 
 
+def test_a_reduction_without_an_instance_extracts_first(evaluator: ModuleType) -> None:
+    graph, context, bound = reduction_below_a_rotation(evaluator)
+    del graph._collect_nodes_cache["state_keys"]["root.c0"]
+    with fails(KeyError, "'root.c0'"):
+        evaluator.evaluate(graph, context, bound_function_instances=bound)
+    context.useful_signals["b"].weights = None
+    with fails(TypeError, "'NoneType' object is not subscriptable"):
+        evaluator.evaluate(graph, context, bound_function_instances=bound)
+
+
 def test_a_record_whose_children_go_round_in_circles(evaluator: ModuleType) -> None:
     graph, context, bound = reduction_below_a_rotation(evaluator)
     graph._collect_nodes_cache["node_info"]["root.c1"]["children_paths"] = ["root"]
