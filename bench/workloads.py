@@ -56,6 +56,7 @@ def signal_pool(signals: int, rows: int) -> dict[str, UsefulSignal]:
 
 
 def pool_context(evaluator: ModuleType, pool: Mapping[str, UsefulSignal], rows: int) -> Any:
+    """A context over a pool of signals."""
     return context_of(
         evaluator,
         rows,

@@ -30,8 +30,10 @@ Object mask_contiguous(PyObject* data, PyObject* universe) {
   const double* values = doubles(data);
   const double* mask = doubles(universe);
   double* target = doubles(result);
-  const GilRelease release;
-  kernels::mask_universe(values, 1, mask, 1, target, count);
+  {
+    const GilRelease release;
+    kernels::mask_universe(values, 1, mask, 1, target, count);
+  }
   return result;
 }
 

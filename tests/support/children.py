@@ -14,16 +14,16 @@ MODULES = {
 }
 
 
+def child(*arguments: str, timeout: float = 120) -> subprocess.CompletedProcess[str]:
+    """An interpreter with these arguments, which finds what this one finds."""
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
+    return subprocess.run(
+        [sys.executable, *arguments], env=env, capture_output=True, text=True, timeout=timeout
+    )
+
+
 def run_child(
     request: pytest.FixtureRequest, code: str, *arguments: str
 ) -> subprocess.CompletedProcess[str]:
-    """Its first argument names the evaluator that the test runs with."""
-    module = MODULES[request.node.callspec.params["evaluator"]]
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
-    return subprocess.run(
-        [sys.executable, "-c", code, module, *arguments],
-        env=env,
-        capture_output=True,
-        text=True,
-        timeout=60,
-    )
+    """A script whose first argument names the evaluator that the test runs with."""
+    return child("-c", code, MODULES[request.node.callspec.params["evaluator"]], *arguments)

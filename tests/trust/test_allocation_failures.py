@@ -9,6 +9,7 @@ import sys
 from typing import Any
 
 import pytest
+from support.children import child
 from support.leak_roads import FAILING_ROADS, GOOD_ROADS
 
 MODULE = "quernbrook.simulator_engine.expression_evaluator"
@@ -16,18 +17,6 @@ MODULE = "quernbrook.simulator_engine.expression_evaluator"
 LEFT_OUT = {"cycle", "results of many kinds, bound", "results of many kinds, registry"}
 ROADS = [road for road in {**GOOD_ROADS, **FAILING_ROADS} if road not in LEFT_OUT]
 GROUPS = 4
-
-
-def child(*arguments: str, **options: Any) -> subprocess.CompletedProcess[str]:
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join(filter(None, sys.path))}
-    return subprocess.run(
-        [sys.executable, *arguments],
-        env=env,
-        capture_output=True,
-        text=True,
-        timeout=120,
-        **options,
-    )
 
 
 def sweep(module: str, *roads: str) -> subprocess.CompletedProcess[str]:

@@ -224,19 +224,19 @@ RowSorter::Outcome RowSorter::sort_by_bits(const double* cells) {
 RowSorter::Outcome RowSorter::sort_by_comparison(const double* cells) {
   // Another thread may write into the cells meanwhile, and a sort whose values change can leave its
   // bounds.
-  std::vector<double> values(columns_);
+  values_.resize(columns_);
   for (std::size_t column = 0; column < columns_; ++column) {
-    values[column] = std::isnan(cells[column]) ? infinity : cells[column];
+    values_[column] = std::isnan(cells[column]) ? infinity : cells[column];
     keys_[column] = static_cast<std::uint32_t>(column);
   }
   column_mask_ = std::numeric_limits<std::uint32_t>::max();
   std::sort(keys_.begin(), keys_.end(), [&](std::uint32_t left, std::uint32_t right) {
-    return values[left] < values[right] || (values[left] == values[right] && left < right);
+    return values_[left] < values_[right] || (values_[left] == values_[right] && left < right);
   });
   const auto begin = keys_.begin() + static_cast<std::ptrdiff_t>(census_.negative_infinities);
   const auto end = begin + static_cast<std::ptrdiff_t>(census_.finite);
   const auto tie = std::adjacent_find(begin, end, [&](std::uint32_t left, std::uint32_t right) {
-    return values[left] == values[right];
+    return values_[left] == values_[right];
   });
   return tie == end ? Outcome::sorted : Outcome::tied;
 }

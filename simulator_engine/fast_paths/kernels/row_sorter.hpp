@@ -53,6 +53,7 @@ class RowSorter {
   std::vector<std::uint64_t> wide_keys_;
   std::vector<std::uint64_t> spare_wide_keys_;
   std::vector<std::uint32_t> counters_;
+  std::vector<double> values_;  // of a row that is sorted by comparison
 };
 
 }  // namespace quernbrook::kernels
