@@ -57,9 +57,10 @@ void fix_dimensions(Run& run) {
   if (length(run.features) == 0) {
     raise(run.space.evaluation_error(), as_text("No features provided"));
   }
-  const auto dimension = [&](Py_ssize_t place) {
+  const auto dimension = [&](int axis) {
     const Object first = item(run.features, integer(0));
-    return item(attribute(first, names.shape), integer(place));
+    if (is_plain_matrix(first)) return integer(PyArray_DIM(as_array(first), axis));
+    return item(attribute(first, names.shape), integer(axis));
   };
   run.row_count = dimension(0);
   run.column_count = dimension(1);
@@ -135,9 +136,13 @@ Object parent_name(const Run& run, NodeIndex leaf) {
 
 void check_feature_shapes(Run& run) {
   const Object expected = Object::own(PyTuple_Pack(2, run.row_count.get(), run.column_count.get()));
+  const bool expects_plain =
+      PyLong_CheckExact(run.row_count.get()) && PyLong_CheckExact(run.column_count.get());
   for (const NodeIndex index : run.table.leaves) {
     const Node& node = run.table.nodes[index];
-    const Object shape = attribute(item(run.features, node.feature_index), run.space.names.shape);
+    const Object feature = item(run.features, node.feature_index);
+    if (expects_plain && is_plain_matrix(feature, run.rows, run.columns)) continue;
+    const Object shape = attribute(feature, run.space.names.shape);
     if (!not_equal(shape, expected)) continue;
     const Object type = run.space.global(run.space.names.EvaluationShapeError);
     const Object parent = parent_name(run, index);

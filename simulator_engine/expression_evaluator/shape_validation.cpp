@@ -42,33 +42,33 @@ void check_signal(const Namespace& space, PyObject* id, PyObject* signal, PyObje
   }
 }
 
-/// True if all signals fit and no foreign code had a part in finding out.
-bool all_fit(const Namespace& space, PyObject* useful_signals, PyObject* feature_shape) {
-  if (!PyDict_CheckExact(useful_signals) || !PyTuple_CheckExact(feature_shape) ||
-      PyTuple_GET_SIZE(feature_shape) != 2) {
-    return false;
-  }
-  const auto dimension = [&](Py_ssize_t axis) -> npy_intp {
-    PyObject* size = PyTuple_GET_ITEM(feature_shape, axis);
-    int overflow = 0;
-    return PyLong_CheckExact(size) ? PyLong_AsLongAndOverflow(size, &overflow) : -1;
-  };
-  const npy_intp rows = dimension(0);
-  const npy_intp columns = dimension(1);
-  const auto have_shapes = [&](std::span<PyObject* const> arrays, int axes) {
-    return std::all_of(arrays.begin(), arrays.end(), [&](PyObject* array) {
-      if (array == Py_None) return true;
-      return PyArray_CheckExact(array) && PyArray_NDIM(as_array(array)) >= axes &&
-             PyArray_DIM(as_array(array), 0) == rows &&
-             (axes == 1 ||
-              (PyArray_NDIM(as_array(array)) == 2 && PyArray_DIM(as_array(array), 1) == columns));
-    });
+/// True if everything fits and no foreign code had a part in finding out.
+bool all_fit(const Namespace& space, PyObject* features, PyObject* universe,
+             PyObject* useful_signals) {
+  if (!PyTuple_CheckExact(features) && !PyList_CheckExact(features)) return false;
+  const std::span matrices(PySequence_Fast_ITEMS(features),
+                           static_cast<std::size_t>(PySequence_Fast_GET_SIZE(features)));
+  if (!is_plain_matrix(matrices[0])) return false;
+  const npy_intp rows = PyArray_DIM(as_array(matrices[0]), 0);
+  const npy_intp columns = PyArray_DIM(as_array(matrices[0]), 1);
+  const auto is_of_shape = [&](PyObject* array) { return is_plain_matrix(array, rows, columns); };
+  if (!std::all_of(matrices.begin(), matrices.end(), is_of_shape)) return false;
+  if (universe != Py_None && !is_of_shape(universe)) return false;
+  if (useful_signals == Py_None) return true;
+  if (!PyDict_CheckExact(useful_signals)) return false;
+
+  const auto has_weights = [&](PyObject* array) { return array == Py_None || is_of_shape(array); };
+  const auto has_pnl = [&](PyObject* array) {
+    return array == Py_None || (PyArray_CheckExact(array) && PyArray_NDIM(as_array(array)) >= 1 &&
+                                PyArray_DIM(as_array(array), 0) == rows);
   };
   SignalBatch signals;
   Py_ssize_t place = 0;
   while (signals.take(useful_signals, place)) {
-    if (!signals.read(space.names.weights) || !have_shapes(signals.values(), 2)) return false;
-    if (!signals.read(space.names.pnl) || !have_shapes(signals.values(), 1)) return false;
+    if (!signals.read(space.names.weights)) return false;
+    if (!std::ranges::all_of(signals.values(), has_weights)) return false;
+    if (!signals.read(space.names.pnl)) return false;
+    if (!std::ranges::all_of(signals.values(), has_pnl)) return false;
   }
   return true;
 }
@@ -77,6 +77,7 @@ bool all_fit(const Namespace& space, PyObject* useful_signals, PyObject* feature
 void validate_shapes(const Namespace& space, PyObject* features, PyObject* universe,
                      PyObject* useful_signals) {
   if (features == Py_None || length(features) == 0) return;
+  if (all_fit(space, features, universe, useful_signals)) return;
   const Object feature_shape = shape_of(space, first_of(features));
   for (Py_ssize_t place = 1; place < length(features); ++place) {
     const Object shape = shape_of(space, item(features, integer(place)));
@@ -91,7 +92,7 @@ void validate_shapes(const Namespace& space, PyObject* features, PyObject* unive
           message("Feature dimension mismatch: features shape ", feature_shape,
                   " vs universe shape ", shape_of(space, universe)));
   }
-  if (!truth(useful_signals) || all_fit(space, useful_signals, feature_shape)) return;
+  if (!truth(useful_signals)) return;
   const Object entries = iterator(call_method(useful_signals, space.names.items));
   while (true) {
     const Object entry = next(entries);

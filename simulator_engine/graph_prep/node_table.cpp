@@ -15,40 +15,40 @@ using namespace python;
 
 namespace {
 
-std::array<std::pair<PyObject*, NodeKind>, 9> kind_names(const Namespace& space) {
-  const host::Names& names = space.names;
-  return {{{names.feature, NodeKind::leaf},
-           {names.aggregation, NodeKind::leaf},
-           {names.float_, NodeKind::float_literal},
-           {names.int_, NodeKind::int_literal},
-           {names.string, NodeKind::string_literal},
-           {names.bool_, NodeKind::bool_literal},
-           {names.filtration, NodeKind::filtration},
-           {names.reduction, NodeKind::reduction},
-           {names.rotation, NodeKind::rotation}}};
-}
+/// The kinds by name, in the order in which they are compared.
+constexpr std::array<std::pair<Object host::Names::*, NodeKind>, 9> kind_names{{
+    {&host::Names::feature, NodeKind::leaf},
+    {&host::Names::aggregation, NodeKind::leaf},
+    {&host::Names::float_, NodeKind::float_literal},
+    {&host::Names::int_, NodeKind::int_literal},
+    {&host::Names::string, NodeKind::string_literal},
+    {&host::Names::bool_, NodeKind::bool_literal},
+    {&host::Names::filtration, NodeKind::filtration},
+    {&host::Names::reduction, NodeKind::reduction},
+    {&host::Names::rotation, NodeKind::rotation},
+}};
 
 }  // namespace
 
 NodeKind kind_of(const Namespace& space, PyObject* type) {
   if (!PyUnicode_CheckExact(type)) return NodeKind::compared;
-  for (const auto& [name, kind] : kind_names(space)) {
-    if (type == name) return kind;  // both interned, as a literal in the host's source is
+  for (const auto& [name, kind] : kind_names) {
+    if (type == space.names.*name) return kind;  // both interned, as a literal in the host's source is
   }
   return compare_kind(space, type);
 }
 
 NodeKind compare_kind(const Namespace& space, PyObject* type) {
-  for (const auto& [name, kind] : kind_names(space)) {
-    if (equal(type, name)) return kind;
+  for (const auto& [name, kind] : kind_names) {
+    if (equal(type, space.names.*name)) return kind;
   }
   return NodeKind::unknown;
 }
 
 bool is_kind(const Namespace& space, const Node& node, NodeKind kind) {
   if (node.kind != NodeKind::compared) return node.kind == kind;
-  for (const auto& [name, named_kind] : kind_names(space)) {
-    if (named_kind == kind && equal(node.type, name)) return true;
+  for (const auto& [name, named_kind] : kind_names) {
+    if (named_kind == kind && equal(node.type, space.names.*name)) return true;
   }
   return false;
 }

@@ -88,7 +88,7 @@ bool NodeReader::is_plain(PyObject* node) {
 Object NodeReader::plain_field(PyObject* node, PyObject* key) {
   if (!is_plain(node)) return {};
   PyObject* attributes = dictionary_of(node);
-  return attributes == nullptr ? Object() : dict_item(attributes, key);
+  return attributes == nullptr ? Object() : attributes_.item(attributes, key);
 }
 
 void NodeReader::require_instance(PyObject* node, const NodePath& path) {

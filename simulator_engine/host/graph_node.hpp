@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/namespace.hpp"
+#include "python/shared_keys.hpp"
 
 // Reading of graph nodes: the one place that touches a node's attributes.
 namespace quernbrook::host {
@@ -81,6 +82,7 @@ class NodeReader {
   Object plain_field(PyObject* node, PyObject* key);
 
   const Namespace& space_;
+  python::SharedKeys attributes_;
   PyTypeObject* type_ = nullptr;  // the class of plain nodes, once it is known to be one
   unsigned int version_ = 0;
   bool is_current_ = false;

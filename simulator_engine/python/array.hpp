@@ -23,6 +23,15 @@ inline double* doubles(PyObject* array) {
   return static_cast<double*>(PyArray_DATA(as_array(array)));
 }
 
+/// An ndarray proper with two dimensions, of any dtype.
+inline bool is_plain_matrix(PyObject* object) {
+  return PyArray_CheckExact(object) && PyArray_NDIM(as_array(object)) == 2;
+}
+inline bool is_plain_matrix(PyObject* object, npy_intp rows, npy_intp columns) {
+  return is_plain_matrix(object) && PyArray_DIM(as_array(object), 0) == rows &&
+         PyArray_DIM(as_array(object), 1) == columns;
+}
+
 /// A float64 array as is_double_array() wants it: itself, or a copy where its memory is odd.
 Object aligned(const Object& array);
 
