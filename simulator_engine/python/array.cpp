@@ -3,8 +3,11 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <new>
+
+#include "python/array_memory.hpp"
 
 namespace quernbrook::python {
 
@@ -20,7 +23,32 @@ Object aligned(const Object& array) {
                                        NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY));
 }
 
+namespace {
+
+/// An array over a block that is kept for the next one; empty where its size isn't worth it.
+Object over_kept_block(npy_intp rows, npy_intp columns) {
+  std::size_t count = 0;
+  if (rows < 0 || columns < 0 || __builtin_mul_overflow(rows, columns, &count) ||
+      count > SIZE_MAX / sizeof(double) || !is_kept_size(count * sizeof(double))) {
+    return {};
+  }
+  std::unique_ptr<void, decltype(&give_back_block)> block(take_block(count * sizeof(double)),
+                                                          give_back_block);
+  npy_intp shape[] = {rows, columns};
+  Object array = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, block.get(),
+                                         0, NPY_ARRAY_CARRAY, nullptr));
+  own_block(array, block.get(), count * sizeof(double));
+  block.release();
+  return array;
+}
+
+}  // namespace
+
 Object zeros(npy_intp rows, npy_intp columns) {
+  if (Object array = over_kept_block(rows, columns); !array.empty()) {
+    std::fill_n(doubles(array), rows * columns, 0.0);
+    return array;
+  }
   npy_intp shape[] = {rows, columns};
   return Object::own(PyArray_ZEROS(2, shape, NPY_DOUBLE, 0));
 }
@@ -71,6 +99,7 @@ Object untouched_zeros(npy_intp rows, npy_intp columns) {
 }
 
 Object uninitialised(npy_intp rows, npy_intp columns) {
+  if (Object array = over_kept_block(rows, columns); !array.empty()) return array;
   npy_intp shape[] = {rows, columns};
   return Object::own(PyArray_SimpleNew(2, shape, NPY_DOUBLE));
 }
