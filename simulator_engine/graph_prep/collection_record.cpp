@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "graph_prep/function_instance.hpp"
+#include "graph_prep/known_record.hpp"
 #include "graph_prep/path_index.hpp"
+#include "graph_prep/recent.hpp"
 #include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/sequence_iterator.hpp"
@@ -322,7 +324,15 @@ Object make_collection_record(const Namespace& space, NodeTable& table) {
 
 NodeTable load_collection_record(const Namespace& space, PyObject* record,
                                  const CollectionInputs& inputs) {
-  return RecordReader(space, record, inputs).read();
+  static Recent<KnownRecord> known_records;
+  if (KnownRecord* known = known_records.find(record); known != nullptr) {
+    if (auto table = known->read(space, record, inputs)) return std::move(*table);
+  }
+  NodeTable table = RecordReader(space, record, inputs).read();
+  if (auto known = KnownRecord::of(space, record, table)) {
+    known_records.add(record, std::move(*known));
+  }
+  return table;
 }
 
 }  // namespace quernbrook::graph_prep

@@ -1,11 +1,14 @@
 #include "graph_prep/config_preflight.hpp"
 
 #include "graph_prep/node_table.hpp"
+#include "graph_prep/recent.hpp"
 #include "host/graph_walk.hpp"
 #include "host/parameter_schema.hpp"
 #include "host/registry.hpp"
 #include "python/error.hpp"
+#include "python/observations.hpp"
 #include "python/protocol.hpp"
+#include "python/string_keys.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::graph_prep {
@@ -77,8 +80,8 @@ class Preflight {
     host::ChildIterator children;
   };
 
-  Preflight(const Namespace& space, PyObject* context)
-      : space_(space), context_(context), reader_(space) {}
+  Preflight(const Namespace& space, PyObject* context, Observations* observations)
+      : space_(space), context_(context), reader_(space, observations) {}
 
   Frame enter(PyObject* node, const NodePath& path) {
     reader_.require_instance(node, path);
@@ -87,6 +90,8 @@ class Preflight {
     if (is_function(kind)) check_function(node, value, path);
     return Frame{host::ChildIterator(reader_.children(node))};
   }
+
+  bool has_noted_all() const noexcept { return reader_.has_noted_all(); }
 
  private:
   bool is_function(PyObject* kind) const {
@@ -105,7 +110,8 @@ class Preflight {
     const Object config = reader_.config(node);
     if (!config.is_none()) refuse_engine_only(space_, function_name, config, path);
     const Object registry = host::registry_of(space_, context_);
-    if (!config.is_none() || !registry.is_none() ||
+    const bool has_odd_config = !config.is_none() && !has_string_keys(config);
+    if (has_odd_config || !registry.is_none() ||
         !has_plain_attribute(Py_TYPE(context_), space_.names.registry)) {
       reader_.foreign_code_ran();
     }
@@ -117,14 +123,34 @@ class Preflight {
   host::NodeReader reader_;
 };
 
+/// Graphs that have passed without a registry, as they were then.
+Recent<Observations>& passed_graphs() {
+  static Recent<Observations> graphs;
+  return graphs;
+}
+
+bool has_passed(const Namespace& space, PyObject* graph) {
+  const Observations* passed = passed_graphs().find(graph);
+  return passed != nullptr &&
+         space.global(space.names.FunctionGraphNode) ==
+             reinterpret_cast<PyObject*>(Py_TYPE(graph)) &&
+         passed->hold();
+}
+
 }  // namespace
 
 void preflight_explicit_config(const Namespace& space, PyObject* context, PyObject* graph) {
-  Preflight preflight(space, context);
+  // Without a registry nothing but the graph decides.
+  const bool may_remember =
+      Observations::are_possible && plain_attribute(context, space.names.registry).is_none();
+  if (may_remember && has_passed(space, graph)) return;
+  Observations observations;
+  Preflight preflight(space, context, may_remember ? &observations : nullptr);
   const auto enter = [&](PyObject* node, const NodePath& path) {
     return preflight.enter(node, path);
   };
   host::walk_graph(graph, space.names.root, enter, [](const auto&, const NodePath&) {});
+  if (preflight.has_noted_all()) passed_graphs().add(graph, std::move(observations));
 }
 
 void validate_merged_config(const Namespace& space, PyObject* context, PyObject* function_name,

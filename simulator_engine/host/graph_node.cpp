@@ -2,6 +2,7 @@
 
 #include "python/error.hpp"
 #include "python/protocol.hpp"
+#include "python/string_keys.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::host {
@@ -92,7 +93,10 @@ Object NodeReader::plain_field(PyObject* node, PyObject* key) {
 }
 
 void NodeReader::require_instance(PyObject* node, const NodePath& path) {
-  if (is_plain(node)) return;
+  if (is_plain(node) && dictionary_of(node) != nullptr) {
+    if (observations_ != nullptr) observations_->note_instance(node);
+    return;
+  }
   foreign_code_ran();
   require_node_instance(space_, node, path);
 }
@@ -106,7 +110,7 @@ Object NodeReader::require(PyObject* node, PyObject* key, const NodePath& path) 
   // What is done with any other value may run the host's code at any time from now on.
   if (!PyUnicode_CheckExact(value.get()) && !PyLong_CheckExact(value.get()) &&
       !PyFloat_CheckExact(value.get()) && !PyBool_Check(value.get())) {
-    only_plain_values_ = false;
+    met_odd_value();
   }
   return value;
 }
@@ -122,15 +126,20 @@ Object NodeReader::children(PyObject* node) {
   if (children.is_none()) return {};
   if (!children.empty() &&
       (PyList_CheckExact(children.get()) || PyTuple_CheckExact(children.get()))) {
+    if (observations_ != nullptr) observations_->note_items(children);
     return PySequence_Fast_GET_SIZE(children.get()) > 0 ? children : Object();
   }
-  only_plain_values_ = false;
+  met_odd_value();
   return children_of(space_, node);
 }
 
 Object NodeReader::config(PyObject* node) {
   const Object config = plain_field(node, space_.names.config);
   if (config.is_none()) return config;
+  if (!config.empty() && PyDict_CheckExact(config.get()) && has_string_keys(config)) {
+    if (observations_ != nullptr) observations_->note_dict(config);
+    return Object::own(PyDict_Copy(config));
+  }
   foreign_code_ran();
   const Object any = config.empty() ? explicit_config(space_, node) : config;
   if (any.is_none()) return any;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/namespace.hpp"
+#include "python/observations.hpp"
 #include "python/shared_keys.hpp"
 
 // Reading of graph nodes: the one place that touches a node's attributes.
@@ -59,7 +60,10 @@ Object config_of(const Namespace& space, PyObject* node);
 /// str.
 class NodeReader {
  public:
-  explicit NodeReader(const Namespace& space) : space_(space) {}
+  /// Notes what it reads in `observations`, unless null, as long as no foreign code has a part in
+  /// it.
+  explicit NodeReader(const Namespace& space, python::Observations* observations = nullptr)
+      : space_(space), observations_(observations) {}
 
   void require_instance(PyObject* node, const NodePath& path);
   Object type_value(PyObject* node, const NodePath& path) {
@@ -74,14 +78,24 @@ class NodeReader {
   /// A new dict with the node's explicit configuration; None where it has none.
   Object config(PyObject* node);
 
-  void foreign_code_ran() noexcept { is_current_ = false; }
+  void foreign_code_ran() noexcept {
+    is_current_ = false;
+    observations_ = nullptr;
+  }
+  /// True if everything that was read has been noted.
+  bool has_noted_all() const noexcept { return observations_ != nullptr; }
 
  private:
+  void met_odd_value() noexcept {
+    only_plain_values_ = false;
+    observations_ = nullptr;
+  }
   Object require(PyObject* node, PyObject* key, const NodePath& path);
   bool is_plain(PyObject* node);
   Object plain_field(PyObject* node, PyObject* key);
 
   const Namespace& space_;
+  python::Observations* observations_;
   python::SharedKeys attributes_;
   PyTypeObject* type_ = nullptr;  // the class of plain nodes, once it is known to be one
   unsigned int version_ = 0;

@@ -1,0 +1,199 @@
+"""What a host changes in a graph or its record between two runs counts in the next one, however
+often the graph has run before."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from types import ModuleType
+from typing import Any
+
+import numpy as np
+import pytest
+from quernbrook.functions._typed_shapes import FunctionGraphNode, SchemaError
+from quernbrook.simulator_engine._types import EvaluationError, FunctionExecutionError
+from support.bound_runs import bound_run
+from support.functions import RecordingFunction
+from support.graphs import feature, number, rotation
+from support.registries import RecordingRegistry, entry
+from support.runs import bind_all, counting_matrix, fails, same_bits
+
+RUNS = 3
+Change = Callable[[FunctionGraphNode], None]
+
+
+def two_functions() -> FunctionGraphNode:
+    inner = rotation("g", feature("a"), number(2.5), config={"k": 1})
+    return rotation("f", inner, feature("b"))
+
+
+def inner(graph: FunctionGraphNode) -> FunctionGraphNode:
+    return graph.children[0]
+
+
+def run_before(evaluator: ModuleType, graph: FunctionGraphNode) -> None:
+    for _ in range(RUNS):
+        bound_run(evaluator, graph)
+
+
+def engine_only(path: str, function: str) -> str:
+    return (
+        f"Function '{function}' at node '{path}' config contains engine-only parameter(s): N_alloc"
+    )
+
+
+def fill_configuration(graph: FunctionGraphNode) -> None:
+    inner(graph).config["N_alloc"] = 1
+
+
+def set_configuration(graph: FunctionGraphNode) -> None:
+    graph.config = {"N_alloc": 1}
+
+
+def replace_a_child(graph: FunctionGraphNode) -> None:
+    graph.children[1] = object()
+
+
+def add_a_child(graph: FunctionGraphNode) -> None:
+    inner(graph).children.append("child")
+
+
+def replace_the_children(graph: FunctionGraphNode) -> None:
+    graph.children = (inner(graph), None)
+
+
+def forget_the_value(graph: FunctionGraphNode) -> None:
+    del inner(graph).node
+
+
+def replace_the_attributes(graph: FunctionGraphNode) -> None:
+    attributes = dict(vars(inner(graph)))
+    del attributes["type"]
+    vars(graph)["children"][0].__dict__ = attributes
+
+
+def make_a_function_of_a_leaf(graph: FunctionGraphNode) -> None:
+    leaf = graph.children[1]
+    leaf.type, leaf.config = "rotation", {"N_alloc": 1}
+
+
+@pytest.mark.parametrize(
+    ("change", "error", "text"),
+    [
+        (fill_configuration, FunctionExecutionError, engine_only("root.c0", "g")),
+        (set_configuration, FunctionExecutionError, engine_only("root", "f")),
+        (make_a_function_of_a_leaf, FunctionExecutionError, engine_only("root.c1", "b")),
+        (
+            replace_a_child,
+            SchemaError,
+            "Graph node 'root.c1' must be FunctionGraphNode; got object",
+        ),
+        (add_a_child, SchemaError, "Graph node 'root.c0.c2' must be FunctionGraphNode; got str"),
+        (
+            replace_the_children,
+            SchemaError,
+            "Graph node 'root.c1' must be FunctionGraphNode; got NoneType",
+        ),
+        (forget_the_value, EvaluationError, "Graph node 'root.c0' missing required key: node"),
+        (
+            replace_the_attributes,
+            EvaluationError,
+            "Graph node 'root.c0' missing required key: type",
+        ),
+    ],
+)
+def test_a_fault_that_was_put_in(
+    evaluator: ModuleType, change: Change, error: type[Exception], text: str
+) -> None:
+    graph = two_functions()
+    instances = bind_all(graph)
+    run_before(evaluator, graph)
+    change(graph)
+    for _ in range(2):
+        with fails(error, text):
+            bound_run(evaluator, graph, instances)
+
+
+def test_a_fault_that_was_taken_out(evaluator: ModuleType) -> None:
+    graph = two_functions()
+    run_before(evaluator, graph)
+    for _ in range(RUNS):
+        inner(graph).config["N_alloc"] = 1
+        with fails(FunctionExecutionError, engine_only("root.c0", "g")):
+            bound_run(evaluator, graph)
+        del inner(graph).config["N_alloc"]
+        bound_run(evaluator, graph)
+
+
+def test_a_class_that_gets_a_property(
+    evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    graph = two_functions()
+    instances = bind_all(graph)
+    run_before(evaluator, graph)
+    monkeypatch.setattr(
+        FunctionGraphNode, "config", property(lambda _: {"N_alloc": 1}), raising=False
+    )
+    with fails(FunctionExecutionError, engine_only("root", "f")):
+        bound_run(evaluator, graph, instances)
+
+
+def test_a_registry_that_comes_later(evaluator: ModuleType) -> None:
+    graph = two_functions()
+    run_before(evaluator, graph)
+    registry = RecordingRegistry({"g": entry(family="virtualization", param_schema={"o": {}})})
+    text = "Function 'g' at node 'root.c0' config contains unknown parameter(s): k"
+    with fails(FunctionExecutionError, text):
+        bound_run(evaluator, graph, registry=registry)
+
+
+def test_nodes_whose_attributes_were_set_in_any_order(evaluator: ModuleType) -> None:
+    """Instances of a class share the keys of their dictionaries, but not all do."""
+    backwards, again, emptied = feature("a"), feature("a"), feature("a")
+    attributes = dict(reversed(vars(backwards).items()))
+    backwards.__dict__.clear()
+    vars(backwards).update(attributes)
+    del again.type
+    again.type = "feature"
+    del emptied.children, emptied.config
+    emptied.config, emptied.extra, emptied.children = None, 1, None
+    graph = rotation("f", backwards, again, emptied, feature("b"), config={})
+    for bound in ({"root": RecordingFunction()}, {"root": RecordingFunction()}):
+        bound_run(evaluator, graph, bound)
+        a, b = counting_matrix(2), counting_matrix(2, start=50)
+        given = bound["root"].calls[1].values
+        same_bits(np.array(given), np.array([a[1], a[1], a[1], b[1]]))
+
+
+def test_graphs_at_the_addresses_of_others(evaluator: ModuleType) -> None:
+    """Memory is used again: another graph may stand where one was that had passed."""
+    for value in range(60):
+        graph = rotation("f", number(float(value)))
+        bound = {"root": RecordingFunction(lambda literal: literal)}
+        for _ in range(RUNS):
+            same_bits(bound_run(evaluator, graph, bound).weights, np.full((2, 3), float(value)))
+        del graph
+        faulty = rotation("f", number(float(value)), config={"N_alloc": value})
+        with fails(FunctionExecutionError, engine_only("root", "f")):
+            bound_run(evaluator, faulty, bound)
+
+
+def test_many_graphs_in_turn(evaluator: ModuleType) -> None:
+    graphs = [rotation("f", number(float(value))) for value in range(150)]
+    bound = {"root": RecordingFunction(lambda literal: literal)}
+    for _ in range(RUNS):
+        for value, graph in enumerate(graphs):
+            same_bits(bound_run(evaluator, graph, bound).weights, np.full((2, 3), float(value)))
+
+
+def test_a_record_entry_at_the_address_of_another(evaluator: ModuleType) -> None:
+    graph = rotation("f", number(0.0))
+    bound = {"root": RecordingFunction(lambda literal: literal)}
+    run_before(evaluator, graph)
+    record: Any = graph._collect_nodes_cache
+    for value in range(60):
+        info = dict(record["node_info"]["root"], node=f"f{value}")
+        del record["node_info"]["root"]
+        record["node_info"]["root"] = info
+        record["float_values"] = {"root.c0": float(value)}
+        for _ in range(RUNS):
+            same_bits(bound_run(evaluator, graph, bound).weights, np.full((2, 3), float(value)))
