@@ -25,6 +25,8 @@ LARGEST_DEPTH = 100_000
 SMALLEST_FOR_MEMORY = 10_000
 STACK_BYTES = 1 << 30
 COLUMNS = 10
+HOST_CALLS = "the host's own calls"
+UNIT = "µs a node"
 
 
 def wide(nodes: int) -> FunctionGraphNode:
@@ -37,6 +39,10 @@ def deep(nodes: int) -> FunctionGraphNode:
 
 
 SHAPES = {"wide": wide, "deep": deep}
+
+
+def workload(shape: str, nodes: int) -> str:
+    return f"{shape} graph of {nodes:,} nodes"
 
 
 def prepared(shape: str, contender: str, nodes: int) -> tuple[FunctionGraphNode, Any]:
@@ -73,10 +79,10 @@ def test_large_graph(measure: Callable[..., None], contender: str, shape: str, n
     time = partial(
         measure,
         partial(evaluators.load(contender).evaluate, graph, context),
-        workload=f"{shape} graph of {nodes:,} nodes",
+        workload=workload(shape, nodes),
         contender=contender,
         count=nodes,
-        unit="µs a node",
+        unit=UNIT,
         rounds=5,
         memory=bytes_a_node(contender, shape, nodes),
     )
@@ -90,3 +96,43 @@ def bytes_a_node(contender: str, shape: str, nodes: int) -> str:
         partial(prepared, shape, contender), nodes, partial(run_with_deep_stack, contender)
     )
     return f"{growth / nodes:,.0f} bytes a node"
+
+
+class Listing:
+    """A registry that lists what a run asks of another one."""
+
+    def __init__(self, registry: Registry) -> None:
+        self.registry = registry
+        self.calls: list[Callable[[], Any]] = []
+
+    def __getattr__(self, method: str) -> Callable[..., Any]:
+        def call(name: str, **config: Any) -> Any:
+            self.calls.append(partial(getattr(self.registry, method), name, **config))
+            return self.calls[-1]()
+
+        return call
+
+
+@pytest.mark.parametrize("nodes", SIZES)
+@pytest.mark.parametrize("shape", SHAPES)
+def test_host_calls(measure: Callable[..., None], shape: str, nodes: int) -> None:
+    """What a run asks of the registry, asked outside of it: the answers decide what it does."""
+    listing = Listing(Registry())
+    evaluator = evaluators.load(evaluators.MODULE)
+    context = context_of(evaluator, 0, COLUMNS, registry=listing)
+    with_deep_stack(partial(evaluator.evaluate, SHAPES[shape](nodes), context), nodes)
+    calls = listing.calls
+
+    def ask() -> list[Any]:
+        return [call() for call in calls]
+
+    assert len(ask()) >= nodes // 2
+    measure(
+        ask,
+        workload=workload(shape, nodes),
+        contender=HOST_CALLS,
+        floor=True,
+        count=nodes,
+        unit=UNIT,
+        rounds=5,
+    )

@@ -1,6 +1,7 @@
 #include "python/array_memory.hpp"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -70,7 +71,9 @@ class Store {
 };
 
 Store& store() {
-  static Store blocks;
+  // Never destroyed: arrays may be let go as long as there is a process.
+  alignas(Store) static std::byte memory[sizeof(Store)];
+  static Store& blocks = *new (memory) Store;
   return blocks;
 }
 
@@ -122,8 +125,9 @@ PyDataMem_Handler handler{.name = "expression_evaluator",
 
 /// The capsule through which an array knows its handler.
 Object handler_capsule() {
-  static Object capsule = Object::own(PyCapsule_New(&handler, "mem_handler", nullptr));
-  return capsule;
+  static PyObject* const capsule =
+      Object::own(PyCapsule_New(&handler, "mem_handler", nullptr)).release();
+  return Object::share(capsule);
 }
 
 }  // namespace
