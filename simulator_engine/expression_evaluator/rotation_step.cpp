@@ -62,14 +62,27 @@ bool RotationStep::run_is_bound() const {
   return is_bound;
 }
 
-/// A bound instance without `arity` receives the literals that were configuration, too.
-bool RotationStep::takes_config_children(const Node& node, const Call& call) const {
-  if (!node.is_bound) return false;
-  PyObject* arity = run_.space.names.arity;
+/// Looks the class of the node's instance up, unless it is still what it was.
+void RotationStep::look_at_class(const Node& node, Call& call) const {
   PyTypeObject* type = Py_TYPE(node.instance.get());
-  const bool nobody_can_tell = !call.has_config_children && has_plain_attribute(type, arity);
+  const unsigned int version = version_of(type);
+  if (version != 0 && version == call.class_version) return;
+  const host::Names& names = run_.space.names;
+  call.has_plain_arity = has_plain_attribute(type, names.arity);
+  PyObject* entry = find_on_type(type, names.call_);
+  const bool is_function = entry != nullptr && PyFunction_Check(entry) &&
+                           !PyType_HasFeature(type, Py_TPFLAGS_HAVE_VECTORCALL);
+  call.function = is_function ? entry : nullptr;
+  call.class_version = version_of(type);
+}
+
+/// A bound instance without `arity` receives the literals that were configuration, too.
+bool RotationStep::takes_config_children(const Node& node, Call& call) const {
+  if (!node.is_bound) return false;
+  look_at_class(node, call);
+  const bool nobody_can_tell = !call.has_config_children && call.has_plain_arity;
   if (nobody_can_tell) return false;
-  const bool has_arity = has_attribute(node.instance, arity);
+  const bool has_arity = has_attribute(node.instance, run_.space.names.arity);
   foreign_code_ran(run_, registers_);
   return !has_arity;
 }
@@ -119,29 +132,28 @@ Object RotationStep::call_instance(const Node& node, Call& call) {
     stack_[first_argument + count] = run_.context;
     names = run_.space.context_keyword;
   }
-  Object result = vectorcall(node.instance, stack_.data() + first_argument, count, names);
+  Object result = vectorcall(node, call, stack_.data() + first_argument, count, names);
   for (std::size_t place = 0; place < count; ++place) argument(place).end_call(result);
   return result;
 }
 
 /// Calls with arguments that have two free places before them.
-Object RotationStep::vectorcall(const Object& instance, PyObject** arguments, std::size_t count,
-                                PyObject* names) const {
+Object RotationStep::vectorcall(const Node& node, Call& call, PyObject** arguments,
+                                std::size_t count, PyObject* names) const {
   // A class written in Python is called through its function, as the interpreter would do after
   // two more look-ups.
-  PyTypeObject* type = Py_TYPE(instance.get());
-  const Object entry = Object::share(find_on_type(type, run_.space.names.call_));
-  const bool by_function = !entry.empty() && PyFunction_Check(entry.get()) &&
-                           !PyType_HasFeature(type, Py_TPFLAGS_HAVE_VECTORCALL);
-  if (by_function) {
-    arguments[-1] = instance;
+  look_at_class(node, call);
+  const Object function = Object::share(call.function);
+  if (!function.empty()) {
+    arguments[-1] = node.instance;
     return Object::own_or_empty(entered([&] {
-      return PyObject_Vectorcall(entry, arguments - 1, (count + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                 names);
+      return PyObject_Vectorcall(function, arguments - 1,
+                                 (count + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names);
     }));
   }
   return Object::own_or_empty(entered([&] {
-    return PyObject_Vectorcall(instance, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, names);
+    return PyObject_Vectorcall(node.instance, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                               names);
   }));
 }
 

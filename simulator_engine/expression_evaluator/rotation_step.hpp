@@ -26,6 +26,10 @@ class RotationStep {
     /// Fixed for the run:
     bool has_config_children = false;
     bool compares_kinds = false;
+    /// What the instance's class says, and the version that said it; 0 for none.
+    unsigned int class_version = 0;
+    bool has_plain_arity = false;
+    PyObject* function = nullptr;  // of `__call__` written in Python, borrowed from the class
   };
 
   struct Argument {
@@ -34,13 +38,14 @@ class RotationStep {
   };
 
   bool run_is_bound() const;
-  bool takes_config_children(const graph_prep::Node& node, const Call& call) const;
+  void look_at_class(const graph_prep::Node& node, Call& call) const;
+  bool takes_config_children(const graph_prep::Node& node, Call& call) const;
   void choose_arguments(const graph_prep::Node& node, Call& call);
   bool is_argument(graph_prep::NodeIndex child, bool is_config, bool with_config) const;
   void release_arguments(const graph_prep::Node& node, Call& call);
   Object call_instance(const graph_prep::Node& node, Call& call);
-  Object vectorcall(const Object& instance, PyObject** arguments, std::size_t count,
-                    PyObject* names) const;
+  Object vectorcall(const graph_prep::Node& node, Call& call, PyObject** arguments,
+                    std::size_t count, PyObject* names) const;
 
   Run& run_;
   const Registers& registers_;

@@ -74,13 +74,13 @@ bool NodeReader::is_plain(PyObject* node) {
   const Object node_class = space_.global(names.FunctionGraphNode);
   if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return false;
   // A class that was not touched since has its version still.
-  if (type != type_ || version_ == 0 || type->tp_version_tag != version_) {
+  if (type != type_ || version_ == 0 || version_of(type) != version_) {
     for (PyObject* name :
          {names.type.get(), names.node.get(), names.config.get(), names.children.get()}) {
       if (!has_plain_attribute(type, name)) return false;
     }
     type_ = type;
-    version_ = PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
+    version_ = version_of(type);
   }
   is_current_ = true;
   return true;

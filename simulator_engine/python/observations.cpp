@@ -11,13 +11,8 @@ namespace quernbrook::python {
 namespace {
 
 /// No two states of any two dicts have the same version.
-std::uint64_t version_of(PyObject* dict) {
+std::uint64_t dict_version(PyObject* dict) {
   return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
-}
-
-/// The same for classes; 0 where the class has none at present.
-unsigned int version_of(PyTypeObject* type) {
-  return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
 }
 
 }  // namespace
@@ -26,10 +21,10 @@ void Observations::note_instance(PyObject* instance) {
   type_ = Py_TYPE(instance);
   type_version_ = version_of(type_);
   PyObject* attributes = dictionary_of(instance);
-  notes_.push_back({instance, attributes, version_of(attributes)});
+  notes_.push_back({instance, attributes, dict_version(attributes)});
 }
 
-void Observations::note_dict(PyObject* dict) { notes_.push_back({dict, dict, version_of(dict)}); }
+void Observations::note_dict(PyObject* dict) { notes_.push_back({dict, dict, dict_version(dict)}); }
 
 void Observations::note_items(PyObject* sequence) {
   PyObject** first = PySequence_Fast_ITEMS(sequence);
@@ -58,7 +53,7 @@ bool Observations::hold() const noexcept {
     const bool is_instance = note.object != note.dict;
     if (is_instance && Py_TYPE(note.object) != type_) return false;
     if (is_instance && dictionary_of(note.object) != note.dict) return false;
-    if (version_of(note.dict) != note.number) return false;
+    if (dict_version(note.dict) != note.number) return false;
   }
   return true;
 }

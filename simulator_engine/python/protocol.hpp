@@ -96,6 +96,12 @@ inline PyObject* dictionary_of(PyObject* object) {
                                        Py_TYPE(object)->tp_dictoffset);
 }
 
+/// The version of a type: it changes whenever the type or a base of it does, and no two types have
+/// the same. 0 where it has none at present.
+inline unsigned int version_of(PyTypeObject* type) {
+  return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
+}
+
 /// The entry of `name` on the type or its bases, not bound and borrowed; null when there is none.
 PyObject* find_on_type(PyTypeObject* type, PyObject* name);
 
