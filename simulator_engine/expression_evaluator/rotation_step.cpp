@@ -72,7 +72,7 @@ void RotationStep::look_at_class(const Node& node, Call& call) const {
   PyObject* entry = find_on_type(type, names.call_);
   const bool is_function = entry != nullptr && PyFunction_Check(entry) &&
                            !PyType_HasFeature(type, Py_TPFLAGS_HAVE_VECTORCALL);
-  call.function = is_function ? entry : nullptr;
+  call.function = is_function ? Object::share(entry) : Object();
   call.class_version = version_of(type);
 }
 
@@ -143,7 +143,7 @@ Object RotationStep::vectorcall(const Node& node, Call& call, PyObject** argumen
   // A class written in Python is called through its function, as the interpreter would do after
   // two more look-ups.
   look_at_class(node, call);
-  const Object function = Object::share(call.function);
+  const Object function = call.function;
   if (!function.empty()) {
     arguments[-1] = node.instance;
     return Object::own_or_empty(entered([&] {

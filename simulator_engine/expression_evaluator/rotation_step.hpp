@@ -29,7 +29,7 @@ class RotationStep {
     /// What the instance's class says, and the version that said it; 0 for none.
     unsigned int class_version = 0;
     bool has_plain_arity = false;
-    PyObject* function = nullptr;  // of `__call__` written in Python, borrowed from the class
+    Object function;  // of `__call__` where that is written in Python
   };
 
   struct Argument {

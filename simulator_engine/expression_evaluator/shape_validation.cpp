@@ -57,8 +57,10 @@ bool all_fit(const Namespace& space, PyObject* features, PyObject* universe,
   if (useful_signals == Py_None) return true;
   if (!PyDict_CheckExact(useful_signals)) return false;
 
-  const auto has_weights = [&](PyObject* array) { return array == Py_None || is_of_shape(array); };
-  const auto has_pnl = [&](PyObject* array) {
+  const auto fits_as_weights = [&](PyObject* array) {
+    return array == Py_None || is_of_shape(array);
+  };
+  const auto fits_as_pnl = [&](PyObject* array) {
     return array == Py_None || (PyArray_CheckExact(array) && PyArray_NDIM(as_array(array)) >= 1 &&
                                 PyArray_DIM(as_array(array), 0) == rows);
   };
@@ -66,9 +68,9 @@ bool all_fit(const Namespace& space, PyObject* features, PyObject* universe,
   Py_ssize_t place = 0;
   while (signals.take(useful_signals, place)) {
     if (!signals.read(space.names.weights)) return false;
-    if (!std::ranges::all_of(signals.values(), has_weights)) return false;
+    if (!std::ranges::all_of(signals.values(), fits_as_weights)) return false;
     if (!signals.read(space.names.pnl)) return false;
-    if (!std::ranges::all_of(signals.values(), has_pnl)) return false;
+    if (!std::ranges::all_of(signals.values(), fits_as_pnl)) return false;
   }
   return true;
 }

@@ -10,6 +10,7 @@
 #include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/sequence_iterator.hpp"
+#include "python/string_keys.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::graph_prep {
@@ -315,6 +316,12 @@ class RecordReader {
   std::array<PyObject*, 7> members_;  // of the entry under way, borrowed
 };
 
+/// The context's feature index where reading it runs no foreign code; else empty.
+Object feature_index_of(const Namespace& space, PyObject* context) {
+  Object index = plain_attribute(context, space.names.feature_index);
+  return index.empty() || !has_string_keys(dictionary_of(context)) ? Object() : index;
+}
+
 }  // namespace
 
 Object make_collection_record(const Namespace& space, NodeTable& table) {
@@ -325,8 +332,9 @@ Object make_collection_record(const Namespace& space, NodeTable& table) {
 NodeTable load_collection_record(const Namespace& space, PyObject* record,
                                  const CollectionInputs& inputs) {
   static Recent<KnownRecord> known_records;
-  if (KnownRecord* known = known_records.find(record); known != nullptr) {
-    if (auto table = known->read(space, record, inputs)) return std::move(*table);
+  const Object feature_index = feature_index_of(space, inputs.context);
+  if (KnownRecord* known = known_records.find(record); known != nullptr && !feature_index.empty()) {
+    if (auto table = known->read(space, record, feature_index, inputs)) return std::move(*table);
   }
   NodeTable table = RecordReader(space, record, inputs).read();
   if (auto known = KnownRecord::of(space, record, table)) {

@@ -8,7 +8,6 @@
 #include "python/error.hpp"
 #include "python/observations.hpp"
 #include "python/protocol.hpp"
-#include "python/string_keys.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::graph_prep {
@@ -110,9 +109,7 @@ class Preflight {
     const Object config = reader_.config(node);
     if (!config.is_none()) refuse_engine_only(space_, function_name, config, path);
     const Object registry = host::registry_of(space_, context_);
-    const bool has_odd_config = !config.is_none() && !has_string_keys(config);
-    if (has_odd_config || !registry.is_none() ||
-        !has_plain_attribute(Py_TYPE(context_), space_.names.registry)) {
+    if (!registry.is_none() || !has_plain_attribute(Py_TYPE(context_), space_.names.registry)) {
       reader_.foreign_code_ran();
     }
     check_against_schema(space_, registry, function_name, config, path);
@@ -130,6 +127,10 @@ Recent<Observations>& passed_graphs() {
 }
 
 bool has_passed(const Namespace& space, PyObject* graph) {
+  PyTypeObject* type = Py_TYPE(graph);
+  const Object node_class = space.global(space.names.FunctionGraphNode);
+  if (reinterpret_cast<PyObject*>(type) != node_class) return false;
+  if (!host::is_plain_node_class(space, type)) return false;
   const Observations* passed = passed_graphs().find(graph);
   return passed != nullptr &&
          space.global(space.names.FunctionGraphNode) ==

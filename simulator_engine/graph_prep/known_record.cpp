@@ -17,6 +17,9 @@ bool is_plain_dict(PyObject* object) {
   return object != nullptr && PyDict_CheckExact(object) && has_string_keys(object);
 }
 
+/// The same for a set.
+bool is_plain_set(PyObject* object) { return PySet_CheckExact(object) && has_string_items(object); }
+
 /// The entry of a plain dict, borrowed; null where it has none.
 PyObject* entry(PyObject* dict, PyObject* key) { return PyDict_GetItemWithError(dict, key); }
 
@@ -24,8 +27,10 @@ PyObject* entry(PyObject* dict, PyObject* key) { return PyDict_GetItemWithError(
 
 std::optional<KnownRecord> KnownRecord::of(const Namespace& space, PyObject* record,
                                            const NodeTable& table) {
+  constexpr std::size_t most_nodes = 32 * 1024;
+  if (!Observations::are_possible || table.nodes.size() > most_nodes) return std::nullopt;
   KnownRecord known;
-  if (!Observations::are_possible || !known.observe(space, record, table)) return std::nullopt;
+  if (!known.observe(space, record, table)) return std::nullopt;
   known.children_ = table.children;
   known.leaves_ = table.leaves;
   known.functions_ = table.functions;
@@ -55,6 +60,8 @@ bool KnownRecord::observe(const Namespace& space, PyObject* record, const NodeTa
     if (dict->empty()) return false;
   }
 
+  if (PyDict_GET_SIZE(node_info.get()) != std::ssize(table.nodes)) return false;
+  nodes_.reserve(table.nodes.size());
   Py_ssize_t place = 0;
   PyObject* path = nullptr;
   PyObject* value = nullptr;
@@ -63,7 +70,7 @@ bool KnownRecord::observe(const Namespace& space, PyObject* record, const NodeTa
     if (!observe_node(space, value, table, node)) return false;
     if (entry(float_values, path) != node.literal.get()) return false;
     if (entry(filtration_nodes, path) != node.graph_node.get()) return false;
-    if (!observe_reduction(space, entry(reduction_nodes, path), node)) return false;
+    if (!observe_reduction(space, entry(reduction_nodes, path), table, node)) return false;
   }
   place = 0;
   for (const NodeIndex leaf : table.leaves) {
@@ -101,7 +108,7 @@ bool KnownRecord::observe_node(const Namespace& space, PyObject* info, const Nod
   }
   observations_.note_items(paths);
   PyObject* config_children = entry(info, names.config_child_paths);
-  if (config_children != nullptr && !PySet_CheckExact(config_children)) return false;
+  if (config_children != nullptr && !is_plain_set(config_children)) return false;
   nodes_.push_back({.path = node.path,
                     .type = node.type,
                     .value = node.value,
@@ -119,13 +126,15 @@ bool KnownRecord::observe_node(const Namespace& space, PyObject* info, const Nod
   return true;
 }
 
-bool KnownRecord::observe_reduction(const Namespace& space, PyObject* reduction, const Node& node) {
+bool KnownRecord::observe_reduction(const Namespace& space, PyObject* reduction,
+                                    const NodeTable& table, const Node& node) {
   if (!node.is_reduction) return reduction == nullptr;
   if (!is_plain_dict(reduction)) return false;
   observations_.note_dict(reduction);
   PyObject* path = entry(reduction, space.names.filtration_path);
-  const bool has_plain_path = path == Py_None || (path != nullptr && PyUnicode_CheckExact(path));
-  return has_plain_path && entry(reduction, space.names.config) == node.config.get();
+  PyObject* expected =
+      node.filtration_child == no_node ? Py_None : table.nodes[node.filtration_child].path.get();
+  return path == expected && entry(reduction, space.names.config) == node.config.get();
 }
 
 Node KnownRecord::node_of(const KnownNode& known) const {
@@ -147,39 +156,33 @@ Node KnownRecord::node_of(const KnownNode& known) const {
 }
 
 std::optional<NodeTable> KnownRecord::read(const Namespace& space, PyObject* record,
+                                           PyObject* feature_index,
                                            const CollectionInputs& inputs) {
-  const Object features = plain_attribute(inputs.context, space.names.feature_index);
-  if (features.empty() || !feature_keys_.of(features) || !bound_keys_.of(inputs.bound_instances)) {
-    return std::nullopt;
-  }
-  if (!PyDict_CheckExact(record) || !observations_.hold()) return std::nullopt;
+  if (!feature_keys_.of(feature_index) || !bound_keys_.of(inputs.bound_instances)) return {};
+  if (!PyDict_CheckExact(record) || !observations_.hold()) return {};
 
   NodeTable table;
-  std::vector<std::pair<NodeIndex, Object>> config_children;
   table.nodes.reserve(nodes_.size());
-  for (const KnownNode& known : nodes_) {
-    if (known.config_children != nullptr && PySet_GET_SIZE(known.config_children) > 0) {
-      config_children.emplace_back(static_cast<NodeIndex>(table.nodes.size()),
-                                   Object::share(known.config_children));
-    }
-    table.nodes.push_back(node_of(known));
-  }
+  for (const KnownNode& known : nodes_) table.nodes.push_back(node_of(known));
   table.root = root_;
   table.leaves = leaves_;
   table.functions = functions_;
   table.children = children_;
   table.is_config_child.resize(children_.size(), 0);
+  for (const KnownNode& known : nodes_) {
+    if (known.config_children == nullptr || PySet_GET_SIZE(known.config_children) == 0) continue;
+    if (!has_string_items(known.config_children)) return {};
+    for (std::size_t slot = known.first_child; slot < known.first_child + known.child_count;
+         ++slot) {
+      PyObject* path = table.nodes[table.children[slot]].path;
+      table.is_config_child[slot] = contains(known.config_children, path) ? 1 : 0;
+    }
+  }
   std::vector<Object> leaf_names;
   leaf_names.reserve(leaf_names_.size());
   for (PyObject* name : leaf_names_) leaf_names.push_back(Object::share(name));
 
-  // Whatever a host has put into a set may run its code, and what is known may go meanwhile.
-  for (const auto& [index, paths] : config_children) {
-    const Node& node = table.nodes[index];
-    for (std::size_t slot = node.first_child; slot < node.first_child + node.child_count; ++slot) {
-      table.is_config_child[slot] = contains(paths, table.nodes[table.children[slot]].path) ? 1 : 0;
-    }
-  }
+  // From here on errors may be raised, and what is known may go.
   for (std::size_t leaf = 0; leaf < leaf_names.size(); ++leaf) {
     set_feature_index(space, table.nodes[table.leaves[leaf]], leaf_names[leaf], inputs.context);
   }

@@ -21,10 +21,12 @@ class KnownRecord {
 
   /// The table anew, with the features and instances of this run; none where the record has changed
   /// or reading it may run foreign code.
-  std::optional<NodeTable> read(const Namespace& space, PyObject* record,
+  std::optional<NodeTable> read(const Namespace& space, PyObject* record, PyObject* feature_index,
                                 const CollectionInputs& inputs);
 
-  std::size_t size() const noexcept { return observations_.size(); }
+  std::size_t bytes() const noexcept {
+    return observations_.bytes() + nodes_.size() * (sizeof(KnownNode) + sizeof(NodeIndex));
+  }
 
  private:
   struct KnownNode {
@@ -47,7 +49,8 @@ class KnownRecord {
   bool observe(const Namespace& space, PyObject* record, const NodeTable& table);
   bool observe_node(const Namespace& space, PyObject* info, const NodeTable& table,
                     const Node& node);
-  bool observe_reduction(const Namespace& space, PyObject* entry, const Node& node);
+  bool observe_reduction(const Namespace& space, PyObject* entry, const NodeTable& table,
+                         const Node& node);
   Node node_of(const KnownNode& known) const;
 
   std::vector<KnownNode> nodes_;

@@ -67,18 +67,24 @@ Object config_of(const Namespace& space, PyObject* node) {
   return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), config));
 }
 
+bool is_plain_node_class(const Namespace& space, PyTypeObject* type) {
+  const Names& names = space.names;
+  if (type->tp_dictoffset <= 0) return false;
+  for (PyObject* name :
+       {names.type.get(), names.node.get(), names.config.get(), names.children.get()}) {
+    if (!has_plain_attribute(type, name)) return false;
+  }
+  return true;
+}
+
 bool NodeReader::is_plain(PyObject* node) {
   PyTypeObject* type = Py_TYPE(node);
   if (type == type_ && is_current_ && only_plain_values_) return true;
-  const Names& names = space_.names;
-  const Object node_class = space_.global(names.FunctionGraphNode);
-  if (reinterpret_cast<PyObject*>(type) != node_class || type->tp_dictoffset <= 0) return false;
+  const Object node_class = space_.global(space_.names.FunctionGraphNode);
+  if (reinterpret_cast<PyObject*>(type) != node_class) return false;
   // A class that was not touched since has its version still.
   if (type != type_ || version_ == 0 || version_of(type) != version_) {
-    for (PyObject* name :
-         {names.type.get(), names.node.get(), names.config.get(), names.children.get()}) {
-      if (!has_plain_attribute(type, name)) return false;
-    }
+    if (!is_plain_node_class(space_, type)) return false;
     type_ = type;
     version_ = version_of(type);
   }
@@ -92,9 +98,19 @@ Object NodeReader::plain_field(PyObject* node, PyObject* key) {
   return attributes == nullptr ? Object() : attributes_.item(attributes, key);
 }
 
+void NodeReader::note(PyObject* node) {
+  if (observations_ == nullptr) return;
+  PyObject* attributes = dictionary_of(node);
+  if (attributes != nullptr && has_string_keys(attributes)) {
+    observations_->note_instance(node);
+  } else {
+    observations_ = nullptr;
+  }
+}
+
 void NodeReader::require_instance(PyObject* node, const NodePath& path) {
-  if (is_plain(node) && dictionary_of(node) != nullptr) {
-    if (observations_ != nullptr) observations_->note_instance(node);
+  if (is_plain(node)) {
+    note(node);
     return;
   }
   foreign_code_ran();
@@ -123,6 +139,7 @@ Object NodeReader::optional_field(PyObject* node, PyObject* key) {
 
 Object NodeReader::children(PyObject* node) {
   Object children = plain_field(node, space_.names.children);
+  if (observations_ != nullptr) observations_->finish_instance();
   if (children.is_none()) return {};
   if (!children.empty() &&
       (PyList_CheckExact(children.get()) || PyTuple_CheckExact(children.get()))) {

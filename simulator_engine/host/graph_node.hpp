@@ -83,13 +83,16 @@ class NodeReader {
     observations_ = nullptr;
   }
   /// True if everything that was read has been noted.
-  bool has_noted_all() const noexcept { return observations_ != nullptr; }
+  bool has_noted_all() const noexcept {
+    return observations_ != nullptr && observations_->are_sound();
+  }
 
  private:
   void met_odd_value() noexcept {
     only_plain_values_ = false;
     observations_ = nullptr;
   }
+  void note(PyObject* node);
   Object require(PyObject* node, PyObject* key, const NodePath& path);
   bool is_plain(PyObject* node);
   Object plain_field(PyObject* node, PyObject* key);
@@ -102,6 +105,9 @@ class NodeReader {
   bool is_current_ = false;
   bool only_plain_values_ = true;  // no kind, value or sequence with code of its own was met
 };
+
+/// True if reading the fields of a node of this class runs no foreign code.
+bool is_plain_node_class(const Namespace& space, PyTypeObject* type);
 
 extern PyMethodDef graph_node_functions[];
 

@@ -38,32 +38,40 @@ class Store {
   }
 
   void keep(Header* block) noexcept {
-    constexpr std::size_t most_bytes = 32 << 20;
-    constexpr std::size_t most_shelves = 32;
-    // Runs of other sizes were here: whatever they still need comes back soon.
-    if (bytes_ + block->capacity > most_bytes || shelves_.size() > most_shelves) clear();
-    try {
-      auto shelf = std::ranges::find(shelves_, block->capacity, &Shelf::capacity);
-      if (shelf == shelves_.end()) shelf = shelves_.insert(shelf, Shelf{block->capacity, {}});
-      shelf->blocks.push_back(block);
-      bytes_ += block->capacity;
-    } catch (const std::bad_alloc&) {
-      std::free(block);
-    }
+    const std::size_t capacity = block->capacity;
+    // Runs of other sizes were here before: whatever they still need comes back soon.
+    if (bytes_ + capacity > most_bytes || shelves_.size() > most_shelves) drop_others(capacity);
+    if (bytes_ + capacity > most_bytes || !put(block)) std::free(block);
   }
 
  private:
+  static constexpr std::size_t most_bytes = std::size_t{32} << 20;
+  static constexpr std::size_t most_shelves = 256;
+
   struct Shelf {
     std::size_t capacity;
     std::vector<Header*> blocks;
   };
 
-  void clear() noexcept {
-    for (const Shelf& shelf : shelves_) {
-      for (Header* block : shelf.blocks) std::free(block);
+  bool put(Header* block) noexcept {
+    try {
+      auto shelf = std::ranges::find(shelves_, block->capacity, &Shelf::capacity);
+      if (shelf == shelves_.end()) shelf = shelves_.insert(shelf, Shelf{block->capacity, {}});
+      shelf->blocks.push_back(block);
+      bytes_ += block->capacity;
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
     }
-    shelves_.clear();
-    bytes_ = 0;
+  }
+
+  void drop_others(std::size_t capacity) noexcept {
+    std::erase_if(shelves_, [&](const Shelf& shelf) {
+      if (shelf.capacity == capacity) return false;
+      for (Header* block : shelf.blocks) std::free(block);
+      bytes_ -= shelf.capacity * shelf.blocks.size();
+      return true;
+    });
   }
 
   std::vector<Shelf> shelves_;

@@ -11,34 +11,49 @@ namespace quernbrook::python {
 namespace {
 
 /// No two states of any two dicts have the same version.
-std::uint64_t dict_version(PyObject* dict) {
+std::uint64_t version_of(PyObject* dict) {
   return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
 }
 
 }  // namespace
 
 void Observations::note_instance(PyObject* instance) {
+  while (!open_.empty() && open_.back().next == open_.back().end) open_.pop_back();
+  // The garbage collector may have run code of the host since the items were noted.
+  if (type_ != nullptr && (open_.empty() || items_[open_.back().next++] != instance)) {
+    are_sound_ = false;
+  }
   type_ = Py_TYPE(instance);
-  type_version_ = version_of(type_);
   PyObject* attributes = dictionary_of(instance);
-  notes_.push_back({instance, attributes, dict_version(attributes)});
+  last_instance_ = notes_.size();
+  notes_.push_back({instance, attributes, version_of(attributes)});
 }
 
-void Observations::note_dict(PyObject* dict) { notes_.push_back({dict, dict, dict_version(dict)}); }
+void Observations::note_dict(PyObject* dict) {
+  finish_instance();
+  notes_.push_back({dict, dict, version_of(dict)});
+}
 
 void Observations::note_items(PyObject* sequence) {
+  finish_instance();
   PyObject** first = PySequence_Fast_ITEMS(sequence);
   const Py_ssize_t count = PySequence_Fast_GET_SIZE(sequence);
   notes_.push_back({sequence, nullptr, static_cast<std::uint64_t>(count)});
+  if (type_ != nullptr)
+    open_.push_back({items_.size(), items_.size() + static_cast<std::size_t>(count)});
   items_.insert(items_.end(), first, first + count);
 }
 
+void Observations::finish_instance() {
+  if (type_ != nullptr && !is_as_noted(notes_[last_instance_])) are_sound_ = false;
+}
+
+bool Observations::is_as_noted(const Note& instance) const noexcept {
+  return Py_TYPE(instance.object) == type_ && dictionary_of(instance.object) == instance.dict &&
+         version_of(instance.dict) == instance.number;
+}
+
 bool Observations::hold() const noexcept {
-  if (type_ != nullptr) {
-    // The instance that was noted first keeps its class alive, if that is still this one.
-    if (Py_TYPE(notes_.front().object) != type_) return false;
-    if (type_version_ == 0 || version_of(type_) != type_version_) return false;
-  }
   auto item = items_.begin();
   for (const Note& note : notes_) {
     if (note.dict == nullptr) {
@@ -47,13 +62,12 @@ bool Observations::hold() const noexcept {
       if (count != note.number) return false;
       if (!std::equal(item, last, PySequence_Fast_ITEMS(note.object))) return false;
       item = last;
-      continue;
+    } else if (note.dict == note.object) {
+      if (version_of(note.dict) != note.number) return false;
+    } else if (!is_as_noted(note)) {
+      // A list may hold another object at an address that was free in the meantime.
+      return false;
     }
-    // A list may hold another object at an address that was free in the meantime.
-    const bool is_instance = note.object != note.dict;
-    if (is_instance && Py_TYPE(note.object) != type_) return false;
-    if (is_instance && dictionary_of(note.object) != note.dict) return false;
-    if (dict_version(note.dict) != note.number) return false;
   }
   return true;
 }
@@ -63,6 +77,7 @@ bool Observations::hold() const noexcept {
 void Observations::note_instance(PyObject*) {}
 void Observations::note_dict(PyObject*) {}
 void Observations::note_items(PyObject*) {}
+void Observations::finish_instance() {}
 bool Observations::hold() const noexcept { return false; }
 
 #endif

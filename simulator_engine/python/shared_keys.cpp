@@ -16,21 +16,17 @@ Object SharedKeys::item(PyObject* dictionary, PyObject* name) {
   return dict_item(dictionary, name);
 }
 
-/// True if the places hold for the dictionary, too.
+/// True if the places hold for the dictionary, too. They are learnt once and hold as long as nobody
+/// changes the sample: no two states of any two dicts have the same version.
 bool SharedKeys::know(PyDictObject* dictionary) {
+  if (sample_.empty()) learn(dictionary);
   const auto* sample = reinterpret_cast<PyDictObject*>(sample_.get());
-  // No two states of any two dicts have the same version.
-  if (sample == nullptr || sample->ma_version_tag != sample_version_) {
-    learn(dictionary);
-    return true;
-  }
-  return dictionary->ma_keys == sample->ma_keys;
+  return sample->ma_version_tag == sample_version_ && dictionary->ma_keys == sample->ma_keys;
 }
 
 void SharedKeys::learn(PyDictObject* dictionary) {
   sample_ = Object::share(reinterpret_cast<PyObject*>(dictionary));
   sample_version_ = dictionary->ma_version_tag;
-  names_.fill(nullptr);
   // The position of a walk over shared keys is the place among the values.
   Py_ssize_t place = 0;
   PyObject* name = nullptr;

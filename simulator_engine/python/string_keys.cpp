@@ -15,6 +15,20 @@ bool has_string_keys(PyObject* dictionary) {
   return true;
 }
 
+bool has_string_items(PyObject* set) {
+#if PY_VERSION_HEX < 0x030B0000
+  Py_ssize_t place = 0;
+  PyObject* item = nullptr;
+  Py_hash_t hash = 0;
+  while (_PySet_NextEntry(set, &place, &item, &hash) != 0) {
+    if (!PyUnicode_CheckExact(item)) return false;
+  }
+  return true;
+#else
+  return PySet_GET_SIZE(set) == 0;
+#endif
+}
+
 bool StringKeys::of(PyObject* dictionary) {
   if (!PyDict_CheckExact(dictionary)) return false;
 #if PY_VERSION_HEX < 0x030C0000

@@ -9,7 +9,12 @@ namespace quernbrook::python {
 /// True if all keys of an exact dict are plain texts: a look-up of one runs no foreign code then.
 bool has_string_keys(PyObject* dictionary);
 
-/// The same for a large dict that is asked for again and again, found out anew when it has changed.
+/// True if all items of an exact set are plain texts; false where that can't be seen without
+/// running foreign code.
+bool has_string_items(PyObject* set);
+
+/// has_string_keys() for a large dict that is asked for again and again, found out anew when it has
+/// changed.
 class StringKeys {
  public:
   bool of(PyObject* dictionary);

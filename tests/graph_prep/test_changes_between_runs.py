@@ -3,6 +3,7 @@ often the graph has run before."""
 
 from __future__ import annotations
 
+import gc
 from collections.abc import Callable
 from types import ModuleType
 from typing import Any
@@ -15,7 +16,7 @@ from support.bound_runs import bound_run
 from support.functions import RecordingFunction
 from support.graphs import feature, number, rotation
 from support.registries import RecordingRegistry, entry
-from support.runs import bind_all, counting_matrix, fails, same_bits
+from support.runs import bind_all, counting_matrix, fails, make_context, same_bits
 
 RUNS = 3
 Change = Callable[[FunctionGraphNode], None]
@@ -197,3 +198,185 @@ def test_a_record_entry_at_the_address_of_another(evaluator: ModuleType) -> None
         record["float_values"] = {"root.c0": float(value)}
         for _ in range(RUNS):
             same_bits(bound_run(evaluator, graph, bound).weights, np.full((2, 3), float(value)))
+
+
+# --- changes in the middle of a run --------------------------------------------------------------
+
+
+class OddKey:
+    """A key of a dictionary that runs code when `name` is looked up there."""
+
+    def __init__(self, name: str, answer: Callable[[], bool]) -> None:
+        self.name, self.answer = name, answer
+
+    def __hash__(self) -> int:
+        return hash(self.name)
+
+    def __eq__(self, other: object) -> bool:
+        return other == self.name and self.answer()
+
+
+def put_first(attributes: dict[Any, Any], key: Any, value: Any) -> None:
+    others = dict(attributes)
+    attributes.clear()
+    attributes[key] = value
+    attributes.update(others)
+
+
+def test_a_key_that_answers_otherwise(evaluator: ModuleType) -> None:
+    graph = two_functions()
+    answers = {"config": False}
+    put_first(vars(graph), OddKey("config", lambda: answers["config"]), {"N_alloc": 1})
+    run_before(evaluator, graph)
+    answers["config"] = True
+    with fails(FunctionExecutionError, engine_only("root", "f")):
+        bound_run(evaluator, graph, {"root": RecordingFunction(), "root.c0": RecordingFunction()})
+
+
+def test_a_context_that_runs_other_graphs(evaluator: ModuleType) -> None:
+    others = [rotation("g", number(float(value))) for value in range(40)]
+    bound = {"root": RecordingFunction()}
+    graph = rotation("f", feature("a"))
+    for _ in range(RUNS):
+        bound_run(evaluator, graph, bound)
+    busy = []
+
+    def run_others() -> bool:
+        if not busy:
+            busy.append(True)
+            for other in others * RUNS:
+                bound_run(evaluator, other, bound)
+        return False
+
+    context = make_context(evaluator, {"a": counting_matrix(2)})
+    put_first(vars(context), OddKey("feature_index", run_others), None)
+    result = evaluator.evaluate(
+        graph, context, bound_function_instances=bound, data_nan_features=["none"]
+    )
+    same_bits(result.weights, counting_matrix(2))
+    assert busy
+
+
+class Meddling(dict[str, Any]):
+    """Bound instances that change something when they are looked for."""
+
+    def __init__(self, instances: Any, change: Callable[[], None]) -> None:
+        super().__init__(instances)
+        self.change = change
+
+    def __contains__(self, path: object) -> bool:
+        self.change()
+        return super().__contains__(path)
+
+
+def test_a_record_that_grows_while_it_is_read(evaluator: ModuleType) -> None:
+    graph = rotation("f", number(2.0))
+    bound_run(evaluator, graph)
+    info: Any = graph._collect_nodes_cache["node_info"]
+
+    def grow() -> None:
+        info["extra"] = info["root.c0"]
+
+    bound_run(evaluator, graph, Meddling(bind_all(graph), grow))
+    for _ in range(RUNS):
+        outputs = bound_run(evaluator, graph).node_outputs
+        assert list(outputs) == ["root.c0", "root", "extra"]
+
+
+def test_a_set_that_changes_the_record(evaluator: ModuleType) -> None:
+    graph = rotation("f", feature("a"), number(2.5))
+    bound_run(evaluator, graph)
+    record: Any = graph._collect_nodes_cache
+    armed = []
+
+    def change() -> bool:
+        if armed:
+            record["float_values"]["root.c1"] = 9.0
+        return False
+
+    record["node_info"]["root"]["config_child_paths"] = {OddKey("root.c0", change)}
+    run_before(evaluator, graph)
+    armed.append(True)
+    bound_run(evaluator, graph)
+    result = bound_run(evaluator, graph)
+    same_bits(result.node_outputs["root.c1"], np.full((2, 3), 9.0))
+
+
+@pytest.mark.parametrize(("put", "back"), [(4, 6), (3, 5), (5, 7), (2, 9)])
+def test_a_child_that_the_garbage_collector_exchanges(
+    evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch, put: int, back: int
+) -> None:
+    """For a moment, by a callback of the host: nothing is remembered of the one that was there."""
+    first, second, third = (
+        rotation(name, feature("a"), config={"k": name}) for name in ("a", "b", "c")
+    )
+    graph = rotation("f", first, second, third, config={"k": 0})
+    children: Any = graph.children
+    collections = []
+
+    def collected(phase: str, _: Any) -> None:
+        if phase == "stop":
+            return
+        collections.append(phase)
+        if len(collections) == put:
+            children[1] = rotation("d", feature("a"), config={"k": 1})
+        if len(collections) == back:
+            children[1] = second
+
+    def attach_and_collect(*arguments: Any) -> None:
+        attach(*arguments)
+        gc.set_threshold(1)
+
+    def stop(*arguments: Any) -> Any:
+        gc.set_threshold(*threshold)
+        return get(*arguments)
+
+    threshold = gc.get_threshold()
+    bound_run(evaluator, graph)
+    attach, get = evaluator._attach_stage_data_feature_leaves, evaluator._graph_cache_get
+    with monkeypatch.context() as patch:
+        patch.setattr(evaluator, "_attach_stage_data_feature_leaves", attach_and_collect)
+        patch.setattr(evaluator, "_graph_cache_get", stop)
+        gc.callbacks.append(collected)
+        try:
+            bound_run(evaluator, graph)
+        finally:
+            gc.callbacks.remove(collected)
+            gc.set_threshold(*threshold)
+    children[1] = second
+    bound_run(evaluator, graph)
+    second.config = {"N_alloc": 1}
+    with fails(FunctionExecutionError, engine_only("root.c1", "b")):
+        bound_run(evaluator, graph)
+
+
+class Bomb:
+    """Does something when it is let go."""
+
+    def __init__(self, action: Callable[[], None]) -> None:
+        self.action = action
+
+    def __del__(self) -> None:
+        self.action()
+
+
+def test_attributes_that_go_in_the_middle_of_a_walk(evaluator: ModuleType) -> None:
+    leaf: Any = rotation("g", feature("a"))
+    graph: Any = rotation("f", leaf)
+    leaf.extra = 1
+    exploded = []
+
+    def explode() -> None:
+        exploded.append(True)
+        del leaf.extra
+
+    class Exchanging(RecordingRegistry):
+        def has(self, name: str) -> bool:
+            if name == "f" and not hasattr(graph, "bomb"):
+                graph.bomb = Bomb(explode)
+                graph.__dict__ = {**vars(graph), "bomb": None}
+            return False
+
+    result = bound_run(evaluator, graph, registry=Exchanging())
+    same_bits(result.weights, counting_matrix(2))
+    assert exploded
