@@ -1,7 +1,5 @@
 #include "python/array.hpp"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <memory>
@@ -53,48 +51,18 @@ Object zeros(npy_intp rows, npy_intp columns) {
   return Object::own(PyArray_ZEROS(2, shape, NPY_DOUBLE, 0));
 }
 
-namespace {
-
-/// Memory of whole pages, which the system hands out as zeros when they are first touched.
-struct Pages {
-  explicit Pages(std::size_t bytes)
-      : start(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)),
-        size(bytes) {
-    if (start == MAP_FAILED) throw std::bad_alloc();
-  }
-  ~Pages() { munmap(start, size); }
-  Pages(const Pages&) = delete;
-  Pages& operator=(const Pages&) = delete;
-
-  void* const start;
-  const std::size_t size;
-
-  static constexpr const char* capsule_name = "zeroed pages";
-  static void release(PyObject* capsule) {
-    delete static_cast<Pages*>(PyCapsule_GetPointer(capsule, capsule_name));
-  }
-};
-
-Object zeroed_pages(std::size_t size) {
-  auto pages = std::make_unique<Pages>(size);
-  Object capsule = Object::own(PyCapsule_New(pages.get(), Pages::capsule_name, Pages::release));
-  pages.release();
-  return capsule;
-}
-
-}  // namespace
-
 Object untouched_zeros(npy_intp rows, npy_intp columns) {
   constexpr std::size_t worth_pages = 64 * 1024;  // below, writing zeros is quicker
   const std::size_t size =
       static_cast<std::size_t>(rows) * static_cast<std::size_t>(columns) * sizeof(double);
   if (rows < 0 || columns < 0 || size < worth_pages) return zeros(rows, columns);
-  const Object memory = zeroed_pages(size);
-  void* start = static_cast<Pages*>(PyCapsule_GetPointer(memory, Pages::capsule_name))->start;
+  const auto give_back = [size](void* pages) { give_back_pages(pages, size); };
+  std::unique_ptr<void, decltype(give_back)> pages(take_pages(size), give_back);
   npy_intp shape[] = {rows, columns};
-  Object array = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, start, 0,
-                                         NPY_ARRAY_CARRAY, nullptr));
-  checked(PyArray_SetBaseObject(as_array(array), Py_NewRef(memory.get())));
+  Object array = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, pages.get(),
+                                         0, NPY_ARRAY_CARRAY, nullptr));
+  own_pages(array, pages.get(), size);
+  pages.release();
   return array;
 }
 

@@ -1,11 +1,15 @@
 #include "python/array_memory.hpp"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "python/array.hpp"
@@ -155,12 +159,69 @@ void give_back_block(void* block) noexcept {
   }
 }
 
-void own_block(PyObject* array, void* block, std::size_t size) {
-  array_fields(array)->mem_handler = handler_capsule().release();
+namespace {
+
+void own(PyObject* array, Object handler_capsule, void* memory, std::size_t size) {
+  array_fields(array)->mem_handler = handler_capsule.release();
   PyArray_ENABLEFLAGS(as_array(array), NPY_ARRAY_OWNDATA);
   // As NumPy does for its own: `tracemalloc` sees the arrays. NumPy ends it when it frees them.
   constexpr unsigned numpy_domain = 389047;  // numpy.lib.tracemalloc_domain
-  PyTraceMalloc_Track(numpy_domain, reinterpret_cast<std::uintptr_t>(block), size);
+  PyTraceMalloc_Track(numpy_domain, reinterpret_cast<std::uintptr_t>(memory), size);
+}
+
+/// Pages and the handler that knows their size: it has no other arrays, so that NumPy only asks it
+/// to resize and to free.
+struct Pages {
+  explicit Pages(std::size_t bytes) : size(bytes) {}
+  Pages(const Pages&) = delete;
+  Pages& operator=(const Pages&) = delete;
+
+  static constexpr const char* capsule_name = "mem_handler";
+
+  static void* refuse(void*, std::size_t) { return nullptr; }
+  static void* refuse_zeros(void*, std::size_t, std::size_t) { return nullptr; }
+  static void* resize(void* self, void* pages, std::size_t size) {
+    std::size_t& old_size = static_cast<Pages*>(self)->size;
+    void* moved = mremap(pages, old_size, size, MREMAP_MAYMOVE);
+    if (moved == MAP_FAILED) return nullptr;
+    old_size = size;
+    return moved;
+  }
+  static void free(void* self, void* pages, std::size_t) {
+    give_back_pages(pages, static_cast<Pages*>(self)->size);
+  }
+  static void end(PyObject* capsule) {
+    auto* handler = static_cast<PyDataMem_Handler*>(PyCapsule_GetPointer(capsule, capsule_name));
+    delete static_cast<Pages*>(handler->allocator.ctx);
+  }
+
+  std::size_t size;
+  PyDataMem_Handler handler{
+      .name = "expression_evaluator pages",
+      .version = 1,
+      .allocator = {
+          .ctx = this, .malloc = refuse, .calloc = refuse_zeros, .realloc = resize, .free = free}};
+};
+
+}  // namespace
+
+void own_block(PyObject* array, void* block, std::size_t size) {
+  own(array, handler_capsule(), block, size);
+}
+
+void* take_pages(std::size_t size) {
+  void* pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (pages == MAP_FAILED) throw std::bad_alloc();
+  return pages;
+}
+
+void give_back_pages(void* pages, std::size_t size) noexcept { munmap(pages, size); }
+
+void own_pages(PyObject* array, void* pages, std::size_t size) {
+  auto owned = std::make_unique<Pages>(size);
+  Object capsule = Object::own(PyCapsule_New(&owned->handler, Pages::capsule_name, Pages::end));
+  owned.release();
+  own(array, std::move(capsule), pages, size);
 }
 
 }  // namespace quernbrook::python

@@ -20,4 +20,10 @@ void give_back_block(void* block) noexcept;
 /// Makes the array, which was made over a block, the owner of it.
 void own_block(PyObject* array, void* block, std::size_t size);
 
+/// Memory of whole pages, which the system hands out as zeros when they are first touched.
+void* take_pages(std::size_t size);
+void give_back_pages(void* pages, std::size_t size) noexcept;
+/// Makes the array, which was made over the pages, the owner of them.
+void own_pages(PyObject* array, void* pages, std::size_t size);
+
 }  // namespace quernbrook::python

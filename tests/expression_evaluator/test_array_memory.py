@@ -14,7 +14,8 @@ import pytest
 from support.bound_runs import bound_run
 from support.functions import RecordingFunction
 from support.graphs import feature, rotation
-from support.runs import same_bits
+from support.registries import RecordingRegistry
+from support.runs import make_context, same_bits
 
 # From the smallest arrays to some whose memory isn't kept: 8 bytes to 17 MB.
 SHAPES = [(1, 1), (1, 127), (1, 128), (1, 500), (3, 1000), (20, 5000), (3, 700_000)]
@@ -74,6 +75,41 @@ def test_an_array_can_take_another_form(evaluator: ModuleType) -> None:
         second.shape = (500, 1)
         del weights, first, second
     same_bits(outputs(evaluator, (1, 500), 7.0)[0], np.full((1, 500), 7.0))
+
+
+def registers(evaluator: ModuleType, columns: int) -> np.ndarray:
+    """The registers that a run puts on its context before the first row."""
+    seen = []
+
+    def look(row: Any, context: Any) -> Any:
+        seen.append(context.registers)
+        return row
+
+    graph = rotation("f", feature("a"))
+    context = make_context(evaluator, {"a": np.full((1, columns), 2.5)})
+    context.registry = RecordingRegistry(factories={"f": RecordingFunction(look)})
+    evaluator.evaluate(graph, context)
+    return seen[0]
+
+
+@pytest.mark.parametrize("columns", [1, 500, 4096, 100_000, 1_100_000])
+@pytest.mark.parametrize("rows", [0, 1, 2, 5])
+def test_registers_of_the_context_are_owners(
+    evaluator: ModuleType, columns: int, rows: int
+) -> None:
+    array = registers(evaluator, columns)
+    assert array.shape == (2, columns)
+    assert array.base is None
+    assert array.flags.owndata
+    assert not array.any()
+    array[...] = 3.0
+    array.resize((rows, columns), refcheck=False)
+    kept = min(rows, 2)
+    assert (array[:kept] == 3.0).all()
+    assert not array[kept:].any()
+    array.__setstate__((1, (2,), np.dtype(float), False, bytes(16)))
+    same_bits(array, np.zeros(2))
+    assert not registers(evaluator, columns).any()
 
 
 def test_registers_begin_with_zeros(evaluator: ModuleType) -> None:
