@@ -143,11 +143,10 @@ Object RotationStep::vectorcall(const Node& node, Call& call, PyObject** argumen
   // A class written in Python is called through its function, as the interpreter would do after
   // two more look-ups.
   look_at_class(node, call);
-  const Object function = call.function;
-  if (!function.empty()) {
+  if (!call.function.empty()) {
     arguments[-1] = node.instance;
     return Object::own_or_empty(entered([&] {
-      return PyObject_Vectorcall(function, arguments - 1,
+      return PyObject_Vectorcall(call.function, arguments - 1,
                                  (count + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, names);
     }));
   }

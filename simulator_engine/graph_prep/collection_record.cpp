@@ -316,12 +316,6 @@ class RecordReader {
   std::array<PyObject*, 7> members_;  // of the entry under way, borrowed
 };
 
-/// The context's feature index where reading it runs no foreign code; else empty.
-Object feature_index_of(const Namespace& space, PyObject* context) {
-  Object index = plain_attribute(context, space.names.feature_index);
-  return index.empty() || !has_string_keys(dictionary_of(context)) ? Object() : index;
-}
-
 }  // namespace
 
 Object make_collection_record(const Namespace& space, NodeTable& table) {
@@ -332,8 +326,11 @@ Object make_collection_record(const Namespace& space, NodeTable& table) {
 NodeTable load_collection_record(const Namespace& space, PyObject* record,
                                  const CollectionInputs& inputs) {
   static Recent<KnownRecord> known_records;
-  const Object feature_index = feature_index_of(space, inputs.context);
-  if (KnownRecord* known = known_records.find(record); known != nullptr && !feature_index.empty()) {
+  const Object feature_index = silent_attribute(inputs.context, space.names.feature_index);
+  if (feature_index.empty() || !PyDict_CheckExact(inputs.bound_instances)) {
+    return RecordReader(space, record, inputs).read();
+  }
+  if (KnownRecord* known = known_records.find(record); known != nullptr) {
     if (auto table = known->read(space, record, feature_index, inputs)) return std::move(*table);
   }
   NodeTable table = RecordReader(space, record, inputs).read();

@@ -8,6 +8,7 @@
 #include "python/error.hpp"
 #include "python/observations.hpp"
 #include "python/protocol.hpp"
+#include "python/string_keys.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::graph_prep {
@@ -132,10 +133,7 @@ bool has_passed(const Namespace& space, PyObject* graph) {
   if (reinterpret_cast<PyObject*>(type) != node_class) return false;
   if (!host::is_plain_node_class(space, type)) return false;
   const Observations* passed = passed_graphs().find(graph);
-  return passed != nullptr &&
-         space.global(space.names.FunctionGraphNode) ==
-             reinterpret_cast<PyObject*>(Py_TYPE(graph)) &&
-         passed->hold();
+  return passed != nullptr && passed->hold();
 }
 
 }  // namespace
@@ -143,7 +141,7 @@ bool has_passed(const Namespace& space, PyObject* graph) {
 void preflight_explicit_config(const Namespace& space, PyObject* context, PyObject* graph) {
   // Without a registry nothing but the graph decides.
   const bool may_remember =
-      Observations::are_possible && plain_attribute(context, space.names.registry).is_none();
+      Observations::are_possible && silent_attribute(context, space.names.registry).is_none();
   if (may_remember && has_passed(space, graph)) return;
   Observations observations;
   Preflight preflight(space, context, may_remember ? &observations : nullptr);

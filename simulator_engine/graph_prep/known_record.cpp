@@ -137,7 +137,7 @@ bool KnownRecord::observe_reduction(const Namespace& space, PyObject* reduction,
   return path == expected && entry(reduction, space.names.config) == node.config.get();
 }
 
-Node KnownRecord::node_of(const KnownNode& known) const {
+Node KnownRecord::node_of(const KnownNode& known) {
   Node node;
   node.path = Object::share(known.path);
   node.type = Object::share(known.type);

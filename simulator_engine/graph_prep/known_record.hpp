@@ -51,7 +51,7 @@ class KnownRecord {
                     const Node& node);
   bool observe_reduction(const Namespace& space, PyObject* entry, const NodeTable& table,
                          const Node& node);
-  Node node_of(const KnownNode& known) const;
+  static Node node_of(const KnownNode& known);
 
   std::vector<KnownNode> nodes_;
   std::vector<NodeIndex> children_;

@@ -32,9 +32,9 @@ constexpr std::array<std::pair<Object host::Names::*, NodeKind>, 9> kind_names{{
 
 NodeKind kind_of(const Namespace& space, PyObject* type) {
   if (!PyUnicode_CheckExact(type)) return NodeKind::compared;
+  // Both are interned, as a literal in the host's source is.
   for (const auto& [name, kind] : kind_names) {
-    if (type == space.names.*name)
-      return kind;  // both interned, as a literal in the host's source is
+    if (type == space.names.*name) return kind;
   }
   return compare_kind(space, type);
 }

@@ -39,13 +39,20 @@ void Observations::note_items(PyObject* sequence) {
   PyObject** first = PySequence_Fast_ITEMS(sequence);
   const Py_ssize_t count = PySequence_Fast_GET_SIZE(sequence);
   notes_.push_back({sequence, nullptr, static_cast<std::uint64_t>(count)});
-  if (type_ != nullptr)
-    open_.push_back({items_.size(), items_.size() + static_cast<std::size_t>(count)});
   items_.insert(items_.end(), first, first + count);
+  if (type_ != nullptr)
+    open_.push_back({items_.size() - static_cast<std::size_t>(count), items_.size()});
 }
 
 void Observations::finish_instance() {
   if (type_ != nullptr && !is_as_noted(notes_[last_instance_])) are_sound_ = false;
+}
+
+bool Observations::are_sound() const noexcept {
+  const auto were_all_noted = [](const Siblings& siblings) {
+    return siblings.next == siblings.end;
+  };
+  return are_sound_ && std::ranges::all_of(open_, were_all_noted);
 }
 
 bool Observations::is_as_noted(const Note& instance) const noexcept {
@@ -78,6 +85,7 @@ void Observations::note_instance(PyObject*) {}
 void Observations::note_dict(PyObject*) {}
 void Observations::note_items(PyObject*) {}
 void Observations::finish_instance() {}
+bool Observations::are_sound() const noexcept { return false; }
 bool Observations::hold() const noexcept { return false; }
 
 #endif

@@ -31,7 +31,7 @@ class Observations {
   void finish_instance();
 
   /// False if there were changes between the notes: they are of no use then.
-  bool are_sound() const noexcept { return are_sound_; }
+  bool are_sound() const noexcept;
   std::size_t bytes() const noexcept {
     return notes_.size() * sizeof(Note) + items_.size() * sizeof(PyObject*);
   }

@@ -1,5 +1,7 @@
 #include "python/string_keys.hpp"
 
+#include "python/protocol.hpp"
+
 namespace quernbrook::python {
 
 bool has_string_keys(PyObject* dictionary) {
@@ -27,6 +29,13 @@ bool has_string_items(PyObject* set) {
 #else
   return PySet_GET_SIZE(set) == 0;
 #endif
+}
+
+Object silent_attribute(PyObject* object, PyObject* name) {
+  if (Py_TYPE(object)->tp_dictoffset <= 0) return {};
+  PyObject* attributes = dictionary_of(object);
+  if (attributes == nullptr || !has_string_keys(attributes)) return {};
+  return plain_attribute(object, name);
 }
 
 bool StringKeys::of(PyObject* dictionary) {

@@ -13,6 +13,10 @@ bool has_string_keys(PyObject* dictionary);
 /// running foreign code.
 bool has_string_items(PyObject* set);
 
+/// plain_attribute() of an object whose own attributes are named by plain texts only: the look-up
+/// runs no foreign code for odd keys either. Empty elsewhere.
+Object silent_attribute(PyObject* object, PyObject* name);
+
 /// has_string_keys() for a large dict that is asked for again and again, found out anew when it has
 /// changed.
 class StringKeys {

@@ -302,52 +302,71 @@ def test_a_set_that_changes_the_record(evaluator: ModuleType) -> None:
     same_bits(result.node_outputs["root.c1"], np.full((2, 3), 9.0))
 
 
-@pytest.mark.parametrize(("put", "back"), [(4, 6), (3, 5), (5, 7), (2, 9)])
+@pytest.mark.parametrize("place", [1, 2])
+@pytest.mark.parametrize("exchange", [True, False])
+@pytest.mark.parametrize(
+    ("put", "back"), [*((put, put + later) for put in range(1, 8) for later in (1, 2, 99))]
+)
 def test_a_child_that_the_garbage_collector_exchanges(
-    evaluator: ModuleType, monkeypatch: pytest.MonkeyPatch, put: int, back: int
+    evaluator: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    place: int,
+    exchange: bool,
+    put: int,
+    back: int,
 ) -> None:
-    """For a moment, by a callback of the host: nothing is remembered of the one that was there."""
+    """Or takes out, in a callback of the host: no child passes that was not looked at."""
     first, second, third = (
         rotation(name, feature("a"), config={"k": name}) for name in ("a", "b", "c")
     )
     graph = rotation("f", first, second, third, config={"k": 0})
     children: Any = graph.children
-    collections = []
+    all_children = list(children)
+    collections: list[str] = []
+    kept: list[Any] = []
 
     def collected(phase: str, _: Any) -> None:
         if phase == "stop":
+            # New objects bring on the next collection.
+            kept.append([[] for _ in range(5)])
             return
         collections.append(phase)
         if len(collections) == put:
-            children[1] = rotation("d", feature("a"), config={"k": 1})
+            other = [rotation("d", feature("a"), config={"k": 1})] if exchange else []
+            children[place : place + 1] = other
         if len(collections) == back:
-            children[1] = second
+            children[:] = all_children
 
     def attach_and_collect(*arguments: Any) -> None:
         attach(*arguments)
+        gc.callbacks.append(collected)
         gc.set_threshold(1)
 
     def stop(*arguments: Any) -> Any:
-        gc.set_threshold(*threshold)
+        gc.callbacks.remove(collected)
         return get(*arguments)
 
     threshold = gc.get_threshold()
-    bound_run(evaluator, graph)
+    instances = bind_all(graph)
+    bound_run(evaluator, graph, instances)
     attach, get = evaluator._attach_stage_data_feature_leaves, evaluator._graph_cache_get
     with monkeypatch.context() as patch:
         patch.setattr(evaluator, "_attach_stage_data_feature_leaves", attach_and_collect)
         patch.setattr(evaluator, "_graph_cache_get", stop)
-        gc.callbacks.append(collected)
+        gc.collect()
         try:
-            bound_run(evaluator, graph)
+            bound_run(evaluator, graph, instances)
         finally:
-            gc.callbacks.remove(collected)
             gc.set_threshold(*threshold)
-    children[1] = second
-    bound_run(evaluator, graph)
-    second.config = {"N_alloc": 1}
-    with fails(FunctionExecutionError, engine_only("root.c1", "b")):
-        bound_run(evaluator, graph)
+            gc.callbacks[:] = [each for each in gc.callbacks if each is not collected]
+    assert collections
+    children[:] = all_children
+    for child, name in ((second, "b"), (third, "c")):
+        child.config["N_alloc"] = 1
+        text = engine_only(f"root.c{all_children.index(child)}", name)
+        with fails(FunctionExecutionError, text):
+            bound_run(evaluator, graph, instances)
+        del child.config["N_alloc"]
 
 
 class Bomb:
