@@ -2,8 +2,11 @@
 
 #include "python/array.hpp"
 #include "python/call.hpp"
+#include "python/class_statement.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
-#include "python/instance_type.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -14,14 +17,6 @@ using host::Names;
 
 namespace {
 
-Object or_new_dict(PyObject* argument) {
-  return argument == Py_None ? Object::own(PyDict_New()) : Object::share(argument);
-}
-
-Object or_new_list(PyObject* argument) {
-  return argument == Py_None ? Object::own(PyList_New(0)) : Object::share(argument);
-}
-
 Object resolve_stage_data(const Namespace& space, PyObject* stage_data) {
   if (stage_data == Py_None) return call(space.global(space.names.StageData));
   if (!is_instance(stage_data, space.global(space.names.StageData))) {
@@ -29,15 +24,12 @@ Object resolve_stage_data(const Namespace& space, PyObject* stage_data) {
           message("EvaluationContext.stage_data must be StageData or None; got ",
                   type_name(stage_data)));
   }
-  return Object::share(stage_data);
+  return Object::borrow(stage_data);
 }
 
 void check_feature_index(const Namespace& space, PyObject* features, PyObject* feature_index) {
-  const Object entries = iterator(call_method(feature_index, space.names.items));
   const Object zero = integer(0);
-  while (true) {
-    const Object entry = next(entries);
-    if (entry.empty()) return;
+  for (const Object& entry : Items(call_method(feature_index, space.names.items))) {
     const auto [name, index] = unpack_pair(entry);
     if (compare(index, zero, Py_LT) || compare(index, integer(length(features)), Py_GE)) {
       raise(space.evaluation_error(),
@@ -49,7 +41,7 @@ void check_feature_index(const Namespace& space, PyObject* features, PyObject* f
 
 Object context_init(Namespace& space, PyObject* self, const CallArguments& arguments) {
   static constexpr Parameters<17> parameters{
-      "__init__",
+      "EvaluationContext.__init__",
       {"features", "feature_index", "useful_signals", "registry", "universe", "metaparameters",
        "transform_pipeline", "stage_data", "column_labels", "signal_pnl_vectors", "function_states",
        "universe_mask", "current_day_index", "pool_id", "universe_tag",
@@ -71,11 +63,11 @@ Object context_init(Namespace& space, PyObject* self, const CallArguments& argum
   set(names.signal_pnl_vectors, argument(9));
   set(names.function_states, argument(10));
   set(names.universe_mask, argument(11));
-  set(names.current_day_index, bound[12] == nullptr ? integer(0) : Object::share(bound[12]));
+  set(names.current_day_index, bound[12] == nullptr ? integer(0) : Object::borrow(bound[12]));
   set(names.pool_id, argument(13));
   set(names.universe_tag, argument(14));
-  set(names.liquidity_feature_hashes, Object::own(PyList_New(0)));
-  set(names.liquidity_features, Object::own(PyList_New(0)));
+  set(names.liquidity_feature_hashes, new_list());
+  set(names.liquidity_features, new_list());
   set(names.factor_epoch, Py_None);
   set(names.epoch, Py_None);
   set(names.factor_model, Py_None);
@@ -108,7 +100,7 @@ Object context_init(Namespace& space, PyObject* self, const CallArguments& argum
 }
 
 Object context_getstate(Namespace& space, PyObject* self, const CallArguments& arguments) {
-  static constexpr Parameters<0> parameters{"__getstate__", {}};
+  static constexpr Parameters<0> parameters{"EvaluationContext.__getstate__", {}};
   parameters.bind(arguments);
   Object state = call_method(attribute(self, space.names.dict_), space.names.copy);
   call_method(state, space.names.pop, space.names._evaluation_lock, Py_None);
@@ -116,7 +108,7 @@ Object context_getstate(Namespace& space, PyObject* self, const CallArguments& a
 }
 
 Object context_setstate(Namespace& space, PyObject* self, const CallArguments& arguments) {
-  static constexpr Parameters<1> parameters{"__setstate__", {"state"}};
+  static constexpr Parameters<1> parameters{"EvaluationContext.__setstate__", {"state"}};
   const auto [state] = parameters.bind(arguments);
   call_method(attribute(self, space.names.dict_), space.names.update, state);
   set_attribute(self, space.names._evaluation_lock,
@@ -143,11 +135,6 @@ PyMethodDef context_methods[] = {
 };
 
 constexpr const char* context_docstring =
-    "EvaluationContext(features, feature_index, useful_signals=None, registry=None, "
-    "universe=None, metaparameters=None, transform_pipeline=None, stage_data=None, "
-    "column_labels=None, signal_pnl_vectors=None, function_states=None, universe_mask=None, "
-    "current_day_index=0, pool_id=None, universe_tag=None, transforms_already_combined=False, "
-    "validate_inputs=True)\n--\n\n"
     "EvaluationContext — stores inputs, validates dimensions, allocates extraction buffer.\n"
     "\n"
     "Every attribute is public and writable, and everything is held by reference: no array and\n"
@@ -193,8 +180,7 @@ constexpr const char* context_docstring =
 }  // namespace
 
 Object make_context_class(PyObject* module) {
-  return make_class(module, "expression_evaluator.EvaluationContext", context_docstring,
-                    context_methods);
+  return make_class(module, "EvaluationContext", context_docstring, context_methods);
 }
 
 }  // namespace quernbrook::evaluation

@@ -1,6 +1,6 @@
 #include "expression_evaluator/evaluate.hpp"
 
-#include "expression_evaluator/run.hpp"
+#include "expression_evaluator/run/phases.hpp"
 #include "python/call.hpp"
 #include "python/context_manager.hpp"
 #include "python/error.hpp"
@@ -54,12 +54,12 @@ Object evaluate_unlocked(Namespace& space, const CallArguments& arguments) {
   static constexpr Parameters<6> parameters{"_evaluate_unlocked", argument_names, 2, 4};
   const auto bound = parameters.bind(arguments);
   Run run(space);
-  run.graph = Object::share(bound[0]);
-  run.context = Object::share(bound[1]);
-  run.function_states = Object::share(or_none(bound[2]));
-  run.is_cold_start = Object::share(bound[3] == nullptr ? Py_False : bound[3]);
-  run.bound_argument = Object::share(or_none(bound[4]));
-  run.data_nan_features = Object::share(or_none(bound[5]));
+  run.graph = Object::borrow(bound[0]);
+  run.context = Object::borrow(bound[1]);
+  run.function_states = Object::borrow(or_none(bound[2]));
+  run.is_cold_start = Object::borrow(bound[3] == nullptr ? Py_False : bound[3]);
+  run.bound_argument = Object::borrow(or_none(bound[4]));
+  run.data_nan_features = Object::borrow(or_none(bound[5]));
   return evaluate_run(run);
 }
 

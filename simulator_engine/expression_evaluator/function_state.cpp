@@ -1,7 +1,8 @@
 #include "expression_evaluator/function_state.hpp"
 
 #include "python/call.hpp"
-#include "python/instance_type.hpp"
+#include "python/class_statement.hpp"
+#include "python/containers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -13,18 +14,18 @@ using host::Names;
 namespace {
 
 Object to_bytes(Namespace& space, PyObject* self, const CallArguments& arguments) {
-  static constexpr Parameters<0> parameters{"to_bytes", {}};
+  static constexpr Parameters<0> parameters{"FunctionState.to_bytes", {}};
   parameters.bind(arguments);
   const Names& names = space.names;
   const Object dumps = attribute(space.global(names.json), names.dumps);
-  const Object members = Object::own(PyDict_New());
-  checked(PyDict_SetItem(members, names.name, attribute(self, names.name)));
-  checked(PyDict_SetItem(members, names.state_data, attribute(self, names.state_data)));
+  const Object members = new_dict();
+  set_dict_item(members, names.name, attribute(self, names.name));
+  set_dict_item(members, names.state_data, attribute(self, names.state_data));
   return call_method(call(dumps, members), names.encode);
 }
 
 Object from_bytes(Namespace& space, PyObject* cls, const CallArguments& arguments) {
-  static constexpr Parameters<1> parameters{"from_bytes", {"data"}};
+  static constexpr Parameters<1> parameters{"FunctionState.from_bytes", {"data"}};
   const auto [data] = parameters.bind(arguments);
   const Names& names = space.names;
   const Object loads = attribute(space.global(names.json), names.loads);
@@ -65,19 +66,17 @@ constexpr const char* function_state_docstring =
 }  // namespace
 
 Object make_function_state_class(PyObject* module) {
-  Object cls = make_class(module, "expression_evaluator.FunctionState", function_state_docstring,
-                          function_state_methods);
-  const Object dict_annotation =
-      item(attribute(module, as_text("Dict")),
-           Object::own(PyTuple_Pack(2, reinterpret_cast<PyObject*>(&PyUnicode_Type),
-                                    attribute(module, as_text("Any")).get())));
-  const Object annotations = Object::own(PyDict_New());
-  checked(PyDict_SetItemString(annotations, "name", reinterpret_cast<PyObject*>(&PyUnicode_Type)));
-  checked(PyDict_SetItemString(annotations, "state_data", dict_annotation));
+  Object cls =
+      make_class(module, "FunctionState", function_state_docstring, function_state_methods);
+  const Object dict_annotation = item(
+      attribute(module, as_text("Dict")),
+      tuple_of(reinterpret_cast<PyObject*>(&PyUnicode_Type), attribute(module, as_text("Any"))));
+  const Object annotations = new_dict();
+  set_dict_item(annotations, as_text("name"), reinterpret_cast<PyObject*>(&PyUnicode_Type));
+  set_dict_item(annotations, as_text("state_data"), dict_annotation);
   set_attribute(cls, as_text("__annotations__"), annotations);
   const Object default_factory =
-      call_named(attribute(module, as_text("field")),
-                 Object::own(PyTuple_Pack(1, as_text("default_factory").get())),
+      call_named(attribute(module, as_text("field")), tuple_of(as_text("default_factory")),
                  reinterpret_cast<PyObject*>(&PyDict_Type));
   set_attribute(cls, as_text("state_data"), default_factory);
   return call(attribute(module, as_text("dataclass")), cls);

@@ -1,13 +1,9 @@
-#define EXPRESSION_EVALUATOR_IMPORTS_NUMPY
-#include "python/numpy_api.hpp"
-//
 #include <initializer_list>
 
-#include "expression_evaluator/context.hpp"
 #include "expression_evaluator/evaluate.hpp"
 #include "expression_evaluator/function_state.hpp"
 #include "expression_evaluator/result.hpp"
-#include "expression_evaluator/shape_validation.hpp"
+#include "expression_evaluator/run/shape_validation.hpp"
 #include "fast_paths/eligibility.hpp"
 #include "fast_paths/leaf.hpp"
 #include "fast_paths/longitudinal.hpp"
@@ -21,12 +17,17 @@
 #include "host/parameter_schema.hpp"
 #include "host/state_adapters.hpp"
 #include "host/universe.hpp"
-#include "python/attribute_iterator.hpp"
+#include "python/containers.hpp"
+#include "python/module.hpp"
+#include "python/numpy_api.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 #include "stages/stage_data.hpp"
 #include "stages/stage_options.hpp"
 #include "stages/transform_merge.hpp"
+
+#include "expression_evaluator/context.hpp"
 
 // The module's surface, and its life.
 namespace quernbrook {
@@ -46,8 +47,7 @@ PyMethodDef* const functions[] = {
     stages::transform_merge_functions,
 };
 
-void add_classes(PyObject* module, Namespace& space) {
-  space.attribute_iterator_type = make_attribute_iterator_class(module);
+void add_classes(PyObject* module, const Namespace& space) {
   set_attribute(module, space.names.EvaluationContext, evaluation::make_context_class(module));
   set_attribute(module, space.names.EvaluationResult, evaluation::make_result_class(module));
   set_attribute(module, space.names.FunctionState, evaluation::make_function_state_class(module));
@@ -64,12 +64,9 @@ void add_constants(PyObject* module, const Namespace& space) {
 }
 
 Object keywords(std::initializer_list<const char*> names) {
-  Object tuple = Object::own(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
-  Py_ssize_t place = 0;
-  for (const char* name : names) {
-    PyTuple_SET_ITEM(tuple.get(), place++, Object::own(PyUnicode_InternFromString(name)).release());
-  }
-  return tuple;
+  const Object list = new_list();
+  for (const char* name : names) append(list, interned(name));
+  return tuple_of_list(list);
 }
 
 void add_keywords(Namespace& space) {
@@ -90,37 +87,17 @@ void add_keywords(Namespace& space) {
   space.typed_state_keywords = keywords({"function_name", "function_version", "data"});
 }
 
-Namespace*& state_of(PyObject* module) {
-  return *static_cast<Namespace**>(PyModule_GetState(module));
+void fill_module(PyObject* module, Namespace& space) {
+  space.globals = module_globals(module);
+  add_keywords(space);
+  host::import_names(module);
+  add_classes(module, space);
+  add_constants(module, space);
+  for (PyMethodDef* table : functions) add_functions(module, table);
 }
-
-int module_exec(PyObject* module) noexcept {
-  const auto body = [&] {
-    Namespace* space = state_of(module) = new Namespace{};
-    space->globals = Object::share(PyModule_GetDict(module));
-    add_keywords(*space);
-    host::import_names(module);
-    add_classes(module, *space);
-    add_constants(module, *space);
-    for (PyMethodDef* table : functions) checked(PyModule_AddFunctions(module, table));
-    return Object::none();
-  };
-  const Object done = Object::own_or_empty(guarded(body));
-  return done.empty() ? -1 : 0;
-}
-
-int module_traverse(PyObject* module, visitproc visit, void* arg) {
-  const Namespace* space = state_of(module);
-  if (space == nullptr) return 0;
-  Py_VISIT(space->globals.get());
-  Py_VISIT(space->attribute_iterator_type.get());
-  return 0;
-}
-
-void module_free(void* module) { delete state_of(static_cast<PyObject*>(module)); }
 
 PyModuleDef_Slot slots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
+    {Py_mod_exec, reinterpret_cast<void*>(execute_module<Namespace, fill_module>)},
     {0, nullptr},
 };
 
@@ -136,15 +113,15 @@ PyModuleDef definition = {
     .m_size = sizeof(Namespace*),
     .m_methods = nullptr,
     .m_slots = slots,
-    .m_traverse = module_traverse,
+    .m_traverse = traverse_module<Namespace>,
     .m_clear = nullptr,
-    .m_free = module_free,
+    .m_free = free_module<Namespace>,
 };
 
 }  // namespace
 }  // namespace quernbrook
 
 PyMODINIT_FUNC PyInit_expression_evaluator() {
-  import_array();
-  return PyModuleDef_Init(&quernbrook::definition);
+  return quernbrook::python::import_numpy() ? quernbrook::python::define(quernbrook::definition)
+                                            : nullptr;
 }

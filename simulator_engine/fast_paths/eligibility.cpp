@@ -1,17 +1,18 @@
 #include "fast_paths/eligibility.hpp"
 
-#include "fast_paths/leaf.hpp"
 #include "host/graph_node.hpp"
 #include "host/graph_walk.hpp"
 #include "host/registry.hpp"
 #include "python/call.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::fast_paths {
 
 using namespace python;
-using host::ChildIterator;
 using host::ChildPath;
 using host::LabelPath;
 using host::Names;
@@ -19,22 +20,50 @@ using host::NodePath;
 
 Object make_longitudinal_names(const Namespace& space) {
   const Names& names = space.names;
-  Object known = Object::own(PySet_New(nullptr));
+  Object known = new_set();
   for (PyObject* name : {names.longitudinal_mean.get(), names.longitudinal_std.get(),
                          names.longitudinal_zscore.get()}) {
-    checked(PySet_Add(known, name));
+    add_to_set(known, name);
   }
   return known;
 }
 
+bool is_leaf_kind(const Namespace& space, PyObject* kind) {
+  return equal(kind, space.names.feature) || equal(kind, space.names.aggregation);
+}
+
+bool is_literal_kind(const Namespace& space, PyObject* kind) {
+  const Names& names = space.names;
+  return equal(kind, names.int_) || equal(kind, names.string) || equal(kind, names.bool_);
+}
+
 namespace {
 
+/// Why a road is closed, in words; null where it is open.
+using Refusal = const char*;
+constexpr Refusal open = nullptr;
+
+Refusal refuse_marks_and_states(PyObject* data_nan_features, PyObject* function_states) {
+  if (truth(data_nan_features)) return "features are marked as missing data";
+  if (truth(function_states)) return "there are function states to restore";
+  return open;
+}
+
 /// The roads know no signals, no transforms and no options.
-bool context_has_stages(const Namespace& space, PyObject* context) {
+Refusal refuse_stages(const Namespace& space, PyObject* context) {
   const Names& names = space.names;
-  return truth(attribute(context, names.useful_signals)) ||
-         truth(attribute(context, names.transform_pipeline)) ||
-         truth(attribute(context, names.metaparameters));
+  if (truth(attribute(context, names.useful_signals))) return "the context has useful signals";
+  if (truth(attribute(context, names.transform_pipeline))) {
+    return "the context has a transform pipeline";
+  }
+  if (truth(attribute(context, names.metaparameters))) return "the context has metaparameters";
+  return open;
+}
+
+bool is_known_feature(const Namespace& space, PyObject* context, PyObject* node,
+                      const NodePath& path) {
+  const Object name = host::node_value(space, node, path);
+  return contains(attribute(context, space.names.feature_index), name);
 }
 
 bool is_rotation_of(const Namespace& space, PyObject* node, PyObject* name, const NodePath& path) {
@@ -46,56 +75,69 @@ bool has_factory(const Namespace& space, PyObject* registry, PyObject* name) {
   return truth(call_method(registry, space.names.has_factory, name));
 }
 
-bool simple_rank_is_open(const Namespace& space, PyObject* graph, PyObject* context,
-                         PyObject* function_states, PyObject* data_nan_features) {
-  const Names& names = space.names;
-  if (truth(data_nan_features) || truth(function_states)) return false;
-  if (context_has_stages(space, context)) return false;
+Refusal leaf_refusal(const Namespace& space, PyObject* graph, PyObject* context,
+                     PyObject* function_states, PyObject* data_nan_features) {
+  const Refusal refusal = refuse_marks_and_states(data_nan_features, function_states);
+  if (refusal != open) return refusal;
   const LabelPath root("root");
-  if (!is_rotation_of(space, graph, names.latitudinal_rank, root)) return false;
-  const Object children = host::children_of(space, graph);
-  if (length(children) != 1) return false;
-  const Object leaf = item(children, integer(0));
-  if (!is_leaf_kind(space, host::type_value(space, leaf, ChildPath(root, 0)))) return false;
+  if (!is_leaf_kind(space, host::type_value(space, graph, root))) return "the root is no leaf";
+  return is_known_feature(space, context, graph, root) ? open : "the context lacks the feature";
+}
+
+/// The only child of a rank; empty where there are others or none, or it is no leaf.
+Object ranked_leaf(const Namespace& space, PyObject* rank, const NodePath& path) {
+  const Object children = host::children_of(space, rank);
+  if (length(children) != 1) return {};
+  Object leaf = item(children, integer(0));
+  return is_leaf_kind(space, host::type_value(space, leaf, ChildPath(path, 0))) ? leaf : Object();
+}
+
+Refusal simple_rank_refusal(const Namespace& space, PyObject* graph, PyObject* context,
+                            PyObject* function_states, PyObject* data_nan_features) {
+  const Names& names = space.names;
+  Refusal refusal = refuse_marks_and_states(data_nan_features, function_states);
+  if (refusal == open) refusal = refuse_stages(space, context);
+  if (refusal != open) return refusal;
+  const LabelPath root("root");
+  if (!is_rotation_of(space, graph, names.latitudinal_rank, root)) return "the root is no rank";
+  if (ranked_leaf(space, graph, root).empty()) return "the rank is not of a single leaf";
   const Object registry = host::registry_of(space, context);
-  return registry.is_none() || !has_factory(space, registry, names.latitudinal_rank);
-}
-
-bool is_rank_of_known_leaf(const Namespace& space, PyObject* node, PyObject* context,
-                           const NodePath& path) {
-  if (!is_rotation_of(space, node, space.names.latitudinal_rank, path)) return false;
-  const Object children = host::children_of(space, node);
-  if (length(children) != 1) return false;
-  const Object leaf = item(children, integer(0));
-  const ChildPath leaf_path(path, 0);
-  if (!is_leaf_kind(space, host::type_value(space, leaf, leaf_path))) return false;
-  const Object name = host::node_value(space, leaf, leaf_path);
-  return contains(attribute(context, space.names.feature_index), name);
-}
-
-bool rank_multiply_is_open(const Namespace& space, PyObject* graph, PyObject* context,
-                           PyObject* function_states, PyObject* bound_function_instances,
-                           PyObject* data_nan_features) {
-  const Names& names = space.names;
-  if (truth(data_nan_features) || truth(function_states) || truth(bound_function_instances)) {
-    return false;
+  if (!registry.is_none() && has_factory(space, registry, names.latitudinal_rank)) {
+    return "the registry has a rank of its own";
   }
-  if (context_has_stages(space, context)) return false;
+  return open;
+}
+
+Refusal rank_multiply_refusal(const Namespace& space, PyObject* graph, PyObject* context,
+                              PyObject* function_states, PyObject* bound_function_instances,
+                              PyObject* data_nan_features) {
+  const Names& names = space.names;
+  Refusal refusal = refuse_marks_and_states(data_nan_features, function_states);
+  if (refusal != open) return refusal;
+  if (truth(bound_function_instances)) return "the caller bound instances";
+  refusal = refuse_stages(space, context);
+  if (refusal != open) return refusal;
   const LabelPath root("root");
-  if (!is_rotation_of(space, graph, names.numerical_multiply, root)) return false;
+  if (!is_rotation_of(space, graph, names.numerical_multiply, root))
+    return "the root is no product";
   const Object registry = host::registry_of(space, context);
   if (!registry.is_none() && (has_factory(space, registry, names.numerical_multiply) ||
                               has_factory(space, registry, names.latitudinal_rank))) {
-    return false;
+    return "the registry has a rank or a product of its own";
   }
   const Object children = host::children_of(space, graph);
-  if (length(children) != 2) return false;
-  ChildIterator factors(children);
-  for (Object factor = factors.next(); !factor.empty(); factor = factors.next()) {
+  if (length(children) != 2) return "the product is not of two factors";
+  Items factors(children);
+  for (const Object& factor : factors) {
     const ChildPath path(root, factors.position());
-    if (!is_rank_of_known_leaf(space, factor, context, path)) return false;
+    if (!is_rotation_of(space, factor, names.latitudinal_rank, path)) return "a factor is no rank";
+    const Object leaf = ranked_leaf(space, factor, path);
+    if (leaf.empty()) return "a factor is not of a single leaf";
+    if (!is_known_feature(space, context, leaf, ChildPath(path, 0))) {
+      return "the context lacks a factor's feature";
+    }
   }
-  return true;
+  return open;
 }
 
 /// The registry knows the name but has nothing runnable behind it.
@@ -106,13 +148,9 @@ bool registry_holds_stub(const Namespace& space, PyObject* registry, PyObject* n
     return false;
   }
   Object entry;
-  try {
-    entry = host::registry_entry(space, registry, name);
-  } catch (const ErrorSet&) {
-    if (!error_matches(PyExc_Exception)) throw;
-    PyErr_Clear();
-    return false;
-  }
+  const bool is_known =
+      attempt({PyExc_Exception}, [&] { entry = host::registry_entry(space, registry, name); });
+  if (!is_known) return false;
   const auto member = [&](PyObject* attribute_name) {
     return attribute_or(entry, attribute_name, Py_None);
   };
@@ -120,58 +158,68 @@ bool registry_holds_stub(const Namespace& space, PyObject* registry, PyObject* n
   return member(names.factory).is_none() && member(names.implementation).is_none();
 }
 
-bool is_literal_argument(const Namespace& space, PyObject* kind) {
-  const Names& names = space.names;
-  return equal(kind, names.int_) || equal(kind, names.string) || equal(kind, names.bool_);
-}
-
 /// The only data child of a rotation; empty if it has none or several.
 Object only_data_child(const Namespace& space, PyObject* children) {
+  const LabelPath path("fast_path.child");
   Object found;
-  Py_ssize_t count = 0;
-  ChildIterator all(Object::share(children));
-  for (Object child = all.next(); !child.empty(); child = all.next()) {
-    if (is_literal_argument(space, host::type_value(space, child, LabelPath("fast_path.child")))) {
-      continue;
-    }
+  std::size_t count = 0;
+  for (const Object& child : Items(Object::borrow(children))) {
+    if (is_literal_kind(space, host::type_value(space, child, path))) continue;
     if (count++ == 0) found = child;
   }
   return count == 1 ? found : Object();
 }
 
 /// A chain of rotations that the road computes, each with a window, down to a known leaf.
-bool is_supported_chain(const Namespace& space, PyObject* graph, PyObject* context) {
+Refusal chain_refusal(const Namespace& space, PyObject* graph, PyObject* context) {
   const Names& names = space.names;
   const LabelPath path("fast_path");
   host::WalkPath levels(names.root);
-  for (Object node = Object::share(graph);;) {
+  for (Object node = Object::borrow(graph);;) {
     levels.descend(0);
     const Object kind = host::type_value(space, node, path);
     if (is_leaf_kind(space, kind)) {
-      const Object name = host::node_value(space, node, path);
-      return contains(attribute(context, names.feature_index), name);
+      return is_known_feature(space, context, node, path) ? open : "the context lacks the feature";
     }
-    if (!equal(kind, names.rotation)) return false;
+    if (!equal(kind, names.rotation)) return "a node is neither a rotation nor a leaf";
     const Object name = host::node_value(space, node, path);
-    if (!contains(space.global(names._LONGITUDINAL_FAST_NAMES), name)) return false;
-    if (!registry_holds_stub(space, host::registry_of(space, context), name)) return false;
+    if (!contains(space.global(names._LONGITUDINAL_FAST_NAMES), name)) {
+      return "a function is no rolling mean, deviation or z-score";
+    }
+    if (!registry_holds_stub(space, host::registry_of(space, context), name)) {
+      return "the registry has a function of its own, or none";
+    }
     const Object children = host::children_of(space, node);
     Object data_child = only_data_child(space, children);
-    if (data_child.empty()) return false;
-    if (call(space.global(names._get_int_window_child), children).is_none()) return false;
+    if (data_child.empty()) return "a function has not just one data child";
+    if (call(space.global(names._get_int_window_child), children).is_none()) {
+      return "a function has no int window";
+    }
     node = std::move(data_child);
   }
 }
 
-bool longitudinal_is_open(const Namespace& space, PyObject* graph, PyObject* context,
-                          PyObject* function_states, PyObject* rows, PyObject* data_nan_features) {
-  if (truth(data_nan_features)) return false;
-  if (compare(rows, space.global(space.names._LONGITUDINAL_FAST_MIN_ROWS), Py_LT)) return false;
-  if (function_states != Py_None || context_has_stages(space, context)) return false;
-  return is_supported_chain(space, graph, context);
+Refusal longitudinal_refusal(const Namespace& space, PyObject* graph, PyObject* context,
+                             PyObject* function_states, PyObject* rows,
+                             PyObject* data_nan_features) {
+  if (truth(data_nan_features)) return "features are marked as missing data";
+  if (compare(rows, space.global(space.names._LONGITUDINAL_FAST_MIN_ROWS), Py_LT)) {
+    return "there are too few rows";
+  }
+  if (function_states != Py_None) return "there are function states to restore";
+  const Refusal refusal = refuse_stages(space, context);
+  return refusal == open ? chain_refusal(space, graph, context) : refusal;
 }
 
-Object as_bool(bool value) { return Object::own(PyBool_FromLong(value)); }
+Object can_use_leaf(Namespace& space, const CallArguments& arguments) {
+  static constexpr Parameters<4> parameters{
+      "_can_use_leaf_fast_path",
+      {"graph", "context", "function_states", "data_nan_features"},
+      3,
+      3};
+  const auto [graph, context, states, data_nan] = parameters.bind(arguments);
+  return boolean(leaf_refusal(space, graph, context, states, or_none(data_nan)) == open);
+}
 
 Object can_use_simple_rank(Namespace& space, const CallArguments& arguments) {
   static constexpr Parameters<4> parameters{
@@ -180,7 +228,7 @@ Object can_use_simple_rank(Namespace& space, const CallArguments& arguments) {
       3,
       3};
   const auto [graph, context, states, data_nan] = parameters.bind(arguments);
-  return as_bool(simple_rank_is_open(space, graph, context, states, or_none(data_nan)));
+  return boolean(simple_rank_refusal(space, graph, context, states, or_none(data_nan)) == open);
 }
 
 Object can_use_rank_multiply(Namespace& space, const CallArguments& arguments) {
@@ -190,8 +238,8 @@ Object can_use_rank_multiply(Namespace& space, const CallArguments& arguments) {
       3,
       3};
   const auto [graph, context, states, bound, data_nan] = parameters.bind(arguments);
-  return as_bool(
-      rank_multiply_is_open(space, graph, context, states, or_none(bound), or_none(data_nan)));
+  return boolean(rank_multiply_refusal(space, graph, context, states, or_none(bound),
+                                       or_none(data_nan)) == open);
 }
 
 Object can_use_longitudinal(Namespace& space, const CallArguments& arguments) {
@@ -201,19 +249,19 @@ Object can_use_longitudinal(Namespace& space, const CallArguments& arguments) {
       4,
       4};
   const auto [graph, context, states, rows, data_nan] = parameters.bind(arguments);
-  return as_bool(longitudinal_is_open(space, graph, context, states, rows, or_none(data_nan)));
+  return boolean(longitudinal_refusal(space, graph, context, states, rows, or_none(data_nan)) ==
+                 open);
 }
 
 Object get_int_window_child(Namespace& space, const CallArguments& arguments) {
   static constexpr Parameters<1> parameters{"_get_int_window_child", {"children"}};
   const auto [children] = parameters.bind(arguments);
   const LabelPath window("window");
-  ChildIterator all(Object::share(children));
-  for (Object child = all.next(); !child.empty(); child = all.next()) {
+  Items all(Object::borrow(children));
+  for (const Object& child : all) {
     const ChildPath path(window, all.position());
     if (!equal(host::type_value(space, child, path), space.names.int_)) continue;
-    return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyLong_Type),
-                                           host::node_value(space, child, path)));
+    return as_integer(host::node_value(space, child, path));
   }
   return Object::none();
 }
@@ -221,6 +269,11 @@ Object get_int_window_child(Namespace& space, const CallArguments& arguments) {
 }  // namespace
 
 PyMethodDef eligibility_functions[] = {
+    function_definition<can_use_leaf>(
+        "_can_use_leaf_fast_path",
+        "_can_use_leaf_fast_path($module, /, graph, context, function_states, *, "
+        "data_nan_features=None)\n--\n\n"
+        "Tell whether the graph is a single known leaf that can be served without a row loop."),
     function_definition<can_use_simple_rank>(
         "_can_use_simple_rank_fast_path",
         "_can_use_simple_rank_fast_path($module, /, graph, context, function_states, *, "

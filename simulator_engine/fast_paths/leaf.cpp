@@ -10,31 +10,7 @@ namespace quernbrook::fast_paths {
 
 using namespace python;
 
-bool is_leaf_kind(const Namespace& space, PyObject* kind) {
-  return equal(kind, space.names.feature) || equal(kind, space.names.aggregation);
-}
-
 namespace {
-
-bool leaf_road_is_open(const Namespace& space, PyObject* graph, PyObject* context,
-                       PyObject* function_states, PyObject* data_nan_features) {
-  if (truth(data_nan_features) || truth(function_states)) return false;
-  const host::LabelPath root("root");
-  if (!is_leaf_kind(space, host::type_value(space, graph, root))) return false;
-  const Object name = host::node_value(space, graph, root);
-  return contains(attribute(context, space.names.feature_index), name);
-}
-
-Object can_use_leaf_fast_path(Namespace& space, const CallArguments& arguments) {
-  static constexpr Parameters<4> parameters{
-      "_can_use_leaf_fast_path",
-      {"graph", "context", "function_states", "data_nan_features"},
-      3,
-      3};
-  const auto [graph, context, function_states, data_nan_features] = parameters.bind(arguments);
-  return Object::own(PyBool_FromLong(
-      leaf_road_is_open(space, graph, context, function_states, or_none(data_nan_features))));
-}
 
 Object evaluate_leaf_fast(Namespace& space, const CallArguments& arguments) {
   static constexpr Parameters<2> parameters{"_evaluate_leaf_fast", {"graph", "context"}};
@@ -53,11 +29,6 @@ Object evaluate_leaf_fast(Namespace& space, const CallArguments& arguments) {
 }  // namespace
 
 PyMethodDef leaf_functions[] = {
-    function_definition<can_use_leaf_fast_path>(
-        "_can_use_leaf_fast_path",
-        "_can_use_leaf_fast_path($module, /, graph, context, function_states, *, "
-        "data_nan_features=None)\n--\n\n"
-        "Tell whether the graph is a single known leaf that can be served without a row loop."),
     function_definition<evaluate_leaf_fast>(
         "_evaluate_leaf_fast",
         "_evaluate_leaf_fast($module, /, graph, context)\n--\n\n"

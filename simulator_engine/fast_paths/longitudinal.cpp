@@ -4,16 +4,18 @@
 #include <limits>
 #include <vector>
 
-#include "fast_paths/kernels/rolling.hpp"
-#include "fast_paths/leaf.hpp"
+#include "fast_paths/eligibility.hpp"
 #include "fast_paths/rolling_formula.hpp"
 #include "host/feature.hpp"
 #include "host/graph_node.hpp"
 #include "host/graph_walk.hpp"
 #include "host/matrix.hpp"
+#include "kernels/rolling.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/gil.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::fast_paths {
@@ -49,16 +51,13 @@ RollingStatistic statistic_of(const Namespace& space, PyObject* name) {
   return RollingStatistic::z_score;
 }
 
-Object rolling_by_kernel(PyObject* data, npy_intp window, RollingStatistic statistic) {
-  constexpr auto size = static_cast<npy_intp>(sizeof(double));
-  PyArrayObject* array = as_array(data);
-  const npy_intp rows = PyArray_DIM(array, 0);
-  const npy_intp columns = PyArray_DIM(array, 1);
-  Object result = uninitialised(rows, columns);
-  const GilRelease release;
-  kernels::rolling(statistic, doubles(data), PyArray_STRIDE(array, 0) / size,
-                   PyArray_STRIDE(array, 1) / size, doubles(result), static_cast<std::size_t>(rows),
-                   static_cast<std::size_t>(columns), static_cast<std::size_t>(window));
+Object rolling_by_kernel(PyObject* matrix, npy_intp window, RollingStatistic statistic) {
+  const kernels::MatrixView data = view_of(matrix);
+  Object result = uninitialised(data.rows, data.columns);
+  double* const target = doubles(result);
+  GilRelease release;
+  kernels::rolling(statistic, data, static_cast<std::size_t>(window), target,
+                   [&] { release.look_at_signals(); });
   return result;
 }
 
@@ -72,8 +71,11 @@ Object rolling_longitudinal_fast(Namespace& space, const CallArguments& argument
     return nan_matrix(index_value(rows), index_value(columns));
   }
   const RollingStatistic statistic = statistic_of(space, name);
-  if ((PyLong_CheckExact(window) || PyBool_Check(window)) && compare(window, integer(1), Py_GE)) {
-    return rolling_by_kernel(aligned(data), index_value(window), statistic);
+  if ((is_exact_int(window) || is_bool(window)) && compare(window, integer(1), Py_GE)) {
+    const Object matrix = aligned(data);
+    if (is_double_matrix(matrix) && compare(integer(dimension(matrix, 0)), window, Py_GE)) {
+      return rolling_by_kernel(matrix, index_value(window), statistic);
+    }
   }
   const Object out = nan_matrix(index_value(rows), index_value(columns));
   return rolling_by_formula(space, data, out, window, statistic == RollingStatistic::mean,
@@ -82,14 +84,11 @@ Object rolling_longitudinal_fast(Namespace& space, const CallArguments& argument
 
 /// The first child that is no literal; None if there is none, which graph access then refuses.
 Object first_data_child(const Namespace& space, PyObject* children) {
-  const Names& names = space.names;
   const LabelPath parent("fast_path.eval");
-  host::ChildIterator all(Object::share(children));
-  for (Object child = all.next(); !child.empty(); child = all.next()) {
+  Items all(Object::borrow(children));
+  for (const Object& child : all) {
     const Object kind = host::type_value(space, child, host::ChildPath(parent, all.position()));
-    const bool is_literal =
-        equal(kind, names.int_) || equal(kind, names.string) || equal(kind, names.bool_);
-    if (!is_literal) return child;
+    if (!is_literal_kind(space, kind)) return child;
   }
   return Object::none();
 }
@@ -107,7 +106,7 @@ Object evaluate_longitudinal_fast_node(Namespace& space, const CallArguments& ar
   // Down the chain to its leaf, then up again.
   std::vector<Rotation> chain;
   host::WalkPath levels(names.root);
-  Object node = Object::share(graph);
+  Object node = Object::borrow(graph);
   while (true) {
     levels.descend(0);
     if (is_leaf_kind(space, host::type_value(space, node, path))) break;

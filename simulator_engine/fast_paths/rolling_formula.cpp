@@ -1,6 +1,8 @@
 #include "fast_paths/rolling_formula.hpp"
 
 #include "python/call.hpp"
+#include "python/containers.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -24,7 +26,7 @@ class Formula {
   }
 
   Object to_extended(PyObject* matrix) const {
-    const Object names = Object::own(PyTuple_Pack(1, as_text("copy").get()));
+    const Object names = tuple_of(as_text("copy"));
     const Object astype = attribute(matrix, space_.names.astype);
     return call_named(astype, names, extended_, Py_False);
   }
@@ -32,16 +34,14 @@ class Formula {
   /// A row of zeros on top of the cumulative sum along the rows.
   Object running_totals(PyObject* matrix, PyObject* zero_dtype, bool in_that_dtype) const {
     const Object shape = attribute(matrix, space_.names.shape);
-    const Object zero_shape =
-        Object::own(PyTuple_Pack(2, integer(1).get(), item(shape, integer(1)).get()));
+    const Object zero_shape = tuple_of(integer(1), item(shape, integer(1)));
     const Object zeros = call_named(get("zeros"), space_.dtype_keyword, zero_shape, zero_dtype);
     const Object names =
-        in_that_dtype ? Object::own(PyTuple_Pack(2, as_text("axis").get(), as_text("dtype").get()))
-                      : space_.axis_keyword;
+        in_that_dtype ? tuple_of(as_text("axis"), as_text("dtype")) : space_.axis_keyword;
     const Object sums = in_that_dtype
                             ? call_named(get("cumsum"), names, matrix, integer(0), zero_dtype)
                             : call_named(get("cumsum"), names, matrix, integer(0));
-    return apply("vstack", Object::own(PyTuple_Pack(2, zeros.get(), sums.get())));
+    return apply("vstack", tuple_of(zeros, sums));
   }
 
   const Object& extended() const { return extended_; }
@@ -52,32 +52,15 @@ class Formula {
   Object extended_;
 };
 
-Object negative(PyObject* number) { return Object::own(PyNumber_Negative(number)); }
-Object inverse(PyObject* mask) { return Object::own(PyNumber_Invert(mask)); }
-Object minus(PyObject* left, PyObject* right) {
-  return Object::own(PyNumber_Subtract(left, right));
-}
-Object times(PyObject* left, PyObject* right) {
-  return Object::own(PyNumber_Multiply(left, right));
-}
-Object over(PyObject* left, PyObject* right) {
-  return Object::own(PyNumber_TrueDivide(left, right));
-}
-Object both(PyObject* left, PyObject* right) { return Object::own(PyNumber_And(left, right)); }
-
-Object rows_from(PyObject* matrix, PyObject* first) {
-  return item(matrix, Object::own(PySlice_New(first, nullptr, nullptr)));
-}
-Object rows_before(PyObject* matrix, PyObject* end) {
-  return item(matrix, Object::own(PySlice_New(nullptr, end, nullptr)));
-}
+Object rows_from(PyObject* matrix, PyObject* first) { return item(matrix, slice(first, nullptr)); }
+Object rows_before(PyObject* matrix, PyObject* end) { return item(matrix, slice(nullptr, end)); }
 
 }  // namespace
 
 Object rolling_by_formula(const Namespace& space, PyObject* data, PyObject* out, PyObject* window,
                           bool is_mean, bool is_standard_deviation) {
   const Formula numpy(space);
-  const Object zero = Object::own(PyFloat_FromDouble(0.0));
+  const Object zero = real_number(0.0);
   const Object before = minus(window, integer(1));
   const auto windows = [&](PyObject* totals) {
     const Object last = rows_from(totals, window);
@@ -88,7 +71,7 @@ Object rolling_by_formula(const Namespace& space, PyObject* data, PyObject* out,
     const Object chosen = item(values, computable);
     set_item(tail, computable,
              call_named(numpy.get("asarray"), space.dtype_keyword, chosen, numpy.get("float64")));
-    return Object::share(out);
+    return Object::borrow(out);
   };
 
   const Object valid = inverse(numpy.apply("isnan", data));
@@ -100,9 +83,9 @@ Object rolling_by_formula(const Namespace& space, PyObject* data, PyObject* out,
   const Object window_sum = windows(totals);
   const Object invalid_count = windows(invalid_totals);
   const Object latest_valid = rows_from(valid, before);
-  const Object no_nan = Object::own(PyObject_RichCompare(invalid_count, integer(0), Py_EQ));
+  const Object no_nan = comparison(invalid_count, integer(0), Py_EQ);
   const Object computable = both(latest_valid, no_nan);
-  if (!truth(numpy.apply("any", computable))) return Object::share(out);
+  if (!truth(numpy.apply("any", computable))) return Object::borrow(out);
   if (is_mean) return store(computable, over(window_sum, window));
 
   const Object square_totals = numpy.running_totals(times(safe, safe), numpy.extended(), true);
@@ -117,8 +100,7 @@ Object rolling_by_formula(const Namespace& space, PyObject* data, PyObject* out,
   const Object latest = numpy.to_extended(rows_from(data, before));
   const Object scores =
       call_named(numpy.get("zeros_like"), space.dtype_keyword, deviation, numpy.extended());
-  const Object nonzero =
-      both(computable, Object::own(PyObject_RichCompare(deviation, zero, Py_NE)));
+  const Object nonzero = both(computable, comparison(deviation, zero, Py_NE));
   const Object difference = minus(item(latest, nonzero), item(mean, nonzero));
   set_item(scores, nonzero, over(difference, item(deviation, nonzero)));
   return store(computable, scores);

@@ -2,6 +2,7 @@
 
 #include <initializer_list>
 
+#include "python/containers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -14,7 +15,7 @@ namespace {
 class Parameters {
  public:
   Parameters(PyObject* operation, const FilterOperands& operands)
-      : operation_(operation), operands_(operands), values_(Object::own(PyDict_New())) {}
+      : operation_(operation), operands_(operands), values_(new_dict()) {}
 
   Object fill() {
     if (is_any({"gt", "lt", "gte", "lte", "eq", "neq"})) {
@@ -47,9 +48,7 @@ class Parameters {
     return false;
   }
 
-  void set(const char* key, PyObject* value) {
-    checked(PyDict_SetItem(values_, as_text(key), value));
-  }
+  void set(const char* key, PyObject* value) { set_dict_item(values_, as_text(key), value); }
 
   void set_field() {
     if (!operands_.strings.empty()) set("field", operands_.strings[0]);
@@ -66,9 +65,9 @@ class Parameters {
 
   void set_members() {
     if (operands_.strings.size() < 2) return;
-    const Object members = Object::own(PyList_New(0));
+    const Object members = new_list();
     for (std::size_t place = 1; place < operands_.strings.size(); ++place) {
-      checked(PyList_Append(members, operands_.strings[place]));
+      append(members, operands_.strings[place]);
     }
     set("values", members);
   }

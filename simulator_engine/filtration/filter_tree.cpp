@@ -6,6 +6,9 @@
 #include "filtration/filter_operands.hpp"
 #include "host/graph_walk.hpp"
 #include "python/call.hpp"
+#include "python/containers.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -15,12 +18,12 @@ using namespace python;
 using host::NodePath;
 
 Object make_filtration_node_types() {
-  const Object kinds = Object::own(PySet_New(nullptr));
+  const Object kinds = new_set();
   for (const char* kind : {"filtration", "gt", "lt", "gte", "lte", "eq", "neq", "between", "in_",
                            "and_", "or_", "not_", "top_pct", "bottom_pct", "top_n", "bottom_n"}) {
-    checked(PySet_Add(kinds, as_text(kind)));
+    add_to_set(kinds, as_text(kind));
   }
-  return Object::own(PyFrozenSet_New(kinds));
+  return frozen_set_of(kinds);
 }
 
 namespace {
@@ -57,7 +60,7 @@ class FilterChildren {
   }
 
   const Namespace& space_;
-  host::ChildIterator children_;
+  Items children_;
   const NodePath& path_;  // of the node whose children these are, while they are asked for
   FilterOperands operands_;
 };
@@ -68,11 +71,11 @@ Object convert(const Namespace& space, PyObject* graph_node, PyObject* root_path
     FilterChildren children;
   };
   // The converted children of every node that is still open, the innermost last.
-  std::vector<Object> converted{Object::own(PyList_New(0))};
+  std::vector<Object> converted{new_list()};
   const auto enter = [&](PyObject* node, const NodePath& path) {
     Object operation = host::node_value(space, node, path);
     Frame frame{std::move(operation), FilterChildren(space, host::children_of(space, node), path)};
-    converted.push_back(Object::own(PyList_New(0)));
+    converted.push_back(new_list());
     return frame;
   };
   const auto leave = [&](const Frame& frame, const NodePath&) {
@@ -81,10 +84,10 @@ Object convert(const Namespace& space, PyObject* graph_node, PyObject* root_path
     converted.pop_back();
     const Object filter = call_named(space.global(space.names.FilterNode), space.filter_keywords,
                                      frame.operation, parameters, children);
-    checked(PyList_Append(converted.back(), filter));
+    append(converted.back(), filter);
   };
   host::walk_graph(graph_node, root_path, enter, leave);
-  return Object::share(PyList_GET_ITEM(converted.back().get(), 0));
+  return Object::borrow(items_of(converted.back())[0]);
 }
 
 /// The children that a description goes down to.
@@ -97,7 +100,7 @@ class DescribedChildren {
   Py_ssize_t position() const noexcept { return children_.position(); }
 
  private:
-  host::ChildIterator children_;
+  Items children_;
   Py_ssize_t most_;
 };
 
@@ -108,7 +111,7 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
     DescribedChildren children;
   };
   const host::Names& names = space.names;
-  std::vector<Object> described{Object::own(PyList_New(0))};
+  std::vector<Object> described{new_list()};
   const auto is_any = [&](PyObject* value, std::initializer_list<const char*> texts) {
     for (const char* text : texts) {
       if (equal(value, as_text(text))) return true;
@@ -118,22 +121,22 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
   const auto enter = [&](PyObject* node, const NodePath& path) {
     Object operation = host::node_value(space, node, path);
     Object children = host::children_of(space, node);
-    Object parts = Object::own(PyList_New(0));
+    Object parts = new_list();
     bool has_operands = true;
     Py_ssize_t most = 0;
     // An operator of a subclass of str may have a text of its own, which shows for some only.
     if (equal(operation, names.filtration)) {
       operation = names.filtration;
       if (truth(children)) {
-        children = Object::own(PyTuple_Pack(1, item(children, integer(0)).get()));
+        children = tuple_of(item(children, integer(0)));
         most = 1;
       }
     } else if (const Object gt = as_text("gt"); equal(operation, gt)) {
       operation = gt;
-      host::ChildIterator operands(children);
-      for (Object child = operands.next(); !child.empty(); child = operands.next()) {
+      Items operands(children);
+      for (const Object& child : operands) {
         const host::ChildPath child_path(path, operands.position());
-        checked(PyList_Append(parts, as_text(host::node_value(space, child, child_path))));
+        append(parts, as_text(host::node_value(space, child, child_path)));
       }
     } else if (is_any(operation, {"and_", "or_", "not_"})) {
       most = PY_SSIZE_T_MAX;
@@ -148,14 +151,14 @@ Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_pat
     described.pop_back();
     const Object text =
         frame.has_operands ? message(frame.name, "(", join(", ", parts), ")") : as_text(frame.name);
-    checked(PyList_Append(described.back(), text));
+    append(described.back(), text);
   };
   host::walk_graph(graph_node, root_path, enter, leave);
-  return Object::share(PyList_GET_ITEM(described.back().get(), 0));
+  return Object::borrow(items_of(described.back())[0]);
 }
 
 Object or_filtration(const Namespace& space, PyObject* path) {
-  return path == nullptr ? space.names.filtration : Object::share(path);
+  return path == nullptr ? space.names.filtration : Object::borrow(path);
 }
 
 Object dict_to_filter_node(Namespace& space, const CallArguments& arguments) {

@@ -1,7 +1,9 @@
 #include "filtration/resolution.hpp"
 
 #include "python/call.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -21,7 +23,7 @@ Object run_library(const Namespace& space, PyObject* context, PyObject* filtrati
   const Object signal_count = integer(length(passing_ids));
   const Object pool_size = integer(length(attribute(context, names.useful_signals)));
   return call_named(result_class, space.filtration_result_keywords, passing_ids, signal_count,
-                    pool_size, Object::own(PyList_New(0)));
+                    pool_size, new_list());
 }
 
 Object describe(const Namespace& space, PyObject* filtration_node) {
@@ -29,8 +31,8 @@ Object describe(const Namespace& space, PyObject* filtration_node) {
 }
 
 Object no_passing_signals(const Namespace& space) {
-  Object diagnostics = Object::own(PyDict_New());
-  checked(PyDict_SetItem(diagnostics, space.names.passing_count, integer(0)));
+  Object diagnostics = new_dict();
+  set_dict_item(diagnostics, space.names.passing_count, integer(0));
   return diagnostics;
 }
 
@@ -54,7 +56,7 @@ Object no_passing_signals(const Namespace& space) {
                               message("Filtration resolution failed for filters: ", description,
                                       ": ", type_name(error.value()), ": ", error.value()));
   const Object diagnostics = no_passing_signals(space);
-  checked(PyDict_SetItem(diagnostics, names.cause, type_name(error.value())));
+  set_dict_item(diagnostics, names.cause, type_name(error.value()));
   set_attribute(failure, names.filter_diagnostics, diagnostics);
   raise_object_from(failure, error.value());
 }
@@ -67,13 +69,13 @@ Object resolve_filtration(const Namespace& space, PyObject* context, PyObject* f
   } catch (const ErrorSet&) {
     Handling error;
     const auto is = [&](PyObject* name) {
-      return PyErr_GivenExceptionMatches(error.value(), space.global(name)) != 0;
+      return exception_matches(error.value(), space.global(name)) != 0;
     };
     const host::Names& names = space.names;
     if (is(names.EmptyFiltrationError) || is(names.EmptyPoolError)) {
       raise_empty(space, filtration_node, error);
     }
-    const bool is_failure = PyErr_GivenExceptionMatches(error.value(), PyExc_Exception) != 0;
+    const bool is_failure = exception_matches(error.value(), PyExc_Exception) != 0;
     if (is(names.EvaluationError) || !is_failure) error.raise_again();
     raise_failed(space, filtration_node, error);
   }

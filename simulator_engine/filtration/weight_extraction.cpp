@@ -3,6 +3,8 @@
 #include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/error.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -12,22 +14,7 @@ using namespace python;
 
 namespace {
 
-/// `operator.index(t)` as the 32-bit number that the function takes.
-int row_number(PyObject* t) {
-  const Object number = Object::own(PyNumber_Index(t));
-  const long value = PyLong_AsLong(number);
-  if (value == -1 && PyErr_Occurred() != nullptr) {
-    if (!error_matches(PyExc_OverflowError)) throw ErrorSet{};
-    PyErr_Clear();
-    raise_text(PyExc_OverflowError, "value too large to convert to int");
-  }
-  if (value != static_cast<int>(value)) {
-    raise_text(PyExc_OverflowError, "value too large to convert to int");
-  }
-  return static_cast<int>(value);
-}
-
-bool is_empty_or_none(PyObject* object) { return object == Py_None || !truth(object); }
+bool is_empty_or_none(PyObject* object) { return object == Py_None || length(object) == 0; }
 
 Py_ssize_t dimension(const Namespace& space, PyObject* signal, Py_ssize_t place) {
   const Object weights = attribute(signal, space.names.weights);
@@ -45,11 +32,8 @@ Object nothing_passes(const Namespace& space, PyObject* useful_signals) {
 }
 
 void check_ids(PyObject* useful_signals, PyObject* passing_ids) {
-  const Object ids = iterator(passing_ids);
-  while (true) {
-    const Object id = next(ids);
-    if (id.empty()) return;
-    if (!id.is_none() && !PyUnicode_Check(id.get())) {
+  for (const Object& id : Items(Object::borrow(passing_ids))) {
+    if (!id.is_none() && !is_text(id)) {
       raise(PyExc_TypeError, message("Expected str, got ", type_name(id)));
     }
     if (!contains(useful_signals, id)) raise_key_error(id);
@@ -68,8 +52,7 @@ Object extract(const Namespace& space, PyObject* useful_signals, PyObject* passi
 
   const Py_ssize_t count = length(passing_ids);
   Object result = uninitialised(count, columns);
-  const Object all = Object::own(PySlice_New(nullptr, nullptr, nullptr));
-  const Object key = Object::own(PyTuple_Pack(2, integer(t).get(), all.get()));
+  const Object key = row_key(t);
   for (Py_ssize_t place = 0; place < count; ++place) {
     const Object id = item(passing_ids, integer(place));
     const Object weights = attribute(item(useful_signals, id), space.names.weights);
@@ -83,7 +66,7 @@ Object extract_filtration_weights(Namespace& space, const CallArguments& argumen
   static constexpr Parameters<3> parameters{"extract_filtration_weights",
                                             {"useful_signals", "passing_ids", "t"}};
   const auto [useful_signals, passing_ids, t] = parameters.bind(arguments);
-  const int row = row_number(t);
+  const int row = int_value(t);
   if (is_empty_or_none(passing_ids)) return nothing_passes(space, useful_signals);
   return extract(space, useful_signals, passing_ids, row);
 }

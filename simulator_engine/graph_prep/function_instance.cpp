@@ -1,6 +1,7 @@
 #include "graph_prep/function_instance.hpp"
 
 #include "host/registry.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
@@ -32,7 +33,7 @@ Object registry_instance(const Namespace& space, const CollectionInputs& inputs,
 /// Adopts the instance bound to `path`; false if there is none.
 bool adopt_bound_instance(const Namespace& space, const CollectionInputs& inputs, Node& node,
                           PyObject* path) {
-  if (PyDict_CheckExact(inputs.bound_instances)) {
+  if (is_exact_dict(inputs.bound_instances)) {
     node.instance = dict_item(inputs.bound_instances, path);
     if (node.instance.empty()) return false;
   } else {
@@ -58,7 +59,7 @@ void choose_instance(const Namespace& space, const CollectionInputs& inputs, Nod
                      const NodePath& path) {
   // Nothing is bound in an empty dict, so that its paths need no spelling.
   const bool may_be_bound =
-      !PyDict_CheckExact(inputs.bound_instances) || PyDict_GET_SIZE(inputs.bound_instances) > 0;
+      !is_exact_dict(inputs.bound_instances) || dict_size(inputs.bound_instances) > 0;
   if (may_be_bound && adopt_bound_instance(space, inputs, node, path.text())) return;
   if (inputs.bound_argument != Py_None) refuse_missing(space, node, path.text());
   if (!host::registry_can_instantiate(space, inputs.context, node.value)) {

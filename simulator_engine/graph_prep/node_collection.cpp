@@ -7,7 +7,10 @@
 #include "host/graph_walk.hpp"
 #include "host/parameter_schema.hpp"
 #include "host/registry.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -23,7 +26,7 @@ struct Frame {
   Object type;
   Object value;
   Object child_sequence;
-  host::ChildIterator children;
+  Items children;
   std::size_t first_finished;  // where the node's finished children begin
 };
 
@@ -43,11 +46,11 @@ class ConfigChildren {
     const host::Names& names = space_.names;
     const Object kind = reader_.type_value(child, path);
     const Object types = space_.global(names._CONFIG_CHILD_TYPES);
-    if (!PyAnySet_CheckExact(types.get())) reader_.foreign_code_ran();
+    if (!is_any_set(types)) reader_.foreign_code_ran();
     if (!contains(types, kind)) return false;
     const Object value = reader_.node_value(child, path);
-    if (next_parameter_ < PyList_GET_SIZE(parameter_names_)) {
-      set(PyList_GET_ITEM(parameter_names_, next_parameter_++), value);
+    if (next_parameter_ < items_of(parameter_names_).size()) {
+      set(items_of(parameter_names_)[next_parameter_++], value);
       return true;
     }
     if (equal(kind, names.int_)) {
@@ -76,14 +79,14 @@ class ConfigChildren {
   }
 
  private:
-  void set(PyObject* key, PyObject* value) { checked(PyDict_SetItem(config_, key, value)); }
+  void set(PyObject* key, PyObject* value) { set_dict_item(config_, key, value); }
 
   const Namespace& space_;
   host::NodeReader& reader_;
   PyObject* function_name_;
   PyObject* parameter_names_;
   PyObject* config_;
-  Py_ssize_t next_parameter_ = 0;
+  std::size_t next_parameter_ = 0;
   Object first_string_;
 };
 
@@ -96,8 +99,8 @@ class Collector {
     Object type = reader_.type_value(node, path);
     Object value = reader_.node_value(node, path);
     Object children = reader_.children(node);
-    return Frame{Object::share(node),           std::move(type), std::move(value), children,
-                 host::ChildIterator(children), finished_.size()};
+    return Frame{Object::borrow(node), std::move(type), std::move(value), children,
+                 Items(children),      finished_.size()};
   }
 
   /// Writes the node's record. All of its children have theirs.
@@ -121,7 +124,7 @@ class Collector {
         table_.leaves.push_back(index);
         break;
       case NodeKind::float_literal:
-        node.literal = Object::own(PyFloat_FromDouble(as_double(node.value)));
+        node.literal = real_number(as_double(node.value));
         break;
       case NodeKind::filtration:
         node.graph_node = frame.graph_node;
@@ -147,14 +150,12 @@ class Collector {
     // A stamp is the key that the node had before transforms were laid around its graph.
     node.state_key = reader_.optional_field(frame.graph_node, space_.names._state_identity);
     node.config = reader_.config(frame.graph_node);
-    if (node.config.is_none()) node.config = Object::own(PyDict_New());
+    if (node.config.is_none()) node.config = new_dict();
     const Object parameter_names = named_parameters(node.value);
     reader_.foreign_code_ran();
     ConfigChildren config(space_, reader_, node.value, parameter_names, node.config);
-    host::ChildIterator children(frame.child_sequence);
-    while (true) {
-      const Object child = children.next();
-      if (child.empty()) break;
+    Items children(frame.child_sequence);
+    for (const Object& child : children) {
       const Py_ssize_t position = children.position();
       if (config.take(child, host::ChildPath(path, position)) && position < node.child_count) {
         table_.is_config_child[node.first_child + static_cast<std::size_t>(position)] = 1;
@@ -169,25 +170,21 @@ class Collector {
   Object named_parameters(PyObject* function_name) const {
     const Object registry = host::registry_of(space_, inputs_.context);
     if (registry.is_none() || !host::registry_has(space_, registry, function_name)) {
-      return Object::own(PyList_New(0));
+      return new_list();
     }
-    try {
+    Object names = new_list();
+    // A registry without a readable schema still has its functions.
+    attempt({PyExc_Exception}, [&] {
       const Object entry = host::registry_entry(space_, registry, function_name);
-      return host::config_parameter_names(space_, entry);
-    } catch (const ErrorSet&) {
-      // A registry without a readable schema still has its functions.
-      if (!error_matches(PyExc_Exception)) throw;
-      PyErr_Clear();
-      return Object::own(PyList_New(0));
-    }
+      names = host::config_parameter_names(space_, entry);
+    });
+    return names;
   }
 
   void find_filtration(Node& node, const Frame& frame, const NodePath& path) {
     node.is_reduction = true;
-    host::ChildIterator children(frame.child_sequence);
-    while (true) {
-      const Object child = children.next();
-      if (child.empty()) return;
+    Items children(frame.child_sequence);
+    for (const Object& child : children) {
       const Py_ssize_t position = children.position();
       const Object kind = reader_.type_value(child, host::ChildPath(path, position));
       if (!equal(kind, space_.names.filtration)) continue;

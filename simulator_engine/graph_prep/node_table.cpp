@@ -6,6 +6,7 @@
 
 #include "host/feature.hpp"
 #include "host/graph_walk.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -31,7 +32,7 @@ constexpr std::array<std::pair<Object host::Names::*, NodeKind>, 9> kind_names{{
 }  // namespace
 
 NodeKind kind_of(const Namespace& space, PyObject* type) {
-  if (!PyUnicode_CheckExact(type)) return NodeKind::compared;
+  if (!is_exact_text(type)) return NodeKind::compared;
   // Both are interned, as a literal in the host's source is.
   for (const auto& [name, kind] : kind_names) {
     if (type == space.names.*name) return kind;
@@ -56,10 +57,9 @@ bool is_kind(const Namespace& space, const Node& node, NodeKind kind) {
 
 void set_feature_index(const Namespace& space, Node& node, PyObject* name, PyObject* context) {
   node.feature_index = host::feature_position(space, context, name);
-  if (!PyLong_CheckExact(node.feature_index.get())) return;
-  node.plain_feature_index = PyLong_AsSsize_t(node.feature_index);
+  if (!is_exact_int(node.feature_index)) return;
   // Out of range: the sequence itself will say so.
-  PyErr_Clear();
+  node.plain_feature_index = plain_index(node.feature_index);
 }
 
 Object NodeTable::path(const Namespace& space, NodeIndex index) const {
@@ -81,7 +81,7 @@ void NodeTable::spell_paths(const Namespace& space) {
     Node& node = nodes[index];
     if (!node.path.empty()) continue;
     node.path = node.parent == no_node
-                    ? Object::share(space.names.root)
+                    ? Object::borrow(space.names.root)
                     : host::child_path(nodes[node.parent].path, Py_ssize_t{node.position});
   }
 }

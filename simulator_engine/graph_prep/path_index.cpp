@@ -3,6 +3,8 @@
 #include <bit>
 #include <cstdint>
 
+#include "python/containers.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::graph_prep {
@@ -31,14 +33,14 @@ NodeIndex PathIndex::find(PyObject* path) {
 
 NodeIndex PathIndex::find_equal(PyObject* path) {
   if (by_equality_.empty()) {
-    by_equality_ = Object::own(PyDict_New());
+    by_equality_ = new_dict();
     for (const Entry& entry : entries_) {
       if (entry.path == nullptr) continue;
-      checked(PyDict_SetItem(by_equality_, entry.path, integer(entry.index)));
+      set_dict_item(by_equality_, entry.path, integer(entry.index));
     }
   }
   const Object index = dict_item(by_equality_, path);
-  return index.empty() ? no_node : static_cast<NodeIndex>(PyLong_AsSsize_t(index));
+  return index.empty() ? no_node : static_cast<NodeIndex>(plain_index(index));
 }
 
 }  // namespace quernbrook::graph_prep

@@ -7,6 +7,8 @@
 #include "host/state_adapters.hpp"
 #include "python/call.hpp"
 #include "python/error.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::graph_prep {
@@ -15,11 +17,6 @@ using namespace python;
 using host::NodePath;
 
 namespace {
-
-/// `int(object)`.
-Object as_integer(PyObject* object) {
-  return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyLong_Type), object));
-}
 
 /// The children whose rows a node may have to wait for.
 class WaitedForChildren {
@@ -43,7 +40,7 @@ class WaitedForChildren {
  private:
   const host::Names& names_;
   host::NodeReader& reader_;
-  host::ChildIterator children_;
+  Items children_;
   const NodePath& path_;
 };
 
@@ -68,7 +65,7 @@ class WarmupFigure {
   Frame enter(PyObject* node, const NodePath& path) {
     Object children = reader_.children(node);
     waited_for_.emplace_back();
-    return Frame{Object::share(node), children,
+    return Frame{Object::borrow(node), children,
                  WaitedForChildren(space_.names, reader_, children, path)};
   }
 
@@ -103,7 +100,7 @@ class WarmupFigure {
     const Object window = window_of(frame, path);
     if (!compare(window, integer(1), Py_GT)) return largest;
 
-    Object own = Object::own(PyNumber_Subtract(window, integer(1)));
+    Object own = minus(window, integer(1));
     // A reduction starts anew over its pool: its children's rows are not waited for.
     if (!is_rotation) return own;
     Object before = integer(0);
@@ -113,23 +110,19 @@ class WarmupFigure {
         before = larger(before, child.rows);
       }
     }
-    return Object::own(PyNumber_Add(own, before));
+    return plus(own, before);
   }
 
   /// The largest of the int children, whatever they became in the configuration.
   Object window_of(const Frame& frame, const NodePath& path) {
     Object window = integer(0);
-    host::ChildIterator children(frame.child_sequence);
-    for (Object child = children.next(); !child.empty(); child = children.next()) {
+    Items children(frame.child_sequence);
+    for (const Object& child : children) {
       const host::ChildPath child_path(path, children.position());
       if (!equal(reader_.type_value(child, child_path), space_.names.int_)) continue;
       const Object value = reader_.node_value(child, child_path);
-      try {
-        window = larger(window, as_integer(value));
-      } catch (const ErrorSet&) {
-        if (!error_matches(PyExc_TypeError) && !error_matches(PyExc_ValueError)) throw;
-        PyErr_Clear();
-      }
+      attempt({PyExc_TypeError, PyExc_ValueError},
+              [&] { window = larger(window, as_integer(value)); });
     }
     return window;
   }
@@ -160,13 +153,10 @@ Object get_warmup_count_for_instance(Namespace& space, const CallArguments& argu
   const host::Names& names = space.names;
   const Object data = host::function_state_data(space, call_method(instance, names.get_state));
   if (!truth(data)) return integer(0);
-  try {
-    return as_integer(call_method(data, names.get, names.count, integer(0)));
-  } catch (const ErrorSet&) {
-    if (!error_matches(PyExc_TypeError) && !error_matches(PyExc_ValueError)) throw;
-    PyErr_Clear();
-    return integer(0);
-  }
+  Object count = integer(0);
+  attempt({PyExc_TypeError, PyExc_ValueError},
+          [&] { count = as_integer(call_method(data, names.get, names.count, integer(0))); });
+  return count;
 }
 
 }  // namespace

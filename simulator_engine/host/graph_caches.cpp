@@ -1,7 +1,9 @@
 #include "host/graph_caches.hpp"
 
 #include "host/graph_walk.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
+#include "python/items.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::host {
@@ -15,18 +17,13 @@ Object graph_cache_get(const Namespace& space, PyObject* graph, PyObject* key) {
 
 void graph_cache_set(const Namespace& space, PyObject* graph, PyObject* key, PyObject* value) {
   require_node_instance(space, graph, LabelPath("cache"));
-  try {
-    set_attribute(graph, key, value);
-  } catch (const ErrorSet&) {
-    if (!error_matches(PyExc_AttributeError) && !error_matches(PyExc_TypeError)) throw;
-    PyErr_Clear();
-  }
+  attempt({PyExc_AttributeError, PyExc_TypeError}, [&] { set_attribute(graph, key, value); });
 }
 
 namespace {
 
 struct Frame {
-  ChildIterator children;
+  Items children;
 };
 
 Object node_identities(const Namespace& space, PyObject* graph) {
@@ -34,11 +31,11 @@ Object node_identities(const Namespace& space, PyObject* graph) {
   Object cached = graph_cache_get(space, graph, slot);
   if (!cached.is_none()) return cached;
 
-  Object identities = Object::own(PyDict_New());
+  Object identities = new_dict();
   const auto enter = [&](PyObject* node, const WalkPath& path) {
     const Object value = node_value(space, node, path);
-    checked(PyDict_SetItem(identities, path.text(), value));
-    return Frame{ChildIterator(children_of(space, node))};
+    set_dict_item(identities, path.text(), value);
+    return Frame{Items(children_of(space, node))};
   };
   walk_graph(graph, space.names.root, enter, [](const Frame&, const WalkPath&) {});
   graph_cache_set(space, graph, slot, identities);
@@ -48,11 +45,11 @@ Object node_identities(const Namespace& space, PyObject* graph) {
 void invalidate(const Namespace& space, PyObject* graph) {
   const auto enter = [&](PyObject* node, const WalkPath&) {
     if (!is_instance(node, space.global(space.names.FunctionGraphNode))) {
-      return Frame{ChildIterator(Object::own(PyTuple_New(0)))};
+      return Frame{Items(tuple_of())};
     }
     set_attribute(node, space.names._collect_nodes_cache, Py_None);
     set_attribute(node, space.names._node_identities, Py_None);
-    return Frame{ChildIterator(children_of(space, node))};
+    return Frame{Items(children_of(space, node))};
   };
   walk_graph(graph, space.names.root, enter, [](const Frame&, const WalkPath&) {});
 }

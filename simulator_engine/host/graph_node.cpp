@@ -1,8 +1,9 @@
 #include "host/graph_node.hpp"
 
+#include "python/containers.hpp"
+#include "python/dict_insides.hpp"
 #include "python/error.hpp"
 #include "python/protocol.hpp"
-#include "python/string_keys.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::host {
@@ -13,7 +14,7 @@ namespace {
 
 bool is_node(const Namespace& space, PyObject* node) {
   const Object node_class = space.global(space.names.FunctionGraphNode);
-  return reinterpret_cast<PyObject*>(Py_TYPE(node)) == node_class || is_instance(node, node_class);
+  return reinterpret_cast<PyObject*>(type_of(node)) == node_class || is_instance(node, node_class);
 }
 
 }  // namespace
@@ -50,7 +51,7 @@ Object children_of(const Namespace& space, PyObject* node) {
   require_node_instance(space, node, LabelPath("children"));
   Object children = plain_attribute(node, space.names.children);
   if (children.empty()) children = attribute(node, space.names.children);
-  return truth(children) ? children : Object::own(PyList_New(0));
+  return truth(children) ? children : new_list();
 }
 
 Object explicit_config(const Namespace& space, PyObject* node) {
@@ -63,56 +64,30 @@ Object explicit_config(const Namespace& space, PyObject* node) {
 
 Object config_of(const Namespace& space, PyObject* node) {
   const Object config = explicit_config(space, node);
-  if (config.is_none()) return Object::own(PyDict_New());
-  return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), config));
+  if (config.is_none()) return new_dict();
+  return dict_of(config);
 }
 
-bool is_plain_node_class(const Namespace& space, PyTypeObject* type) {
-  const Names& names = space.names;
-  if (type->tp_dictoffset <= 0) return false;
+bool NodeReader::is_plain(PyObject* node) {
+  PyTypeObject* type = type_of(node);
+  if (type == plain_class_ && only_plain_values_) return true;
+  const Names& names = space_.names;
+  const Object node_class = space_.global(names.FunctionGraphNode);
+  if (reinterpret_cast<PyObject*>(type) != node_class) return false;
   for (PyObject* name :
        {names.type.get(), names.node.get(), names.config.get(), names.children.get()}) {
     if (!has_plain_attribute(type, name)) return false;
   }
-  return true;
-}
-
-bool NodeReader::is_plain(PyObject* node) {
-  PyTypeObject* type = Py_TYPE(node);
-  if (type == type_ && is_current_ && only_plain_values_) return true;
-  const Object node_class = space_.global(space_.names.FunctionGraphNode);
-  if (reinterpret_cast<PyObject*>(type) != node_class) return false;
-  // A class that was not touched since has its version still.
-  if (type != type_ || version_ == 0 || version_of(type) != version_) {
-    if (!is_plain_node_class(space_, type)) return false;
-    type_ = type;
-    version_ = version_of(type);
-  }
-  is_current_ = true;
+  plain_class_ = type;
   return true;
 }
 
 Object NodeReader::plain_field(PyObject* node, PyObject* key) {
-  if (!is_plain(node)) return {};
-  PyObject* attributes = dictionary_of(node);
-  return attributes == nullptr ? Object() : attributes_.item(attributes, key);
-}
-
-void NodeReader::note(PyObject* node) {
-  if (observations_ == nullptr) return;
-  PyObject* attributes = dictionary_of(node);
-  if (attributes != nullptr && has_string_keys(attributes)) {
-    observations_->note_instance(node);
-  } else {
-    observations_ = nullptr;
-  }
+  return is_plain(node) ? own_attribute(node, key) : Object();
 }
 
 void NodeReader::require_instance(PyObject* node, const NodePath& path) {
-  if (is_plain(node)) {
-    note(node);
-    return;
-  }
+  if (is_plain(node)) return;
   foreign_code_ran();
   require_node_instance(space_, node, path);
 }
@@ -124,43 +99,35 @@ Object NodeReader::require(PyObject* node, PyObject* key, const NodePath& path) 
     value = require_field(space_, node, key, path);
   }
   // What is done with any other value may run the host's code at any time from now on.
-  if (!PyUnicode_CheckExact(value.get()) && !PyLong_CheckExact(value.get()) &&
-      !PyFloat_CheckExact(value.get()) && !PyBool_Check(value.get())) {
-    met_odd_value();
-  }
+  if (!is_plain_value(value)) only_plain_values_ = false;
   return value;
 }
 
 Object NodeReader::optional_field(PyObject* node, PyObject* key) {
-  if (is_plain(node) && find_on_type(Py_TYPE(node), key) == nullptr) return plain_field(node, key);
+  if (is_plain(node) && find_on_type(type_of(node), key).empty()) return own_attribute(node, key);
   foreign_code_ran();
   return host::optional_field(space_, node, key);
 }
 
 Object NodeReader::children(PyObject* node) {
   Object children = plain_field(node, space_.names.children);
-  if (observations_ != nullptr) observations_->finish_instance();
   if (children.is_none()) return {};
-  if (!children.empty() &&
-      (PyList_CheckExact(children.get()) || PyTuple_CheckExact(children.get()))) {
-    if (observations_ != nullptr) observations_->note_items(children);
-    return PySequence_Fast_GET_SIZE(children.get()) > 0 ? children : Object();
+  if (!children.empty() && is_exact_sequence(children)) {
+    return items_of(children).empty() ? Object() : children;
   }
-  met_odd_value();
+  only_plain_values_ = false;
   return children_of(space_, node);
 }
 
 Object NodeReader::config(PyObject* node) {
   const Object config = plain_field(node, space_.names.config);
   if (config.is_none()) return config;
-  if (!config.empty() && PyDict_CheckExact(config.get()) && has_string_keys(config)) {
-    if (observations_ != nullptr) observations_->note_dict(config);
-    return Object::own(PyDict_Copy(config));
+  if (!config.empty() && is_exact_dict(config) && has_string_keys(config)) {
+    return copy_of_dict(config);
   }
   foreign_code_ran();
   const Object any = config.empty() ? explicit_config(space_, node) : config;
-  if (any.is_none()) return any;
-  return Object::own(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), any));
+  return any.is_none() ? any : dict_of(any);
 }
 
 namespace {
@@ -169,13 +136,13 @@ Object require_graph_node_instance(Namespace& space, const CallArguments& argume
   static constexpr Parameters<2> parameters{"_require_graph_node_instance", {"node", "path"}};
   const auto [node, path] = parameters.bind(arguments);
   require_node_instance(space, node, SpeltPath(path));
-  return Object::share(node);
+  return Object::borrow(node);
 }
 
 Object graph_has_field(Namespace& space, const CallArguments& arguments) {
   static constexpr Parameters<2> parameters{"_graph_has_field", {"node", "key"}};
   const auto [node, key] = parameters.bind(arguments);
-  return Object::own(PyBool_FromLong(has_field(space, node, key)));
+  return boolean(has_field(space, node, key));
 }
 
 Object require_graph_field(Namespace& space, const CallArguments& arguments) {

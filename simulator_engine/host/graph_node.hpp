@@ -1,8 +1,7 @@
 #pragma once
 
 #include "host/namespace.hpp"
-#include "python/observations.hpp"
-#include "python/shared_keys.hpp"
+#include "python/text.hpp"
 
 // Reading of graph nodes: the one place that touches a node's attributes.
 namespace quernbrook::host {
@@ -18,7 +17,7 @@ class NodePath {
 class SpeltPath final : public NodePath {
  public:
   explicit SpeltPath(PyObject* text) : text_(text) {}
-  Object text() const override { return Object::share(text_); }
+  Object text() const override { return Object::borrow(text_); }
 
  private:
   PyObject* text_;
@@ -28,7 +27,7 @@ class SpeltPath final : public NodePath {
 class LabelPath final : public NodePath {
  public:
   explicit LabelPath(const char* label) : label_(label) {}
-  Object text() const override { return Object::own(PyUnicode_FromString(label_)); }
+  Object text() const override { return python::as_text(label_); }
 
  private:
   const char* label_;
@@ -60,10 +59,7 @@ Object config_of(const Namespace& space, PyObject* node);
 /// str.
 class NodeReader {
  public:
-  /// Notes what it reads in `observations`, unless null, as long as no foreign code has a part in
-  /// it.
-  explicit NodeReader(const Namespace& space, python::Observations* observations = nullptr)
-      : space_(space), observations_(observations) {}
+  explicit NodeReader(const Namespace& space) : space_(space) {}
 
   void require_instance(PyObject* node, const NodePath& path);
   Object type_value(PyObject* node, const NodePath& path) {
@@ -78,36 +74,17 @@ class NodeReader {
   /// A new dict with the node's explicit configuration; None where it has none.
   Object config(PyObject* node);
 
-  void foreign_code_ran() noexcept {
-    is_current_ = false;
-    observations_ = nullptr;
-  }
-  /// True if everything that was read has been noted.
-  bool has_noted_all() const noexcept {
-    return observations_ != nullptr && observations_->are_sound();
-  }
+  void foreign_code_ran() noexcept { plain_class_ = nullptr; }
 
  private:
-  void met_odd_value() noexcept {
-    only_plain_values_ = false;
-    observations_ = nullptr;
-  }
-  void note(PyObject* node);
   Object require(PyObject* node, PyObject* key, const NodePath& path);
   bool is_plain(PyObject* node);
   Object plain_field(PyObject* node, PyObject* key);
 
   const Namespace& space_;
-  python::Observations* observations_;
-  python::SharedKeys attributes_;
-  PyTypeObject* type_ = nullptr;  // the class of plain nodes, once it is known to be one
-  unsigned int version_ = 0;
-  bool is_current_ = false;
-  bool only_plain_values_ = true;  // no kind, value or sequence with code of its own was met
+  PyTypeObject* plain_class_ = nullptr;  // FunctionGraphNode, while it is known to be plain
+  bool only_plain_values_ = true;        // no kind, value or sequence with code of its own was met
 };
-
-/// True if reading the fields of a node of this class runs no foreign code.
-bool is_plain_node_class(const Namespace& space, PyTypeObject* type);
 
 extern PyMethodDef graph_node_functions[];
 

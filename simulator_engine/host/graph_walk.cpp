@@ -1,5 +1,6 @@
 #include "host/graph_walk.hpp"
 
+#include "python/exact_types.hpp"
 #include "python/recursion.hpp"
 #include "python/text.hpp"
 
@@ -14,9 +15,8 @@ std::string step_down(Py_ssize_t position) { return ".c" + std::to_string(positi
 }  // namespace
 
 Object child_path(PyObject* parent, Py_ssize_t position) {
-  const Object step = as_text(step_down(position).c_str());
-  return PyUnicode_CheckExact(parent) ? Object::own(PyUnicode_Concat(parent, step))
-                                      : message(parent, step);
+  const Object step = as_text(step_down(position));
+  return is_exact_text(parent) ? appended(parent, step) : message(parent, step);
 }
 
 Object ChildPath::text() const { return child_path(parent_.text(), position_); }
@@ -43,9 +43,8 @@ Object WalkPath::text() const {
     spelt_ += step_down(positions_[level]);
     ends_.push_back(spelt_.size());
   }
-  if (spelt_.empty()) return Object::share(root_path_);
-  return message(root_path_, Object::own(PyUnicode_FromStringAndSize(
-                                 spelt_.data(), static_cast<Py_ssize_t>(spelt_.size()))));
+  if (spelt_.empty()) return Object::borrow(root_path_);
+  return message(root_path_, as_text(spelt_));
 }
 
 }  // namespace quernbrook::host

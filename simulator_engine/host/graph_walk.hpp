@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "host/graph_node.hpp"
-#include "python/sequence_iterator.hpp"
+#include "python/items.hpp"
 
 namespace quernbrook::host {
 
-using ChildIterator = python::SequenceIterator;
+using python::Items;
 
 /// `f"{parent}.c{position}"`.
 Object child_path(PyObject* parent, Py_ssize_t position);
@@ -49,7 +49,7 @@ class WalkPath final : public NodePath {
 };
 
 /// Walks a graph depth first. `enter(node, path)` looks at a node before its children and returns
-/// a frame with the member `children`, a ChildIterator; `leave(frame, path)` follows once all of
+/// a frame with the member `children`, an Items; `leave(frame, path)` follows once all of
 /// its children have been left.
 template <class Enter, class Leave>
 void walk_graph(PyObject* graph, PyObject* root_path, Enter&& enter, Leave&& leave) {

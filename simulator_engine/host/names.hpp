@@ -1,6 +1,6 @@
 #pragma once
 
-#include "python/object.hpp"
+#include "python/text.hpp"
 
 // The attribute and member names that the module reads or writes, interned once a module.
 #define QUERNBROOK_NAMES(NAME)            \
@@ -93,6 +93,7 @@
   NAME(node)                              \
   NAME(node_info)                         \
   NAME(node_outputs)                      \
+  NAME(ones)                              \
   NAME(numerical_multiply)                \
   NAME(param_schema)                      \
   NAME(passing_count)                     \
@@ -138,19 +139,21 @@
   NAME(window)
 
 // Names that C++ keeps for itself, or whose spelling is no C++ identifier to use.
-#define QUERNBROOK_SPELLED_NAMES(NAME) \
-  NAME(bool_, "bool")                  \
-  NAME(class_, "__class__")            \
-  NAME(dict_, "__dict__")              \
-  NAME(default_, "default")            \
-  NAME(float_, "float")                \
-  NAME(int_, "int")                    \
-  NAME(module_, "__module__")          \
-  NAME(call_, "__call__")              \
-  NAME(enter_, "__enter__")            \
-  NAME(exit_, "__exit__")              \
-  NAME(n_alloc, "N_alloc")             \
-  NAME(a, "A")                         \
+#define QUERNBROOK_SPELLED_NAMES(NAME)    \
+  NAME(bool_, "bool")                     \
+  NAME(class_, "__class__")               \
+  NAME(dict_, "__dict__")                 \
+  NAME(default_, "default")               \
+  NAME(float_, "float")                   \
+  NAME(int_, "int")                       \
+  NAME(module_, "__module__")             \
+  NAME(call_, "__call__")                 \
+  NAME(getattr_, "__getattr__")           \
+  NAME(getattribute_, "__getattribute__") \
+  NAME(enter_, "__enter__")               \
+  NAME(exit_, "__exit__")                 \
+  NAME(n_alloc, "N_alloc")                \
+  NAME(a, "A")                            \
   NAME(empty, "")
 
 // What runs look up in the module's namespace when they need it.
@@ -210,12 +213,11 @@
 namespace quernbrook::host {
 
 struct Names {
-#define NAME(text) python::Object text = python::Object::own(PyUnicode_InternFromString(#text));
+#define NAME(text) python::Object text = python::interned(#text);
   QUERNBROOK_NAMES(NAME)
   QUERNBROOK_GLOBALS(NAME)
 #undef NAME
-#define NAME(member, text) \
-  python::Object member = python::Object::own(PyUnicode_InternFromString(text));
+#define NAME(member, text) python::Object member = python::interned(text);
   QUERNBROOK_SPELLED_NAMES(NAME)
 #undef NAME
 };

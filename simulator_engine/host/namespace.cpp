@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "python/call.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
@@ -14,8 +15,7 @@ using namespace python;
 Object Namespace::global(PyObject* name) const {
   Object value = dict_item(globals, name);
   if (value.empty()) {
-    PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
-    throw ErrorSet{};
+    raise_format(PyExc_NameError, "name '%U' is not defined", name);
   }
   return value;
 }
@@ -32,14 +32,13 @@ struct ImportedModule {
 
 [[noreturn]] void refuse_import(PyObject* source, const char* module, const char* name) {
   const Object file = attribute_or(source, as_text("__file__"), as_text("unknown location"));
-  const Object text = Object::own(
-      PyUnicode_FromFormat("cannot import name '%s' from '%s' (%S)", name, module, file.get()));
-  PyErr_SetImportError(text, as_text(module), file);
-  throw ErrorSet{};
+  const Object text =
+      message("cannot import name '", name, "' from '", module, "' (", as_text(file.get()), ")");
+  raise_import_error(text, as_text(module), file);
 }
 
 void import_from(PyObject* target, const ImportedModule& wanted) {
-  const Object source = Object::own(PyImport_ImportModule(wanted.module));
+  const Object source = import_module(wanted.module);
   if (wanted.bound_as != nullptr) set_attribute(target, as_text(wanted.bound_as), source);
   for (const char* name : wanted.names) {
     const Object key = as_text(name);

@@ -12,7 +12,6 @@ struct Namespace {
   Names names;
   /// The module's dictionary; it lives at least as long as this state.
   python::Object globals;
-  python::Object attribute_iterator_type;
   /// The keyword names of calls that are made over and over, as tuples.
   python::Object axis_keyword;  // ("axis",)
   python::Object context_keyword;
@@ -33,6 +32,9 @@ struct Namespace {
   /// `np.<name>`.
   python::Object numpy(PyObject* name) const;
   python::Object evaluation_error() const { return global(names.EvaluationError); }
+
+  /// What the garbage collector is to see.
+  PyObject* owned() const noexcept { return globals; }
 };
 
 /// Imports everything that the module's namespace takes from elsewhere, in a fixed order.

@@ -1,6 +1,8 @@
 #include "host/parameter_schema.hpp"
 
 #include "python/call.hpp"
+#include "python/containers.hpp"
+#include "python/items.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 
@@ -15,7 +17,7 @@ Object schema_of(const Namespace& space, PyObject* entry) {
 }
 
 Object schema_items(PyObject* schema) {
-  return schema == Py_None ? Object::own(PyTuple_New(0)) : Object::share(schema);
+  return schema == Py_None ? tuple_of() : Object::borrow(schema);
 }
 
 /// `dict.get(key)` or `dict.get(key, fallback)` of the object's own class.
@@ -40,8 +42,6 @@ std::pair<Object, Object> name_and_type(const Namespace& space, PyObject* schema
   return {name, attribute_or(schema_item, names.type, Py_None)};
 }
 
-Object list_of(PyObject* iterable) { return Object::own(PySequence_List(iterable)); }
-
 }  // namespace
 
 Object config_parameter_names(const Namespace& space, PyObject* entry) {
@@ -49,33 +49,31 @@ Object config_parameter_names(const Namespace& space, PyObject* entry) {
   const Object items = is_dict(schema) ? list_of(call_method(schema, space.names.items))
                                        : list_of(schema_items(schema));
   const Object kinds = space.global(space.names._CONFIG_CHILD_TYPES);
-  Object found = Object::own(PyList_New(0));
-  for (Py_ssize_t place = 0; place < PyList_GET_SIZE(items.get()); ++place) {
-    const Object schema_item = Object::share(PyList_GET_ITEM(items.get(), place));
-    const auto [name, kind] = name_and_type(space, schema_item, message("param_", place));
-    if (contains(kinds, kind) && truth(name)) checked(PyList_Append(found, as_text(name)));
+  Object found = new_list();
+  Items all(items);
+  for (const Object& schema_item : all) {
+    const auto [name, kind] = name_and_type(space, schema_item, message("param_", all.position()));
+    if (contains(kinds, kind) && truth(name)) append(found, as_text(name));
   }
   return found;
 }
 
 Object schema_names(const Namespace& space, PyObject* entry) {
   const Object schema = schema_of(space, entry);
-  if (is_dict(schema)) return Object::own(PySet_New(call_method(schema, space.names.keys)));
-  Object found = Object::own(PySet_New(nullptr));
-  const Object items = iterator(schema_items(schema));
-  while (true) {
-    const Object schema_item = next(items);
-    if (schema_item.empty()) return found;
+  if (is_dict(schema)) return set_of(call_method(schema, space.names.keys));
+  Object found = new_set();
+  for (const Object& schema_item : Items(schema_items(schema))) {
     const Object name = attribute_or(schema_item, space.names.name, Py_None);
-    if (truth(name)) checked(PySet_Add(found, name));
+    if (truth(name)) add_to_set(found, name);
   }
+  return found;
 }
 
 Object make_config_child_types(const Namespace& space) {
-  Object kinds = Object::own(PySet_New(nullptr));
+  Object kinds = new_set();
   for (PyObject* kind : {space.names.float_.get(), space.names.int_.get(), space.names.string.get(),
                          space.names.bool_.get()}) {
-    checked(PySet_Add(kinds, kind));
+    add_to_set(kinds, kind);
   }
   return kinds;
 }
@@ -93,7 +91,7 @@ Object schema_param_name_and_type(Namespace& space, const CallArguments& argumen
       "_schema_param_name_and_type", {"item", "fallback_name"}, 1};
   const auto [schema_item, fallback_name] = parameters.bind(arguments);
   const auto [name, kind] = name_and_type(space, schema_item, or_none(fallback_name));
-  return Object::own(PyTuple_Pack(2, name.get(), kind.get()));
+  return tuple_of(name, kind);
 }
 
 Object config_param_names(Namespace& space, const CallArguments& arguments) {

@@ -2,6 +2,7 @@
 
 #include "host/state_adapters.hpp"
 #include "python/call.hpp"
+#include "python/containers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::host {
@@ -25,8 +26,8 @@ namespace {
 
 /// `factory(*arguments, **config)`; the factory never sees the dict itself.
 Object call_with_config(PyObject* factory, PyObject* arguments, PyObject* config) {
-  const Object keywords = Object::own(PyDict_Copy(config));
-  return Object::own(entered([&] { return PyObject_Call(factory, arguments, keywords); }));
+  const Object keywords = copy_of_dict(config);
+  return call_with(factory, arguments, keywords);
 }
 
 }  // namespace
@@ -34,7 +35,7 @@ Object call_with_config(PyObject* factory, PyObject* arguments, PyObject* config
 Object create_instance(const Namespace& space, PyObject* context, PyObject* function_name,
                        PyObject* config) {
   const Object factory = attribute(registry_of(space, context), space.names.create_instance);
-  return call_with_config(factory, Object::own(PyTuple_Pack(1, function_name)), config);
+  return call_with_config(factory, tuple_of(function_name), config);
 }
 
 Object create_instance_from_state(const Namespace& space, PyObject* context,
@@ -46,8 +47,7 @@ Object create_instance_from_state(const Namespace& space, PyObject* context,
       state_for_registry_restore(space, registry_of(space, context), function_name, state);
   const Object factory =
       attribute(registry_of(space, context), space.names.create_instance_from_state);
-  return call_with_config(factory, Object::own(PyTuple_Pack(2, function_name, restored.get())),
-                          config);
+  return call_with_config(factory, tuple_of(function_name, restored), config);
 }
 
 }  // namespace quernbrook::host

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "host/namespace.hpp"
+#include "python/protocol.hpp"
 
 // What the module asks of a registry of functions. The context's attribute is read at each use.
 namespace quernbrook::host {
 
 inline Object registry_of(const Namespace& space, PyObject* context) {
-  return Object::own(PyObject_GetAttr(context, space.names.registry));
+  return python::attribute(context, space.names.registry);
 }
 
 /// `registry.has(name)`: the name is known and can be created.

@@ -1,22 +1,23 @@
 #include "host/state_adapters.hpp"
 
 #include "python/call.hpp"
+#include "python/containers.hpp"
 #include "python/error.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
+#include "python/text.hpp"
 
 namespace quernbrook::host {
 
 using namespace python;
 
 Object function_state_data(const Namespace& space, PyObject* state) {
-  if (state == Py_None) return Object::own(PyDict_New());
+  if (state == Py_None) return new_dict();
   Object data = attribute_or(state, space.names.state_data, state);
-  return data.is_none() ? Object::own(PyDict_New()) : data;
+  return data.is_none() ? new_dict() : data;
 }
 
 namespace {
-
-bool is_callable(PyObject* object) { return PyCallable_Check(object) != 0; }
 
 Object function_state_version(const Namespace& space, PyObject* registry, PyObject* function_name,
                               PyObject* state) {
@@ -37,17 +38,13 @@ Object function_state_version(const Namespace& space, PyObject* registry, PyObje
 Object registry_function_state_class(const Namespace& space, PyObject* registry) {
   const Names& names = space.names;
   const Object registry_class = attribute(registry, names.class_);
-  const Object module_name =
-      attribute_or(registry_class, names.module_, Object::own(PyUnicode_FromString("")));
+  const Object module_name = attribute_or(registry_class, names.module_, as_text(""));
   if (!truth(module_name)) return Object::none();
   Object module;
-  try {
+  const bool is_there = attempt({PyExc_Exception}, [&] {
     module = call_method(space.global(names.importlib), names.import_module, module_name);
-  } catch (const ErrorSet&) {
-    if (!error_matches(PyExc_Exception)) throw;
-    PyErr_Clear();
-    return Object::none();
-  }
+  });
+  if (!is_there) return Object::none();
   return attribute_or(module, names.FunctionState, Py_None);
 }
 
@@ -61,10 +58,10 @@ bool is_typed(const Namespace& space, PyObject* state) {
 bool is_raw_typed(const Namespace& space, PyObject* state) {
   if (!is_dict(state)) return false;
   const Names& names = space.names;
-  const Object wanted = Object::own(PySet_New(nullptr));
+  const Object wanted = new_set();
   for (PyObject* name :
        {names.function_name.get(), names.function_version.get(), names.data.get()}) {
-    checked(PySet_Add(wanted, name));
+    add_to_set(wanted, name);
   }
   return truth(call_method(wanted, names.issubset, call_method(state, names.keys)));
 }
@@ -84,7 +81,7 @@ StateParts parts_of(const Namespace& space, PyObject* registry, PyObject* functi
     parts.version = item(state, names.function_version);
     parts.data = item(state, names.data);
   } else {
-    parts.name = Object::share(function_name);
+    parts.name = Object::borrow(function_name);
     parts.version = function_state_version(space, registry, function_name, state);
     parts.data = function_state_data(space, state);
   }
@@ -95,18 +92,16 @@ StateParts parts_of(const Namespace& space, PyObject* registry, PyObject* functi
 
 Object state_for_registry_restore(const Namespace& space, PyObject* registry,
                                   PyObject* function_name, PyObject* state) {
-  if (state == Py_None || is_typed(space, state)) return Object::share(state);
+  if (state == Py_None || is_typed(space, state)) return Object::borrow(state);
   const StateParts parts = parts_of(space, registry, function_name, state);
   const Object state_class = registry_function_state_class(space, registry);
-  if (state_class.is_none()) return Object::share(state);
-  try {
-    return call_named(state_class, space.typed_state_keywords, parts.name, parts.version,
-                      parts.data);
-  } catch (const ErrorSet&) {
-    if (!error_matches(PyExc_TypeError)) throw;
-    PyErr_Clear();
-    return Object::share(state);
-  }
+  if (state_class.is_none()) return Object::borrow(state);
+  Object typed = Object::borrow(state);
+  attempt({PyExc_TypeError}, [&] {
+    typed =
+        call_named(state_class, space.typed_state_keywords, parts.name, parts.version, parts.data);
+  });
+  return typed;
 }
 
 namespace {

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 
-#include "fast_paths/kernels/universe_mask.hpp"
+#include "kernels/universe_mask.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
+#include "python/containers.hpp"
 #include "python/gil.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::host {
@@ -14,25 +16,18 @@ using namespace python;
 
 namespace {
 
-bool same_shape(PyObject* left, PyObject* right) {
-  PyArrayObject* first = as_array(left);
-  PyArrayObject* second = as_array(right);
-  return PyArray_NDIM(first) == PyArray_NDIM(second) &&
-         std::equal(PyArray_DIMS(first), PyArray_DIMS(first) + PyArray_NDIM(first),
-                    PyArray_DIMS(second));
-}
-
 Object mask_contiguous(PyObject* data, PyObject* universe) {
-  PyArrayObject* source = as_array(data);
-  Object result =
-      Object::own(PyArray_SimpleNew(PyArray_NDIM(source), PyArray_DIMS(source), NPY_DOUBLE));
-  const auto count = static_cast<std::size_t>(PyArray_SIZE(source));
+  constexpr npy_intp cells_at_once = 1 << 18;
+  Object result = uninitialised_like(data);
+  const npy_intp count = cell_count(data);
   const double* values = doubles(data);
   const double* mask = doubles(universe);
   double* target = doubles(result);
-  {
-    const GilRelease release;
-    kernels::mask_universe(values, 1, mask, 1, target, count);
+  GilRelease release;
+  for (npy_intp first = 0; first < count; first += cells_at_once) {
+    const npy_intp part = std::min(cells_at_once, count - first);
+    kernels::mask_universe({values + first, 1, part}, {mask + first, 1, part}, target + first);
+    release.look_at_signals();
   }
   return result;
 }
@@ -40,33 +35,32 @@ Object mask_contiguous(PyObject* data, PyObject* universe) {
 }  // namespace
 
 Object apply_universe_mask(const Namespace& space, PyObject* data, PyObject* universe) {
-  if (universe == Py_None) return Object::share(data);
+  if (universe == Py_None) return Object::borrow(data);
   if (is_contiguous_double_array(data) && is_contiguous_double_array(universe) &&
-      PyArray_NDIM(as_array(data)) > 0 && same_shape(data, universe)) {
+      dimensions(data) > 0 && have_same_shape(data, universe)) {
     return mask_contiguous(data, universe);
   }
   const Names& names = space.names;
-  const Object zero = Object::own(PyFloat_FromDouble(0.0));
-  const Object is_zero = Object::own(PyObject_RichCompare(universe, zero, Py_EQ));
+  const Object zero = real_number(0.0);
+  const Object is_zero = comparison(universe, zero, Py_EQ);
   const Object is_nan = call(space.numpy(names.isnan), universe);
-  const Object inactive = Object::own(PyNumber_Or(is_zero, is_nan));
+  const Object inactive = either(is_zero, is_nan);
   return call(space.numpy(names.where), inactive, space.numpy(names.nan), data);
 }
 
-Object universe_mask(const Namespace& space, PyObject* context, npy_intp rows, npy_intp columns) {
+Object universe_mask(const Namespace& space, PyObject* context, PyObject* rows, PyObject* columns) {
   const Names& names = space.names;
   if (attribute(context, names.universe).is_none()) {
-    npy_intp shape[] = {rows, columns};
-    Object mask = Object::own(PyArray_SimpleNew(2, shape, NPY_UINT8));
-    std::fill_n(static_cast<npy_uint8*>(PyArray_DATA(as_array(mask))), rows * columns,
-                npy_uint8{1});
-    return mask;
+    if (is_exact_int(rows) && is_exact_int(columns)) {
+      return byte_ones(index_value(rows), index_value(columns));
+    }
+    return call_named(space.numpy(names.ones), space.dtype_keyword, tuple_of(rows, columns),
+                      space.numpy(names.uint8));
   }
   const Object is_finite = call(space.numpy(names.isfinite), attribute(context, names.universe));
-  const Object zero = Object::own(PyFloat_FromDouble(0.0));
-  const Object is_not_zero =
-      Object::own(PyObject_RichCompare(attribute(context, names.universe), zero, Py_NE));
-  const Object active = Object::own(PyNumber_And(is_finite, is_not_zero));
+  const Object zero = real_number(0.0);
+  const Object is_not_zero = comparison(attribute(context, names.universe), zero, Py_NE);
+  const Object active = both(is_finite, is_not_zero);
   const Object bytes = call_method(active, names.astype, space.numpy(names.uint8));
   return call(space.numpy(names.ascontiguousarray), bytes);
 }
@@ -93,8 +87,7 @@ PyMethodDef universe_functions[] = {
 };
 
 bool is_own_mask_rule(PyObject* function) {
-  return PyCFunction_CheckExact(function) &&
-         PyCFunction_GET_FUNCTION(function) == universe_functions[0].ml_meth;
+  return is_native_function(function, universe_functions[0]);
 }
 
 }  // namespace quernbrook::host

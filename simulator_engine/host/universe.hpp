@@ -1,7 +1,6 @@
 #pragma once
 
 #include "host/namespace.hpp"
-#include "python/numpy_api.hpp"
 
 // Which cells take part: the two rules for the universe. They differ on infinities, on purpose.
 namespace quernbrook::host {
@@ -13,7 +12,7 @@ Object apply_universe_mask(const Namespace& space, PyObject* data, PyObject* uni
 bool is_own_mask_rule(PyObject* function);
 
 /// The rule for the context's `universe_mask`: 1 where its universe is finite and not zero.
-Object universe_mask(const Namespace& space, PyObject* context, npy_intp rows, npy_intp columns);
+Object universe_mask(const Namespace& space, PyObject* context, PyObject* rows, PyObject* columns);
 
 extern PyMethodDef universe_functions[];
 

@@ -1,22 +1,35 @@
 #include "python/arguments.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "python/error.hpp"
+
 namespace quernbrook::python {
+
+bool is_spelt(PyObject* name, std::string_view text) {
+  if (!PyUnicode_IS_COMPACT_ASCII(name)) {
+    return PyUnicode_CompareWithASCIIString(name, text.data()) == 0;
+  }
+  return static_cast<std::size_t>(PyUnicode_GET_LENGTH(name)) == text.size() &&
+         std::memcmp(PyUnicode_1BYTE_DATA(name), text.data(), text.size()) == 0;
+}
+
 namespace {
 
 [[noreturn]] void refuse_surplus(const ParameterList& parameters, Py_ssize_t given) {
-  const std::size_t least = std::min(parameters.required, parameters.positional);
-  const std::size_t most = parameters.positional;
+  const std::size_t itself = std::strchr(parameters.function, '.') == nullptr ? 0 : 1;
+  const std::size_t least = std::min(parameters.required, parameters.positional) + itself;
+  const std::size_t most = parameters.positional + itself;
+  given += static_cast<Py_ssize_t>(itself);
   const std::string takes = least == most
                                 ? std::to_string(most)
                                 : "from " + std::to_string(least) + " to " + std::to_string(most);
-  PyErr_Format(PyExc_TypeError, "%s() takes %s positional argument%s but %zd %s given",
+  raise_format(PyExc_TypeError, "%s() takes %s positional argument%s but %zd %s given",
                parameters.function, takes.c_str(), most == 1 ? "" : "s", given,
                given == 1 ? "was" : "were");
-  throw ErrorSet{};
 }
 
 [[noreturn]] void refuse_missing(const ParameterList& parameters, PyObject** bound) {
@@ -30,18 +43,9 @@ namespace {
     const bool last = place + 1 == missing.size();
     list += (last ? (missing.size() == 2 ? " and " : ", and ") : ", ") + missing[place];
   }
-  PyErr_Format(PyExc_TypeError, "%s() missing %zd required positional argument%s: %s",
+  raise_format(PyExc_TypeError, "%s() missing %zd required positional argument%s: %s",
                parameters.function, static_cast<Py_ssize_t>(missing.size()),
                missing.size() == 1 ? "" : "s", list.c_str());
-  throw ErrorSet{};
-}
-
-bool is_spelt(PyObject* name, std::string_view text) {
-  if (!PyUnicode_IS_COMPACT_ASCII(name)) {
-    return PyUnicode_CompareWithASCIIString(name, text.data()) == 0;
-  }
-  return static_cast<std::size_t>(PyUnicode_GET_LENGTH(name)) == text.size() &&
-         std::memcmp(PyUnicode_1BYTE_DATA(name), text.data(), text.size()) == 0;
 }
 
 /// `guess` is where callers who keep to the parameters' order have the name.
@@ -50,9 +54,8 @@ std::size_t place_of(const ParameterList& parameters, PyObject* name, std::size_
   for (std::size_t place = 0; place < parameters.count; ++place) {
     if (is_spelt(name, parameters.names[place])) return place;
   }
-  PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", parameters.function,
+  raise_format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", parameters.function,
                name);
-  throw ErrorSet{};
 }
 
 }  // namespace
@@ -71,9 +74,8 @@ void bind_arguments(const ParameterList& parameters, const CallArguments& argume
     PyObject* name = PyTuple_GET_ITEM(arguments.names, given);
     place = place_of(parameters, name, place + 1);
     if (bound[place] != nullptr) {
-      PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%U'",
+      raise_format(PyExc_TypeError, "%s() got multiple values for argument '%U'",
                    parameters.function, name);
-      throw ErrorSet{};
     }
     bound[place] = arguments.values[arguments.positional + given];
   }

@@ -18,7 +18,7 @@ struct CallArguments {
 /// The parameters of a function; those from `positional` on are keyword-only, those from
 /// `required` on may be left out.
 struct ParameterList {
-  const char* function;
+  const char* function;  // qualified where it is a method: its object counts as an argument, too
   const std::string_view* names;  // of literals
   std::size_t count;
   std::size_t positional;
@@ -47,6 +47,9 @@ struct Parameters {
     return bound;
   }
 };
+
+/// True if the text object has this spelling.
+bool is_spelt(PyObject* name, std::string_view text);
 
 /// An optional parameter whose default is None.
 inline PyObject* or_none(PyObject* argument) { return argument == nullptr ? Py_None : argument; }

@@ -3,11 +3,20 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <new>
 
 #include "python/array_memory.hpp"
+#include "python/containers.hpp"
+#include "python/numbers.hpp"
 
 namespace quernbrook::python {
+
+bool have_same_shape(PyObject* left, PyObject* right) {
+  PyArrayObject* first = as_array(left);
+  PyArrayObject* second = as_array(right);
+  return PyArray_NDIM(first) == PyArray_NDIM(second) &&
+         std::equal(PyArray_DIMS(first), PyArray_DIMS(first) + PyArray_NDIM(first),
+                    PyArray_DIMS(second));
+}
 
 bool is_double_array(PyObject* object) {
   if (!PyArray_CheckExact(object)) return false;
@@ -15,15 +24,48 @@ bool is_double_array(PyObject* object) {
   return PyArray_TYPE(array) == NPY_DOUBLE && PyArray_ISBEHAVED_RO(array);
 }
 
+bool is_writeable_block(PyObject* object, npy_intp columns) {
+  return is_contiguous_double_array(object) && dimensions(object) == 2 &&
+         dimension(object, 1) == columns && PyArray_ISWRITEABLE(as_array(object));
+}
+
+bool has_plain_dtype(PyObject* array) {
+  PyArray_Descr* plain = PyArray_DescrFromType(NPY_DOUBLE);
+  const bool is_plain = PyArray_DESCR(as_array(array)) == plain;
+  Py_DECREF(plain);
+  return is_plain;
+}
+
+kernels::MatrixView view_of(PyObject* matrix) {
+  constexpr auto size = static_cast<npy_intp>(sizeof(double));
+  PyArrayObject* array = as_array(matrix);
+  return {.cells = doubles(matrix),
+          .row_stride = PyArray_STRIDE(array, 0) / size,
+          .column_stride = PyArray_STRIDE(array, 1) / size,
+          .rows = PyArray_DIM(array, 0),
+          .columns = PyArray_DIM(array, 1)};
+}
+
+kernels::RowView find_row(PyObject* matrix, npy_intp row, npy_intp columns) {
+  if (!is_double_matrix(matrix) || row < 0 || row >= dimension(matrix, 0) ||
+      dimension(matrix, 1) != columns) {
+    return {};
+  }
+  return view_of(matrix).row(row);
+}
+
 Object aligned(const Object& array) {
   if (is_double_array(array)) return array;
-  return Object::own(PyArray_FromArray(as_array(array), PyArray_DescrFromType(NPY_DOUBLE),
-                                       NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY));
+  return Object::steal(calling_python([&] {
+    return PyArray_FromAny(array, PyArray_DescrFromType(NPY_DOUBLE), 0, 0,
+                           NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY, nullptr);
+  }));
 }
 
 namespace {
 
-/// An array over a block that is kept for the next one; empty where its size isn't worth it.
+/// An array over a block that is kept for the next one; empty where its size isn't worth it, and
+/// without memory, so that NumPy tells of it in its own words.
 Object over_kept_block(npy_intp rows, npy_intp columns) {
   std::size_t count = 0;
   if (rows < 0 || columns < 0 || __builtin_mul_overflow(rows, columns, &count) ||
@@ -32,9 +74,10 @@ Object over_kept_block(npy_intp rows, npy_intp columns) {
   }
   std::unique_ptr<void, decltype(&give_back_block)> block(take_block(count * sizeof(double)),
                                                           give_back_block);
+  if (block == nullptr) return {};
   npy_intp shape[] = {rows, columns};
-  Object array = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, block.get(),
-                                         0, NPY_ARRAY_CARRAY, nullptr));
+  Object array = Object::steal(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr,
+                                           block.get(), 0, NPY_ARRAY_CARRAY, nullptr));
   own_block(array, block.get(), count * sizeof(double));
   block.release();
   return array;
@@ -48,31 +91,24 @@ Object zeros(npy_intp rows, npy_intp columns) {
     return array;
   }
   npy_intp shape[] = {rows, columns};
-  return Object::own(PyArray_ZEROS(2, shape, NPY_DOUBLE, 0));
-}
-
-Object untouched_zeros(npy_intp rows, npy_intp columns) {
-  constexpr std::size_t worth_pages = 64 * 1024;  // below, writing zeros is quicker
-  const std::size_t size =
-      static_cast<std::size_t>(rows) * static_cast<std::size_t>(columns) * sizeof(double);
-  if (rows < 0 || columns < 0 || size < worth_pages) return zeros(rows, columns);
-  const auto give_back = [size](void* pages) { give_back_pages(pages, size); };
-  std::unique_ptr<void, decltype(give_back)> pages(take_pages(size), give_back);
-  npy_intp shape[] = {rows, columns};
-  Object array = Object::own(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, pages.get(),
-                                         0, NPY_ARRAY_CARRAY, nullptr));
-  own_pages(array, pages.get(), size);
-  pages.release();
-  return array;
+  return Object::steal(calling_python([&] { return PyArray_ZEROS(2, shape, NPY_DOUBLE, 0); }));
 }
 
 Object uninitialised(npy_intp rows, npy_intp columns) {
   if (Object array = over_kept_block(rows, columns); !array.empty()) return array;
   npy_intp shape[] = {rows, columns};
-  return Object::own(PyArray_SimpleNew(2, shape, NPY_DOUBLE));
+  return Object::steal(calling_python([&] { return PyArray_SimpleNew(2, shape, NPY_DOUBLE); }));
 }
 
-Object empty_vector(npy_intp size) { return Object::own(PyArray_SimpleNew(1, &size, NPY_DOUBLE)); }
+Object uninitialised_like(PyObject* array) {
+  return Object::steal(calling_python([&] {
+    return PyArray_SimpleNew(dimensions(array), PyArray_DIMS(as_array(array)), NPY_DOUBLE);
+  }));
+}
+
+Object empty_vector(npy_intp size) {
+  return Object::steal(calling_python([&] { return PyArray_SimpleNew(1, &size, NPY_DOUBLE); }));
+}
 
 Object filled_vector(npy_intp size, double value) {
   Object vector = empty_vector(size);
@@ -80,15 +116,44 @@ Object filled_vector(npy_intp size, double value) {
   return vector;
 }
 
+Object byte_ones(npy_intp rows, npy_intp columns) {
+  npy_intp shape[] = {rows, columns};
+  Object ones =
+      Object::steal(calling_python([&] { return PyArray_SimpleNew(2, shape, NPY_UINT8); }));
+  std::fill_n(static_cast<npy_uint8*>(PyArray_DATA(as_array(ones))), rows * columns, npy_uint8{1});
+  return ones;
+}
+
+namespace {
+
+/// An array of doubles over the memory of another, with its writability.
+Object view(PyObject* base, int dimensions, npy_intp* shape, npy_intp* strides, void* cells) {
+  Object array = Object::steal(PyArray_NewFromDescr(
+      &PyArray_Type, PyArray_DescrFromType(NPY_DOUBLE), dimensions, shape, strides, cells,
+      PyArray_FLAGS(as_array(base)) & NPY_ARRAY_WRITEABLE, nullptr));
+  checked(PyArray_SetBaseObject(as_array(array), Py_NewRef(base)));
+  return array;
+}
+
+}  // namespace
+
 Object row_view(PyObject* matrix, npy_intp row) {
   PyArrayObject* array = as_array(matrix);
   npy_intp columns = PyArray_DIM(array, 1);
   char* start = PyArray_BYTES(array) + row * PyArray_STRIDE(array, 0);
-  Object view = Object::own(PyArray_NewFromDescr(
-      &PyArray_Type, PyArray_DescrFromType(NPY_DOUBLE), 1, &columns, &PyArray_STRIDES(array)[1],
-      start, PyArray_FLAGS(array) & NPY_ARRAY_WRITEABLE, nullptr));
-  checked(PyArray_SetBaseObject(as_array(view), Py_NewRef(matrix)));
-  return view;
+  return view(matrix, 1, &columns, &PyArray_STRIDES(array)[1], start);
+}
+
+Object first_rows_view(PyObject* matrix, npy_intp count) {
+  PyArrayObject* array = as_array(matrix);
+  npy_intp shape[] = {std::min(count, PyArray_DIM(array, 0)), PyArray_DIM(array, 1)};
+  return view(matrix, 2, shape, PyArray_STRIDES(array), PyArray_DATA(array));
+}
+
+Object row_key(npy_intp row) { return tuple_of(integer(row), slice(nullptr, nullptr)); }
+
+Object columns_key(PyObject* start, PyObject* stop) {
+  return tuple_of(slice(nullptr, nullptr), slice(start, stop));
 }
 
 }  // namespace quernbrook::python

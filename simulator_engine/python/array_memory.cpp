@@ -1,13 +1,10 @@
 #include "python/array_memory.hpp"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -37,15 +34,16 @@ class Store {
     if (shelf == shelves_.end() || shelf->blocks.empty()) return nullptr;
     Header* block = shelf->blocks.back();
     shelf->blocks.pop_back();
-    bytes_ -= capacity;
+    bytes_ -= sizeof(Header) + capacity;
     return block;
   }
 
   void keep(Header* block) noexcept {
     const std::size_t capacity = block->capacity;
     // Runs of other sizes were here before: whatever they still need comes back soon.
-    if (bytes_ + capacity > most_bytes || shelves_.size() > most_shelves) drop_others(capacity);
-    if (bytes_ + capacity > most_bytes || !put(block)) std::free(block);
+    const std::size_t size = sizeof(Header) + capacity;
+    if (bytes_ + size > most_bytes || shelves_.size() > most_shelves) drop_others(capacity);
+    if (bytes_ + size > most_bytes || !put(block)) std::free(block);
   }
 
  private:
@@ -62,7 +60,7 @@ class Store {
       auto shelf = std::ranges::find(shelves_, block->capacity, &Shelf::capacity);
       if (shelf == shelves_.end()) shelf = shelves_.insert(shelf, Shelf{block->capacity, {}});
       shelf->blocks.push_back(block);
-      bytes_ += block->capacity;
+      bytes_ += sizeof(Header) + block->capacity;
       return true;
     } catch (const std::bad_alloc&) {
       return false;
@@ -73,7 +71,7 @@ class Store {
     std::erase_if(shelves_, [&](const Shelf& shelf) {
       if (shelf.capacity == capacity) return false;
       for (Header* block : shelf.blocks) std::free(block);
-      bytes_ -= shelf.capacity * shelf.blocks.size();
+      bytes_ -= (sizeof(Header) + shelf.capacity) * shelf.blocks.size();
       return true;
     });
   }
@@ -138,17 +136,13 @@ PyDataMem_Handler handler{.name = "expression_evaluator",
 /// The capsule through which an array knows its handler.
 Object handler_capsule() {
   static PyObject* const capsule =
-      Object::own(PyCapsule_New(&handler, "mem_handler", nullptr)).release();
-  return Object::share(capsule);
+      Object::steal(PyCapsule_New(&handler, "mem_handler", nullptr)).release();
+  return Object::borrow(capsule);
 }
 
 }  // namespace
 
-void* take_block(std::size_t size) {
-  void* block = allocate(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
+void* take_block(std::size_t size) noexcept { return allocate(size); }
 
 void give_back_block(void* block) noexcept {
   Header* header = header_of(block);
@@ -159,69 +153,12 @@ void give_back_block(void* block) noexcept {
   }
 }
 
-namespace {
-
-void own(PyObject* array, Object handler_capsule, void* memory, std::size_t size) {
-  array_fields(array)->mem_handler = handler_capsule.release();
+void own_block(PyObject* array, void* block, std::size_t size) {
+  array_fields(array)->mem_handler = handler_capsule().release();
   PyArray_ENABLEFLAGS(as_array(array), NPY_ARRAY_OWNDATA);
   // As NumPy does for its own: `tracemalloc` sees the arrays. NumPy ends it when it frees them.
   constexpr unsigned numpy_domain = 389047;  // numpy.lib.tracemalloc_domain
-  PyTraceMalloc_Track(numpy_domain, reinterpret_cast<std::uintptr_t>(memory), size);
-}
-
-/// Pages and the handler that knows their size: it has no other arrays, so that NumPy only asks it
-/// to resize and to free.
-struct Pages {
-  explicit Pages(std::size_t bytes) : size(bytes) {}
-  Pages(const Pages&) = delete;
-  Pages& operator=(const Pages&) = delete;
-
-  static constexpr const char* capsule_name = "mem_handler";
-
-  static void* refuse(void*, std::size_t) { return nullptr; }
-  static void* refuse_zeros(void*, std::size_t, std::size_t) { return nullptr; }
-  static void* resize(void* self, void* pages, std::size_t size) {
-    std::size_t& old_size = static_cast<Pages*>(self)->size;
-    void* moved = mremap(pages, old_size, size, MREMAP_MAYMOVE);
-    if (moved == MAP_FAILED) return nullptr;
-    old_size = size;
-    return moved;
-  }
-  static void free(void* self, void* pages, std::size_t) {
-    give_back_pages(pages, static_cast<Pages*>(self)->size);
-  }
-  static void end(PyObject* capsule) {
-    auto* handler = static_cast<PyDataMem_Handler*>(PyCapsule_GetPointer(capsule, capsule_name));
-    delete static_cast<Pages*>(handler->allocator.ctx);
-  }
-
-  std::size_t size;
-  PyDataMem_Handler handler{
-      .name = "expression_evaluator pages",
-      .version = 1,
-      .allocator = {
-          .ctx = this, .malloc = refuse, .calloc = refuse_zeros, .realloc = resize, .free = free}};
-};
-
-}  // namespace
-
-void own_block(PyObject* array, void* block, std::size_t size) {
-  own(array, handler_capsule(), block, size);
-}
-
-void* take_pages(std::size_t size) {
-  void* pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (pages == MAP_FAILED) throw std::bad_alloc();
-  return pages;
-}
-
-void give_back_pages(void* pages, std::size_t size) noexcept { munmap(pages, size); }
-
-void own_pages(PyObject* array, void* pages, std::size_t size) {
-  auto owned = std::make_unique<Pages>(size);
-  Object capsule = Object::own(PyCapsule_New(&owned->handler, Pages::capsule_name, Pages::end));
-  owned.release();
-  own(array, std::move(capsule), pages, size);
+  PyTraceMalloc_Track(numpy_domain, reinterpret_cast<std::uintptr_t>(block), size);
 }
 
 }  // namespace quernbrook::python

@@ -13,17 +13,11 @@ namespace quernbrook::python {
 /// larger ones are only used by runs so long that it doesn't matter.
 inline bool is_kept_size(std::size_t size) noexcept { return size >= 1024 && size <= 16 << 20; }
 
-/// A block of memory, its contents undefined; std::bad_alloc without.
-void* take_block(std::size_t size);
+/// A block of memory, its contents undefined; null without.
+void* take_block(std::size_t size) noexcept;
 void give_back_block(void* block) noexcept;
 
-/// Makes the array, which was made over a block, the owner of it.
+/// Makes the array, which was made over the block, the owner of it.
 void own_block(PyObject* array, void* block, std::size_t size);
-
-/// Memory of whole pages, which the system hands out as zeros when they are first touched.
-void* take_pages(std::size_t size);
-void give_back_pages(void* pages, std::size_t size) noexcept;
-/// Makes the array, which was made over the pages, the owner of them.
-void own_pages(PyObject* array, void* pages, std::size_t size);
 
 }  // namespace quernbrook::python

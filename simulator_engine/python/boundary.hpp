@@ -4,6 +4,7 @@
 #include <new>
 
 #include "python/arguments.hpp"
+#include "python/calling_python.hpp"
 #include "python/object.hpp"
 
 // The one place where C++ exceptions become Python errors. A module's state is a pointer to State.
@@ -16,9 +17,9 @@ PyObject* guarded(Body&& body) noexcept {
   } catch (const ErrorSet&) {
     return nullptr;
   } catch (const std::bad_alloc&) {
-    return PyErr_NoMemory();
+    return calling_python([] { return PyErr_NoMemory(); });
   } catch (const std::exception& error) {
-    PyErr_SetString(PyExc_SystemError, error.what());
+    calling_python([&] { PyErr_SetString(PyExc_SystemError, error.what()); });
     return nullptr;
   }
 }

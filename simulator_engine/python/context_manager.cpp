@@ -2,6 +2,8 @@
 
 #include <initializer_list>
 
+#include "python/containers.hpp"
+#include "python/dict_insides.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::python {
@@ -10,25 +12,24 @@ namespace {
 /// A special method, bound to its object; empty if the type has none.
 Object special_method(PyObject* object, PyObject* name) {
   PyTypeObject* type = Py_TYPE(object);
-  PyObject* entry = find_on_type(type, name);
-  if (entry == nullptr) return {};
-  const Object method = Object::share(entry);
-  const descrgetfunc bind = Py_TYPE(entry)->tp_descr_get;
+  const Object method = find_on_type(type, name);
+  if (method.empty()) return {};
+  const descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
   if (bind == nullptr) return method;
-  return Object::own(bind(method, object, reinterpret_cast<PyObject*>(type)));
+  return Object::steal(
+      calling_python([&] { return bind(method, object, reinterpret_cast<PyObject*>(type)); }));
 }
 
 [[noreturn]] void refuse(PyObject* manager, const char* missing, const char* hint) {
 #if PY_VERSION_HEX >= 0x030B0000
   (void)missing;
-  PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
+  raise_format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
                Py_TYPE(manager)->tp_name, hint);
 #else
   (void)manager;
   (void)hint;
-  PyErr_SetString(PyExc_AttributeError, missing);
+  raise_text(PyExc_AttributeError, missing);
 #endif
-  throw ErrorSet{};
 }
 
 }  // namespace
@@ -38,7 +39,7 @@ ContextManager::ContextManager(PyObject* manager, PyObject* enter_name, PyObject
   if (enter_.empty()) refuse(manager, "__enter__", "");
   exit_ = special_method(manager, exit_name);
   if (exit_.empty()) refuse(manager, "__exit__", " (missed __exit__ method)");
-  exit_arguments_ = Object::own(PyTuple_Pack(3, Py_None, Py_None, Py_None));
+  exit_arguments_ = tuple_of(Py_None, Py_None, Py_None);
   // A reference that somebody finds through the garbage collector would forbid filling it.
   PyObject_GC_UnTrack(exit_arguments_);
 }
@@ -59,7 +60,7 @@ bool ContextManager::exit(PyObject* type, PyObject* value, PyObject* traceback) 
     checked(PyTuple_SetItem(arguments, place++, Py_NewRef(argument)));
   }
   const Object swallows =
-      Object::own(entered([&] { return PyObject_Call(exit_, arguments, nullptr); }));
+      Object::steal(calling_python([&] { return PyObject_Call(exit_, arguments, nullptr); }));
   return value != Py_None && truth(swallows);
 }
 

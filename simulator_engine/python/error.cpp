@@ -9,25 +9,29 @@ namespace {
 
 void set_error(PyObject* exception) {
   if (!PyExceptionInstance_Check(exception)) {
-    PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+    calling_python(
+        [] { PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException"); });
     return;
   }
-  PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception)), exception);
+  calling_python(
+      [&] { PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception)), exception); });
 }
 
 Object take_pending_error() {
 #if PY_VERSION_HEX >= 0x030C0000
-  return Object::own(PyErr_GetRaisedException());
+  return Object::steal(PyErr_GetRaisedException());
 #else
   PyObject* type = nullptr;
   PyObject* value = nullptr;
   PyObject* traceback = nullptr;
-  PyErr_Fetch(&type, &value, &traceback);
-  PyErr_NormalizeException(&type, &value, &traceback);
+  calling_python([&] {
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+  });
   if (traceback != nullptr) PyException_SetTraceback(value, traceback);
-  Py_XDECREF(type);
-  Py_XDECREF(traceback);
-  return Object::own(value);
+  Object::steal_or_empty(type);
+  Object::steal_or_empty(traceback);
+  return Object::steal(value);
 #endif
 }
 
@@ -55,12 +59,19 @@ void raise_object(PyObject* exception) {
 }
 
 void raise_object_from(PyObject* exception, PyObject* cause) {
-  if (PyExceptionInstance_Check(exception)) PyException_SetCause(exception, Py_NewRef(cause));
+  if (PyExceptionInstance_Check(exception)) {
+    calling_python([&] { PyException_SetCause(exception, Py_NewRef(cause)); });
+  }
   raise_object(exception);
 }
 
 void raise_text(PyObject* type, const char* text) {
-  PyErr_SetString(type, text);
+  calling_python([&] { PyErr_SetString(type, text); });
+  throw ErrorSet{};
+}
+
+void raise_import_error(PyObject* message, PyObject* module, PyObject* file) {
+  calling_python([&] { PyErr_SetImportError(message, module, file); });
   throw ErrorSet{};
 }
 
@@ -95,9 +106,9 @@ Handling::Handling() : value_(take_pending_error()) {
 
 Handling::~Handling() {
   const HandledException handled = exchange_handled(outer_);
-  Py_XDECREF(handled.type);
-  Py_XDECREF(handled.value);
-  Py_XDECREF(handled.traceback);
+  for (PyObject* part : {handled.type, handled.value, handled.traceback}) {
+    Object::steal_or_empty(part);
+  }
 }
 
 void Handling::raise_again() {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <initializer_list>
+
+#include "python/calling_python.hpp"
 #include "python/object.hpp"
 
 namespace quernbrook::python {
@@ -15,9 +18,41 @@ namespace quernbrook::python {
 /// Raises a built-in exception with a fixed text.
 [[noreturn]] void raise_text(PyObject* type, const char* text);
 [[noreturn]] void raise_key_error(PyObject* key);
+[[noreturn]] void raise_import_error(PyObject* message, PyObject* module, PyObject* file);
+/// Raises a built-in exception with a text made by the rules of PyErr_Format.
+template <class... Values>
+[[noreturn]] void raise_format(PyObject* type, const char* format, Values... values) {
+  calling_python([&] { return PyErr_Format(type, format, values...); });
+  throw ErrorSet{};
+}
 
 /// True when the pending Python error is an instance of `type`.
 inline bool error_matches(PyObject* type) { return PyErr_ExceptionMatches(type) != 0; }
+/// True when the exception is an instance of `type`, or of one of a tuple of types.
+inline bool exception_matches(PyObject* exception, PyObject* type) {
+  return PyErr_GivenExceptionMatches(exception, type) != 0;
+}
+/// Drops the pending error.
+inline void clear_error() {
+  calling_python([] { PyErr_Clear(); });
+}
+
+/// `try: body()` with an `except` clause for the types that drops the exception; whether `body`
+/// came to its end.
+template <class Body>
+bool attempt(std::initializer_list<PyObject*> types, Body&& body) {
+  try {
+    body();
+    return true;
+  } catch (const ErrorSet&) {
+    for (PyObject* type : types) {
+      if (!error_matches(type)) continue;
+      clear_error();
+      return false;
+    }
+    throw;
+  }
+}
 
 /// The parts of an exception as the interpreter keeps it while it is being handled, owned.
 struct HandledException {
@@ -43,7 +78,7 @@ class Handling {
 
   PyObject* value() const noexcept { return value_; }
   PyObject* type() const noexcept { return reinterpret_cast<PyObject*>(Py_TYPE(value_.get())); }
-  Object traceback() const { return Object::own_or_empty(PyException_GetTraceback(value_)); }
+  Object traceback() const { return Object::steal_or_empty(PyException_GetTraceback(value_)); }
   /// A bare `raise`: the handled exception goes on, unchanged.
   [[noreturn]] void raise_again();
 

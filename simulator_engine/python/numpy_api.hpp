@@ -7,3 +7,10 @@
 #define NO_IMPORT_ARRAY
 #endif
 #include <numpy/arrayobject.h>
+
+namespace quernbrook::python {
+
+/// To be called once, before anything else of NumPy is used; false with a Python error set.
+bool import_numpy();
+
+}  // namespace quernbrook::python

@@ -9,8 +9,11 @@ namespace quernbrook::python {
 /// Thrown where the C API reports a failure: the Python error indicator is set.
 struct ErrorSet {};
 
-/// An owned reference. Empty only by default construction, after a move, or where
-/// own_or_empty() met a null pointer.
+/// Lets the last reference go, with whatever code of the host that runs.
+void end_object(PyObject* object) noexcept;
+
+/// An owned reference. Empty only by default construction, after a move, or where one of the
+/// functions for it met a null pointer.
 class Object {
  public:
   Object() noexcept = default;
@@ -20,18 +23,25 @@ class Object {
     std::swap(pointer_, other.pointer_);
     return *this;
   }
-  ~Object() { Py_XDECREF(pointer_); }
+  ~Object() {
+    if (pointer_ == nullptr) return;
+    if (Py_REFCNT(pointer_) > 1) {
+      Py_DECREF(pointer_);
+    } else {
+      end_object(pointer_);
+    }
+  }
 
   /// Takes over a new reference as the C API returns it; null means a Python error is set.
-  static Object own(PyObject* pointer) {
+  static Object steal(PyObject* pointer) {
     if (pointer == nullptr) throw ErrorSet{};
     return Object(pointer);
   }
-  /// As own(), for calls whose null is an answer and not a failure.
-  static Object own_or_empty(PyObject* pointer) noexcept { return Object(pointer); }
+  /// As steal(), for calls whose null is an answer and not a failure.
+  static Object steal_or_empty(PyObject* pointer) noexcept { return Object(pointer); }
   /// Adds a reference to a borrowed pointer.
-  static Object share(PyObject* pointer) noexcept { return Object(Py_XNewRef(pointer)); }
-  static Object none() noexcept { return share(Py_None); }
+  static Object borrow(PyObject* pointer) noexcept { return Object(Py_XNewRef(pointer)); }
+  static Object none() noexcept { return borrow(Py_None); }
 
   PyObject* get() const noexcept { return pointer_; }
   operator PyObject*() const noexcept { return pointer_; }

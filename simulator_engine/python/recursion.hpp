@@ -1,5 +1,7 @@
 #pragma once
 
+#include "python/calling_python.hpp"
+#include "python/error.hpp"
 #include "python/object.hpp"
 
 namespace quernbrook::python {
@@ -11,16 +13,16 @@ namespace quernbrook::python {
 inline void enter_level() {
   PyThreadState* thread = PyThreadState_Get();
   if (thread->py_recursion_remaining <= 0) {
-    PyErr_SetString(PyExc_RecursionError,
-                    "maximum recursion depth exceeded while walking an expression graph");
-    throw ErrorSet{};
+    raise_text(PyExc_RecursionError,
+               "maximum recursion depth exceeded while walking an expression graph");
   }
   --thread->py_recursion_remaining;
 }
 inline void leave_level() { ++PyThreadState_Get()->py_recursion_remaining; }
 #else
 inline void enter_level() {
-  checked(Py_EnterRecursiveCall(" while walking an expression graph") ? -1 : 0);
+  checked(calling_python(
+      [] { return Py_EnterRecursiveCall(" while walking an expression graph") ? -1 : 0; }));
 }
 inline void leave_level() { Py_LeaveRecursiveCall(); }
 #endif

@@ -1,26 +1,37 @@
 #include "python/text.hpp"
 
+#include "python/containers.hpp"
+#include "python/protocol.hpp"
+
 namespace quernbrook::python {
 
 Object formatted(PyObject* object) {
-  if (PyUnicode_CheckExact(object)) return Object::share(object);
-  return Object::own(entered([&] { return PyObject_Format(object, nullptr); }));
+  if (PyUnicode_CheckExact(object)) return Object::borrow(object);
+  return Object::steal(calling_python([&] { return PyObject_Format(object, nullptr); }));
 }
 
 Object type_name(PyObject* object) {
-  return Object::own(
-      PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(object)), "__name__"));
+  return attribute(reinterpret_cast<PyObject*>(Py_TYPE(object)), as_text("__name__"));
+}
+
+Object as_text(std::string_view text) {
+  return Object::steal(
+      PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
+}
+
+Object interned(const char* text) { return Object::steal(PyUnicode_InternFromString(text)); }
+
+Object appended(PyObject* text, PyObject* end) {
+  return Object::steal(PyUnicode_Concat(text, end));
 }
 
 Object join(const char* separator, PyObject* parts) {
-  return Object::own(PyUnicode_Join(as_text(separator), parts));
+  return Object::steal(calling_python([&] { return PyUnicode_Join(as_text(separator), parts); }));
 }
 
 Object concatenate(const std::vector<Object>& parts) {
-  const Object list = Object::own(PyList_New(static_cast<Py_ssize_t>(parts.size())));
-  for (std::size_t place = 0; place < parts.size(); ++place) {
-    PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(place), Py_NewRef(parts[place].get()));
-  }
+  const Object list = new_list();
+  for (const Object& part : parts) append(list, part);
   return join("", list);
 }
 

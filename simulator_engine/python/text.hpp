@@ -1,9 +1,10 @@
 #pragma once
 
 #include <concepts>
+#include <string_view>
 #include <vector>
 
-#include "python/finalization.hpp"
+#include "python/calling_python.hpp"
 #include "python/object.hpp"
 
 namespace quernbrook::python {
@@ -14,9 +15,14 @@ Object formatted(PyObject* object);
 Object type_name(PyObject* object);
 /// `str(object)`.
 inline Object as_text(PyObject* object) {
-  return Object::own(entered([&] { return PyObject_Str(object); }));
+  return Object::steal(calling_python([&] { return PyObject_Str(object); }));
 }
-inline Object as_text(const char* text) { return Object::own(PyUnicode_FromString(text)); }
+Object as_text(std::string_view text);
+inline Object as_text(const char* text) { return as_text(std::string_view(text)); }
+/// The one object of that text which the names in Python code are, too.
+Object interned(const char* text);
+/// `text + end` of exact texts.
+Object appended(PyObject* text, PyObject* end);
 /// `separator.join(parts)`.
 Object join(const char* separator, PyObject* parts);
 Object concatenate(const std::vector<Object>& parts);
@@ -26,7 +32,7 @@ inline Object message_part(PyObject* value) { return formatted(value); }
 inline Object message_part(const Object& value) { return formatted(value); }
 template <std::signed_integral Number>
 Object message_part(Number value) {
-  return Object::own(PyUnicode_FromFormat("%zd", static_cast<Py_ssize_t>(value)));
+  return Object::steal(PyUnicode_FromFormat("%zd", static_cast<Py_ssize_t>(value)));
 }
 
 /// A text from its parts, left to right; objects appear as formatted() shows them.

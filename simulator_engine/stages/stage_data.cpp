@@ -3,6 +3,9 @@
 #include "host/matrix.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
+#include "python/containers.hpp"
+#include "python/items.hpp"
+#include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::stages {
@@ -13,7 +16,7 @@ using host::Names;
 namespace {
 
 bool is_matrix(const Namespace& space, PyObject* value) {
-  if (!is_instance(value, PyArray_Type)) return false;
+  if (!is_instance(value, array_type())) return false;
   return equal(attribute(value, space.names.ndim), integer(2));
 }
 
@@ -22,19 +25,18 @@ void attach(const Namespace& space, PyObject* graph, PyObject* context) {
   const Object stage_data = attribute(context, names.stage_data);
   if (truth(call_method(stage_data, names.is_empty))) return;
   const Object leaf_names = call(space.global(names.extract_feature_leaf_names), graph);
-  const Object features = Object::own(PySequence_List(attribute(context, names.features)));
+  const Object features = list_of(attribute(context, names.features));
   // Sorted, so that the positions do not hang on the order of the walk.
-  const Object sorted_names = Object::own(PySequence_List(leaf_names));
-  checked(PyList_Sort(sorted_names));
-  for (Py_ssize_t place = 0; place < PyList_GET_SIZE(sorted_names.get()); ++place) {
-    const Object name = Object::share(PyList_GET_ITEM(sorted_names.get(), place));
+  const Object sorted_names = list_of(leaf_names);
+  sort(sorted_names);
+  for (const Object& name : Items(sorted_names)) {
     if (contains(attribute(context, names.feature_index), name)) continue;
     const Object value = call_method(stage_data, names.value, name, Py_None);
     if (!is_matrix(space, value)) continue;
     set_item(attribute(context, names.feature_index), name, integer(length(features)));
-    checked(PyList_Append(features, host::as_contiguous_float64(space, value)));
+    append(features, host::as_contiguous_float64(space, value));
   }
-  set_attribute(context, names.features, Object::own(PyList_AsTuple(features)));
+  set_attribute(context, names.features, tuple_of_list(features));
 }
 
 Object attach_stage_data_feature_leaves(Namespace& space, const CallArguments& arguments) {

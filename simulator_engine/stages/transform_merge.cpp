@@ -3,6 +3,8 @@
 #include "host/graph_caches.hpp"
 #include "host/graph_walk.hpp"
 #include "python/call.hpp"
+#include "python/containers.hpp"
+#include "python/items.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::stages {
@@ -22,7 +24,7 @@ Object merge_transforms(const Namespace& space, PyObject* graph, PyObject* conte
   const Object registry = attribute(context, names.registry);
   Object merged = call(combine, copy, pipeline, metaparameters, registry, context);
   call(space.global(names.invalidate_graph_evaluation_caches), merged);
-  set_attribute(context, names.transform_pipeline, Object::own(PyList_New(0)));
+  set_attribute(context, names.transform_pipeline, new_list());
   return merged;
 }
 
@@ -30,7 +32,7 @@ namespace {
 
 void annotate(const Namespace& space, PyObject* graph, PyObject* root_path) {
   struct Frame {
-    host::ChildIterator children;
+    Items children;
   };
   const Names& names = space.names;
   const auto enter = [&](PyObject* node, const host::WalkPath& path) {
@@ -38,7 +40,7 @@ void annotate(const Namespace& space, PyObject* graph, PyObject* root_path) {
     if (equal(kind, names.rotation) || equal(kind, names.reduction)) {
       host::graph_cache_set(space, node, names._state_identity, path.text());
     }
-    return Frame{host::ChildIterator(host::children_of(space, node))};
+    return Frame{Items(host::children_of(space, node))};
   };
   host::walk_graph(graph, root_path, enter, [](const Frame&, const host::WalkPath&) {});
 }

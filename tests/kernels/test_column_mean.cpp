@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "fast_paths/kernels/column_mean.hpp"
+#include "kernels/column_mean.hpp"
 #include "matrix.hpp"
 
 namespace kernel_tests {

@@ -4,7 +4,7 @@
 #include <numeric>
 #include <optional>
 
-#include "fast_paths/kernels/rank.hpp"
+#include "kernels/rank.hpp"
 #include "matrix.hpp"
 
 namespace kernel_tests {

@@ -1,6 +1,6 @@
 #include <doctest/doctest.h>
 
-#include "fast_paths/kernels/rolling.hpp"
+#include "kernels/rolling.hpp"
 #include "matrix.hpp"
 
 namespace kernel_tests {

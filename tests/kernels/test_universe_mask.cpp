@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "fast_paths/kernels/universe_mask.hpp"
+#include "kernels/universe_mask.hpp"
 #include "matrix.hpp"
 
 namespace kernel_tests {

@@ -112,6 +112,7 @@ def check(arguments: Sequence[str]) -> int:
     steps: dict[str, Callable[[], int]] = {
         "ruff check": lambda: python("-m", "ruff", "check"),
         "ruff format": lambda: python("-m", "ruff", "format", "--check"),
+        "bare C API": lambda: python(str(ROOT / "tools" / "bare_c_api.py")),
         "clang-format": lambda: tool("clang-format", "--dry-run", "--Werror", *cpp_files()),
         "mypy": lambda: python("-m", "mypy"),
         "stubtest": lambda: python("-m", "mypy.stubtest", MODULE),

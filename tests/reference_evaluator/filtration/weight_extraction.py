@@ -12,9 +12,9 @@ def extract_filtration_weights(useful_signals: Any, passing_ids: Any, t: Any) ->
     Returns ndarray of shape (A, N_alloc) with rows ordered by passing_ids.
     """
     t = _int32(t)
-    if not passing_ids:
+    if passing_ids is None or len(passing_ids) == 0:
         N_alloc_c = 0
-        if useful_signals:
+        if useful_signals is not None and len(useful_signals) > 0:
             N_alloc_c = next(iter(useful_signals.values())).weights.shape[1]
         return np.empty((0, N_alloc_c), dtype=np.float64)
 

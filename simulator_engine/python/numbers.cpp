@@ -1,0 +1,49 @@
+#include "python/numbers.hpp"
+
+#include "python/error.hpp"
+
+namespace quernbrook::python {
+
+Py_ssize_t index_value(PyObject* object) {
+  const Py_ssize_t value =
+      calling_python([&] { return PyNumber_AsSsize_t(object, PyExc_OverflowError); });
+  if (value == -1 && PyErr_Occurred() != nullptr) throw ErrorSet{};
+  return value;
+}
+
+Py_ssize_t clamped_index_value(PyObject* object) {
+  const Py_ssize_t value = calling_python([&] { return PyNumber_AsSsize_t(object, nullptr); });
+  if (value == -1 && PyErr_Occurred() != nullptr) throw ErrorSet{};
+  return value;
+}
+
+int int_value(PyObject* object) {
+  const Object number = Object::steal(calling_python([&] { return PyNumber_Index(object); }));
+  int overflow = 0;
+  const long value = PyLong_AsLongAndOverflow(number, &overflow);
+  if (overflow != 0 || value != static_cast<int>(value)) {
+    raise_text(PyExc_OverflowError, "value too large to convert to int");
+  }
+  return static_cast<int>(value);
+}
+
+Py_ssize_t plain_index(PyObject* number) {
+  const Py_ssize_t value = PyLong_AsSsize_t(number);
+  if (value == -1) clear_error();
+  return value;
+}
+
+Object as_integer(PyObject* object) {
+  return Object::steal(calling_python(
+      [&] { return PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyLong_Type), object); }));
+}
+
+double as_double(PyObject* object) {
+  if (is_exact_float(object)) return float_value(object);
+  // The constructor, unlike PyFloat_AsDouble, also reads texts.
+  const Object number = Object::steal(calling_python(
+      [&] { return PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyFloat_Type), object); }));
+  return float_value(number);
+}
+
+}  // namespace quernbrook::python
