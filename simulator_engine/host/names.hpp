@@ -12,6 +12,7 @@
   NAME(_node_identities)                  \
   NAME(_precomputed_node_nan_source)      \
   NAME(_precomputed_node_outputs)         \
+  NAME(_reads_rows_ahead)                 \
   NAME(_skip_evaluation_shape_validation) \
   NAME(_state_identity)                   \
   NAME(aggregation)                       \
@@ -139,21 +140,24 @@
   NAME(window)
 
 // Names that C++ keeps for itself, or whose spelling is no C++ identifier to use.
-#define QUERNBROOK_SPELLED_NAMES(NAME)    \
-  NAME(bool_, "bool")                     \
-  NAME(class_, "__class__")               \
-  NAME(dict_, "__dict__")                 \
-  NAME(default_, "default")               \
-  NAME(float_, "float")                   \
-  NAME(int_, "int")                       \
-  NAME(module_, "__module__")             \
-  NAME(call_, "__call__")                 \
-  NAME(getattr_, "__getattr__")           \
-  NAME(getattribute_, "__getattribute__") \
-  NAME(enter_, "__enter__")               \
-  NAME(exit_, "__exit__")                 \
-  NAME(n_alloc, "N_alloc")                \
-  NAME(a, "A")                            \
+#define QUERNBROOK_SPELLED_NAMES(NAME)                       \
+  NAME(bool_, "bool")                                        \
+  NAME(class_, "__class__")                                  \
+  NAME(dict_, "__dict__")                                    \
+  NAME(default_, "default")                                  \
+  NAME(float_, "float")                                      \
+  NAME(int_, "int")                                          \
+  NAME(module_, "__module__")                                \
+  NAME(call_, "__call__")                                    \
+  NAME(getattr_, "__getattr__")                              \
+  NAME(getattribute_, "__getattribute__")                    \
+  NAME(row_kernel_, "__quernbrook_row_kernel__")             \
+  NAME(row_block_, "__quernbrook_row_block__")               \
+  NAME(reduction_kernel_, "__quernbrook_reduction_kernel__") \
+  NAME(enter_, "__enter__")                                  \
+  NAME(exit_, "__exit__")                                    \
+  NAME(n_alloc, "N_alloc")                                   \
+  NAME(a, "A")                                               \
   NAME(empty, "")
 
 // What runs look up in the module's namespace when they need it.

@@ -3,22 +3,11 @@
 #include <initializer_list>
 
 #include "python/containers.hpp"
-#include "python/dict_insides.hpp"
 #include "python/protocol.hpp"
+#include "python/special_method.hpp"
 
 namespace quernbrook::python {
 namespace {
-
-/// A special method, bound to its object; empty if the type has none.
-Object special_method(PyObject* object, PyObject* name) {
-  PyTypeObject* type = Py_TYPE(object);
-  const Object method = find_on_type(type, name);
-  if (method.empty()) return {};
-  const descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
-  if (bind == nullptr) return method;
-  return Object::steal(
-      calling_python([&] { return bind(method, object, reinterpret_cast<PyObject*>(type)); }));
-}
 
 [[noreturn]] void refuse(PyObject* manager, const char* missing, const char* hint) {
 #if PY_VERSION_HEX >= 0x030B0000

@@ -55,6 +55,13 @@ bool has_plain_attribute(PyTypeObject* type, PyObject* name) {
   return on_type.empty() || Py_TYPE(on_type.get())->tp_descr_get == nullptr;
 }
 
+bool has_plain_item(PyObject* object, PyObject* name) {
+  PyTypeObject* type = Py_TYPE(object);
+  if (type->tp_setattro != PyObject_GenericSetAttr) return false;
+  const Object on_type = find_on_type(type, name);
+  return on_type.empty() || Py_TYPE(on_type.get())->tp_descr_set == nullptr;
+}
+
 Object plain_attribute(PyObject* object, PyObject* name) {
   PyTypeObject* type = Py_TYPE(object);
   if (type->tp_dictoffset <= 0 || !has_plain_attribute(type, name)) return {};

@@ -37,6 +37,9 @@ bool has_ordinary_attribute(PyObject* object, PyObject* name);
 /// class itself has nothing to say about the name.
 bool has_plain_attribute(PyTypeObject* type, PyObject* name);
 
+/// True where setting the attribute is no more than an entry in the object's dictionary.
+bool has_plain_item(PyObject* object, PyObject* name);
+
 /// The attribute where reading it runs no foreign code: as that look finds it among plain texts.
 /// Empty elsewhere and where it is missing.
 Object plain_attribute(PyObject* object, PyObject* name);

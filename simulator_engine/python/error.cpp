@@ -17,7 +17,19 @@ void set_error(PyObject* exception) {
       [&] { PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception)), exception); });
 }
 
-Object take_pending_error() {
+void restore_error(Object exception) {
+#if PY_VERSION_HEX >= 0x030C0000
+  PyErr_SetRaisedException(exception.release());
+#else
+  PyObject* type = Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())));
+  PyObject* traceback = PyException_GetTraceback(exception);
+  PyErr_Restore(type, exception.release(), traceback);
+#endif
+}
+
+}  // namespace
+
+Object take_error() {
 #if PY_VERSION_HEX >= 0x030C0000
   return Object::steal(PyErr_GetRaisedException());
 #else
@@ -35,17 +47,10 @@ Object take_pending_error() {
 #endif
 }
 
-void restore_error(Object exception) {
-#if PY_VERSION_HEX >= 0x030C0000
-  PyErr_SetRaisedException(exception.release());
-#else
-  PyObject* type = Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())));
-  PyObject* traceback = PyException_GetTraceback(exception);
-  PyErr_Restore(type, exception.release(), traceback);
-#endif
+void raise_taken(Object exception) {
+  restore_error(std::move(exception));
+  throw ErrorSet{};
 }
-
-}  // namespace
 
 void raise(PyObject* type, const Object& message) { raise_object(call(type, message.get())); }
 
@@ -95,7 +100,7 @@ HandledException exchange_handled(HandledException next) {
 
 }  // namespace
 
-Handling::Handling() : value_(take_pending_error()) {
+Handling::Handling() : value_(take_error()) {
 #if PY_VERSION_HEX >= 0x030B0000
   outer_ = exchange_handled({nullptr, Py_NewRef(value_.get()), nullptr});
 #else
@@ -111,9 +116,6 @@ Handling::~Handling() {
   }
 }
 
-void Handling::raise_again() {
-  restore_error(value_);
-  throw ErrorSet{};
-}
+void Handling::raise_again() { raise_taken(value_); }
 
 }  // namespace quernbrook::python

@@ -32,6 +32,10 @@ inline bool error_matches(PyObject* type) { return PyErr_ExceptionMatches(type) 
 inline bool exception_matches(PyObject* exception, PyObject* type) {
   return PyErr_GivenExceptionMatches(exception, type) != 0;
 }
+/// Takes the pending error, to be raised later.
+Object take_error();
+/// Raises what take_error() took, unchanged.
+[[noreturn]] void raise_taken(Object exception);
 /// Drops the pending error.
 inline void clear_error() {
   calling_python([] { PyErr_Clear(); });

@@ -33,6 +33,12 @@ Py_ssize_t plain_index(PyObject* number) {
   return value;
 }
 
+bool small_integer(PyObject* number, double& value) {
+  int overflow = 0;
+  value = static_cast<double>(PyLong_AsLongLongAndOverflow(number, &overflow));
+  return overflow == 0;
+}
+
 Object as_integer(PyObject* object) {
   return Object::steal(calling_python(
       [&] { return PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyLong_Type), object); }));

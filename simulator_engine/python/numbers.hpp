@@ -21,6 +21,9 @@ int int_value(PyObject* object);
 /// The value of an exact int; -1 where it doesn't fit.
 Py_ssize_t plain_index(PyObject* number);
 
+/// The value of an exact int as a double; false for one beyond 64 bits.
+bool small_integer(PyObject* number, double& value);
+
 /// `int(object)`.
 Object as_integer(PyObject* object);
 /// `float(object)`.

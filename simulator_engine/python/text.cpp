@@ -19,6 +19,12 @@ Object as_text(std::string_view text) {
       PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
 }
 
+Object decoded(std::string_view bytes) {
+  return Object::steal(calling_python([&] {
+    return PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "replace");
+  }));
+}
+
 Object interned(const char* text) { return Object::steal(PyUnicode_InternFromString(text)); }
 
 Object appended(PyObject* text, PyObject* end) {

@@ -19,6 +19,8 @@ inline Object as_text(PyObject* object) {
 }
 Object as_text(std::string_view text);
 inline Object as_text(const char* text) { return as_text(std::string_view(text)); }
+/// UTF-8 from elsewhere: what isn't is replaced.
+Object decoded(std::string_view bytes);
 /// The one object of that text which the names in Python code are, too.
 Object interned(const char* text);
 /// `text + end` of exact texts.

@@ -11,27 +11,15 @@
 namespace quernbrook::evaluation {
 
 using namespace python;
-using graph_prep::Node;
 using graph_prep::NodeIndex;
 using graph_prep::NodeKind;
 
-namespace {
-
-bool is_all_nan(const Registers& registers, NodeIndex node) {
-  const double* values = registers.row(node);
-  return std::all_of(values, values + registers.columns(),
-                     [](double value) { return std::isnan(value); });
-}
-
-}  // namespace
-
 void DataNan::seed(const Run& run) {
-  source_ = new_dict();
-  is_marked_.assign(run.table.nodes.size(), 0);
+  marked_from_.assign(run.table.nodes.size(), never);
   const Object features = truth(run.data_nan_features) ? set_of(run.data_nan_features) : new_set();
   if (set_size(features) > 0) {
     for (const NodeIndex leaf : run.table.leaves) {
-      if (contains(features, run.table.nodes[leaf].value)) mark(run, leaf);
+      if (contains(features, run.table.nodes[leaf].value)) mark(leaf, from_the_start);
     }
   }
   const bool has_no_marks =
@@ -40,32 +28,48 @@ void DataNan::seed(const Run& run) {
     const Object& id = run.table.nodes[index].canonical_id;
     if (id.is_none() || (has_no_marks && is_exact_text(id))) continue;
     const Object tag = call_method(run.precomputed_nan_source, run.space.names.get, id);
-    if (equal(tag, run.space.names.data_nan)) mark(run, index);
+    if (equal(tag, run.space.names.data_nan)) mark(index, from_the_start);
   }
-  tracks_ = dict_size(source_) > 0;
+  tracks_ = !marked_.empty();
 }
 
-void DataNan::mark(const Run& run, NodeIndex node) {
-  set_dict_item(source_, run.table.path(run.space, node), run.space.names.data_nan);
-  is_marked_[node] = 1;
+void DataNan::mark(NodeIndex node, npy_intp row) {
+  if (marked_from_[node] != never) return;
+  marked_from_[node] = row;
+  marked_.push_back(node);
 }
 
-Object DataNan::climb(const Run& run, const Registers& registers, NodeIndex index,
-                      const Object& result) {
-  bool all_nan = true;
-  bool any_marked = false;
-  bool any_output = false;
+/// The children whose outputs count.
+std::span<const NodeIndex> DataNan::outputs_below(const Run& run, NodeIndex index) {
+  outputs_below_.clear();
   for (const NodeIndex child : run.table.children_of(run.table.nodes[index])) {
-    const Node& node = run.table.nodes[child];
-    if (graph_prep::is_kind(run.space, node, NodeKind::filtration)) continue;
-    any_output = true;
-    any_marked |= is_marked_[child] != 0;
-    all_nan = all_nan && is_all_nan(registers, child);
+    if (!graph_prep::is_kind(run.space, run.table.nodes[child], NodeKind::filtration)) {
+      outputs_below_.push_back(child);
+    }
   }
-  if (!all_nan || !any_marked || !any_output) return result;
-  if (is_marked_[index] == 0) mark(run, index);
-  if (missing_row_.empty()) missing_row_ = nan_row(run);
-  return missing_row_;
+  return outputs_below_;
+}
+
+bool DataNan::is_all_nan(const double* cells, npy_intp columns) noexcept {
+  return std::all_of(cells, cells + columns, [](double value) { return std::isnan(value); });
+}
+
+Object DataNan::source(const Run& run) const {
+  Object source = new_dict();
+  if (marked_.empty()) return source;
+  std::vector<std::size_t> position(run.table.nodes.size());
+  for (std::size_t place = 0; place < run.order.size(); ++place) position[run.order[place]] = place;
+  // Strips go from node to node first; within a row, nodes are marked in the order of execution.
+  std::vector<NodeIndex> in_order = marked_;
+  std::ranges::stable_sort(in_order, [&](NodeIndex left, NodeIndex right) {
+    const npy_intp row = marked_from_[left];
+    if (row != marked_from_[right]) return row < marked_from_[right];
+    return row != from_the_start && position[left] < position[right];
+  });
+  for (const NodeIndex node : in_order) {
+    set_dict_item(source, run.table.path(run.space, node), run.space.names.data_nan);
+  }
+  return source;
 }
 
 }  // namespace quernbrook::evaluation

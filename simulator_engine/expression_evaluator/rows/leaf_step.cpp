@@ -38,7 +38,7 @@ bool LeafStep::run_quickly(NodeIndex node, npy_intp row) const {
   if (feature.empty() || !readable(feature, source)) return false;
   if (!universe.is_none() && !readable(universe, mask)) return false;
   double* target = registers_.row(node);
-  if (run_.data_nan.is_marked(node)) {  // the mask's own value, so that it changes nothing
+  if (run_.data_nan.is_marked(node, row)) {  // the mask's own value, so that it changes nothing
     std::fill_n(target, run_.columns, std::numeric_limits<double>::quiet_NaN());
   } else if (universe.is_none()) {
     kernels::copy_row(source, target);
@@ -55,7 +55,7 @@ Object LeafStep::row_values(NodeIndex index, npy_intp row) const {
   const Object key = row_key(row);
   const auto universe = [&] { return attribute(run_.context, run_.space.names.universe); };
   // Missing data gives a row of NaNs whatever the matrix holds.
-  const bool is_marked = run_.data_nan.is_marked(index);
+  const bool is_marked = run_.data_nan.is_marked(index, row);
   const bool is_bare = universe().is_none() && !is_marked;
   const Object source = item(item(run_.features, node.feature_index), key);
   if (is_bare) return source;

@@ -4,7 +4,9 @@
 #include "expression_evaluator/rows/function_output.hpp"
 #include "expression_evaluator/signals/signal_pnl.hpp"
 #include "expression_evaluator/signals/signal_pool.hpp"
+#include "python/array.hpp"
 #include "python/call.hpp"
+#include "python/error.hpp"
 #include "python/protocol.hpp"
 
 namespace quernbrook::evaluation {
@@ -13,8 +15,8 @@ using namespace python;
 using graph_prep::Node;
 using graph_prep::NodeIndex;
 
-ReductionStep::ReductionStep(Run& run, const Registers& registers)
-    : run_(run), registers_(registers), buffer_(run) {}
+ReductionStep::ReductionStep(Run& run, const Registers& registers, const RowFunctions& functions)
+    : run_(run), registers_(registers), functions_(functions), buffer_(run) {}
 
 void ReductionStep::run_filtration(NodeIndex node, npy_intp row) {
   const Object result = filtration_result(run_, node);
@@ -33,12 +35,25 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   if (node.instance.empty()) raise_missing_path(run_, index);
   const Object pnl = pnl_of(node, passing_ids, count, row);
   Object output;
+  int failed = 0;
+  quernbrook_failure failure{};
   try {
-    output = reduce(node, input, pnl);
+    if (!is_stateful(node)) {
+      // Stateless reductions never reach their instance: they are the mean of the signals.
+      output = buffer_.mean(input);
+    } else if (takes_block(index, input, count)) {
+      const ReductionKernel& kernel = functions_.of(index).reduction;
+      failed = kernel->run(kernel->state, doubles(input), count, run_.columns,
+                           pnl.empty() ? nullptr : doubles(pnl), registers_.row(index), &failure);
+    } else {
+      output = pnl.empty() ? call(node.instance, input)
+                           : call_named(node.instance, run_.space.signal_pnl_keyword, input, pnl);
+    }
   } catch (const ErrorSet&) {
     raise_function_failure(run_, index, row);
   }
-  output = run_.data_nan.propagate(run_, registers_, index, output);
+  if (failed != 0) raise_kernel_failure(run_, index, failure, row, 1);
+  if (output.empty()) return settle_output(run_, registers_, index, row);
   store_output(run_, registers_, index, output, row);
 }
 
@@ -67,11 +82,10 @@ Object ReductionStep::pnl_of(const Node& node, PyObject* passing_ids, Py_ssize_t
   return signal_pnl(run_, passing_ids, count, column, row);
 }
 
-/// Stateless reductions never reach their instance: they are the mean of the signals.
-Object ReductionStep::reduce(const Node& node, PyObject* input, PyObject* pnl) {
-  if (!is_stateful(node)) return buffer_.mean(input);
-  if (pnl == nullptr) return call(node.instance, input);
-  return call_named(node.instance, run_.space.signal_pnl_keyword, input, pnl);
+/// Whether the node has a kernel and the rows lie as it takes them.
+bool ReductionStep::takes_block(NodeIndex index, PyObject* rows, Py_ssize_t count) const {
+  return !functions_.of(index).reduction.empty() && is_contiguous_double_array(rows) &&
+         dimensions(rows) == 2 && dimension(rows, 0) == count && dimension(rows, 1) == run_.columns;
 }
 
 }  // namespace quernbrook::evaluation

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "expression_evaluator/rows/registers.hpp"
+#include "expression_evaluator/rows/row_function.hpp"
 #include "expression_evaluator/run/run_state.hpp"
 #include "expression_evaluator/signals/extraction_buffer.hpp"
 
@@ -10,7 +11,7 @@ namespace quernbrook::evaluation {
 /// into the extraction buffer, the other makes one row of them.
 class ReductionStep {
  public:
-  ReductionStep(Run& run, const Registers& registers);
+  ReductionStep(Run& run, const Registers& registers, const RowFunctions& functions);
 
   void run_filtration(graph_prep::NodeIndex node, npy_intp row);
   void run_reduction(graph_prep::NodeIndex node, npy_intp row);
@@ -20,10 +21,11 @@ class ReductionStep {
   bool is_stateful(const graph_prep::Node& node) const;
   Object pnl_of(const graph_prep::Node& node, PyObject* passing_ids, Py_ssize_t count,
                 npy_intp row) const;
-  Object reduce(const graph_prep::Node& node, PyObject* input, PyObject* pnl);
+  bool takes_block(graph_prep::NodeIndex node, PyObject* rows, Py_ssize_t count) const;
 
   Run& run_;
   const Registers& registers_;
+  const RowFunctions& functions_;
   ExtractionBuffer buffer_;
 };
 

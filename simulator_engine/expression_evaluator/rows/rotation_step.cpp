@@ -1,5 +1,7 @@
 #include "expression_evaluator/rows/rotation_step.hpp"
 
+#include <algorithm>
+
 #include "expression_evaluator/rows/function_output.hpp"
 #include "python/call.hpp"
 #include "python/containers.hpp"
@@ -13,9 +15,10 @@ using graph_prep::Node;
 using graph_prep::NodeIndex;
 using graph_prep::NodeKind;
 
-RotationStep::RotationStep(Run& run, const Registers& registers)
+RotationStep::RotationStep(Run& run, const Registers& registers, const RowFunctions& functions)
     : run_(run),
       registers_(registers),
+      functions_(functions),
       plans_(run.table.nodes.size()),
       arguments_(run.table.children.size()) {
   std::size_t most_children = 0;
@@ -31,6 +34,7 @@ RotationStep::RotationStep(Run& run, const Registers& registers)
   }
   copies_.resize(most_children);
   stack_.resize(most_children + 3);
+  rows_.resize(most_children);
 }
 
 void RotationStep::run(NodeIndex index, npy_intp row) {
@@ -45,12 +49,57 @@ void RotationStep::run(NodeIndex index, npy_intp row) {
     plan.in_bound_run = bound;
     choose_arguments(node, plan);
   }
+  if (const RowKernel& kernel = functions_.of(index).kernel; !kernel.empty()) {
+    run_kernel(index, *kernel, plan, row);
+    settle_output(run_, registers_, index, row);
+    return;
+  }
   const Object result = call_instance(node, plan);
   if (result.empty()) raise_function_failure(run_, index, row);
   // After the last row they would only take memory from the next nodes' arguments.
   if (row + 1 == run_.rows) release_arguments(node, plan);
-  const Object output = run_.data_nan.propagate(run_, registers_, index, result);
-  store_output(run_, registers_, index, output, row);
+  store_output(run_, registers_, index, result, row);
+}
+
+/// Has the kernel compute the row where the node's register lies.
+void RotationStep::run_kernel(NodeIndex index, const quernbrook_row_kernel& kernel,
+                              const CallPlan& plan, npy_intp row) {
+  const Node& node = run_.table.nodes[index];
+  for (std::size_t place = 0; place < plan.argument_count; ++place) {
+    rows_[place] = {registers_.row(arguments_[node.first_child + place].source), 0};
+  }
+  quernbrook_failure failure{};
+  const int status = kernel.run(kernel.state, rows_.data(), plan.argument_count, 1, run_.columns,
+                                registers_.row(index), &failure);
+  if (status != 0) raise_kernel_failure(run_, index, failure, row, 1);
+}
+
+std::vector<NodeIndex> RotationStep::argument_sources(NodeIndex index) {
+  const Node& node = run_.table.nodes[index];
+  CallPlan& plan = plans_[index];
+  plan.with_config = takes_config_children(node, plan);
+  plan.in_bound_run = run_is_bound();
+  choose_arguments(node, plan);
+  std::vector<NodeIndex> sources;
+  for (std::size_t place = 0; place < plan.argument_count; ++place) {
+    sources.push_back(arguments_[node.first_child + place].source);
+  }
+  return sources;
+}
+
+Object RotationStep::call_with(NodeIndex index, std::span<const Object> rows) {
+  const Node& node = run_.table.nodes[index];
+  const CallTarget target(node.instance, run_.space.names.call_);
+  PyObject** arguments = stack_.data() + CallTarget::free_places;
+  std::ranges::copy(rows, arguments);
+  return target.call(arguments, rows.size(), keywords_of(node, arguments + rows.size()));
+}
+
+/// The names of the call's last arguments; registry instances are given the context.
+PyObject* RotationStep::keywords_of(const Node& node, PyObject** next) const {
+  if (node.is_bound) return nullptr;
+  *next = run_.context;
+  return run_.space.context_keyword;
 }
 
 /// The truth of the caller's mapping, which functions can change while the run goes on.
@@ -110,12 +159,7 @@ Object RotationStep::call_instance(const Node& node, const CallPlan& plan) {
     arguments[count] = plan.in_bound_run ? argument(count).view(registers_, source)
                                          : argument(count).copy(registers_, source);
   }
-  PyObject* names = nullptr;
-  if (!node.is_bound) {
-    arguments[count] = run_.context;
-    names = run_.space.context_keyword;
-  }
-  Object result = target.call(arguments, count, names);
+  Object result = target.call(arguments, count, keywords_of(node, arguments + count));
   for (std::size_t place = 0; place < count; ++place) argument(place).end_call(result);
   return result;
 }

@@ -1,5 +1,6 @@
 #include "expression_evaluator/rows/row_loop.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "expression_evaluator/rows/leaf_step.hpp"
@@ -8,6 +9,9 @@
 #include "expression_evaluator/rows/reduction_step.hpp"
 #include "expression_evaluator/rows/registers.hpp"
 #include "expression_evaluator/rows/rotation_step.hpp"
+#include "expression_evaluator/rows/row_function.hpp"
+#include "expression_evaluator/rows/strip_plan.hpp"
+#include "expression_evaluator/rows/strips.hpp"
 #include "python/array.hpp"
 #include "python/error.hpp"
 #include "python/gil.hpp"
@@ -28,23 +32,83 @@ class RowLoop {
   explicit RowLoop(Run& run)
       : run_(run),
         registers_(run.registers),
+        functions_(run),
         leaves_(run, registers_),
         literals_(run, registers_),
         precomputed_(run, registers_),
-        reductions_(run, registers_),
-        rotations_(run, registers_) {}
+        reductions_(run, registers_, functions_),
+        rotations_(run, registers_, functions_) {}
 
   void run_all() {
-    for (npy_intp row = 0; row < run_.rows; ++row) {
-      check_signals();
-      turns_.offer();
-      set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
+    npy_intp row = functions_.any() && is_plain_context() ? run_strips() : 0;
+    first_single_row_ = row;
+    for (; row < run_.rows; ++row) {
+      begin_row(row);
       for (const NodeIndex node : run_.order) run_node(node, row);
-      copy_outputs(row);
+      copy_outputs(row, [](NodeIndex) { return true; });
     }
   }
 
  private:
+  /// Nobody can tell whether the context's row number goes up one by one.
+  bool is_plain_context() const {
+    return has_plain_item(run_.context, run_.space.names.current_day_index) &&
+           has_plain_attribute(type_of(run_.context), run_.space.names.universe);
+  }
+
+  void set_day(npy_intp row) {
+    set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
+  }
+
+  void begin_row(npy_intp row) {
+    check_signals();
+    turns_.offer();
+    set_day(row);
+  }
+
+  /// Runs as many rows as can go in strips; the next row.
+  npy_intp run_strips() {
+    const StripPlan plan(run_, functions_, rotations_);
+    if (plan.steps().empty()) return 0;
+    const host::Names& names = run_.space.names;
+    const bool may_read_ahead =
+        plan.is_whole() || truth(attribute_or(run_.context, names._reads_rows_ahead, Py_False));
+    if (!may_read_ahead) return 0;
+    Strips strips(run_, registers_, rotations_, functions_, plan);
+    npy_intp row = 0;
+    while (row < run_.rows && strips.bind()) {
+      const npy_intp count = std::min(plan.rows_at_once(), run_.rows - row);
+      check_signals();
+      turns_.offer();
+      strips.compute(row, count);
+      if (plan.is_whole()) {
+        set_day(strips.has_failed() ? strips.failed_row() : row + count - 1);
+        if (strips.has_failed()) strips.raise_failure();
+      } else {
+        for (npy_intp offset = 0; offset < count; ++offset) run_rest(plan, strips, row + offset);
+      }
+      row += count;
+    }
+    return row;
+  }
+
+  /// A row of the nodes that are no part of strips, which are a strip ahead of it.
+  void run_rest(const StripPlan& plan, Strips& strips, npy_intp row) {
+    begin_row(row);
+    auto top = plan.tops().begin();
+    for (const NodeIndex node : run_.order) {
+      const bool fails_here = strips.has_failed() && strips.failed_row() == row;
+      if (fails_here && strips.failed_node() == node) strips.raise_failure();
+      if (!plan.is_ahead(node)) {
+        run_node(node, row);
+      } else if (top != plan.tops().end() && *top == node) {
+        std::copy_n(strips.row_of(node, row), run_.columns, registers_.row(node));
+        ++top;
+      }
+    }
+    copy_outputs(row, [&](NodeIndex node) { return !plan.is_ahead(node); });
+  }
+
   void run_node(NodeIndex index, npy_intp row) {
     const Node& node = run_.table.nodes[index];
     if (precomputed_.run(index, row)) return;
@@ -60,7 +124,7 @@ class RowLoop {
       case NodeKind::int_literal:
       case NodeKind::string_literal:
       case NodeKind::bool_literal:
-        literals_.run(index, kind, row);
+        literals_.run(index, kind, row - first_single_row_);
         break;
       case NodeKind::filtration:
         reductions_.run_filtration(index, row);
@@ -76,10 +140,13 @@ class RowLoop {
     }
   }
 
-  void copy_outputs(npy_intp row) {
-    copy_register(run_.table.root, run_.weights, row);
+  /// Copies the registers of the nodes that are chosen.
+  template <class Chosen>
+  void copy_outputs(npy_intp row, Chosen&& is_chosen) {
+    const NodeIndex root = run_.table.root;
+    if (is_chosen(root)) copy_register(root, run_.weights, row);
     for (NodeIndex node = 0; node < run_.node_outputs.size(); ++node) {
-      copy_register(node, run_.node_outputs[node], row);
+      if (is_chosen(node)) copy_register(node, run_.node_outputs[node], row);
     }
   }
 
@@ -89,12 +156,14 @@ class RowLoop {
 
   Run& run_;
   Registers registers_;
+  RowFunctions functions_;
   LeafStep leaves_;
   LiteralStep literals_;
   PrecomputedStep precomputed_;
   ReductionStep reductions_;
   RotationStep rotations_;
   Turns turns_;
+  npy_intp first_single_row_ = 0;  // of those that go row by row
 };
 
 }  // namespace

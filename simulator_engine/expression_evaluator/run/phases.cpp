@@ -247,7 +247,7 @@ Object node_outputs_by_path(Run& run) {
 Object make_result(Run& run) {
   const Object outputs = node_outputs_by_path(run);
   return call_named(run.space.global(run.space.names.EvaluationResult), run.space.result_keywords,
-                    run.weights, run.states, run.data_nan.source(), outputs);
+                    run.weights, run.states, run.data_nan.source(run), outputs);
 }
 
 }  // namespace
