@@ -28,6 +28,11 @@ inline bool is_plain_value(PyObject* object) {
   return is_exact_text(object) || is_exact_int(object) || is_exact_float(object) || is_bool(object);
 }
 
+/// `hash(text)` of an exact text.
+inline std::size_t text_hash(PyObject* text) {
+  return static_cast<std::size_t>(PyObject_Hash(text));
+}
+
 /// The number of an exact float.
 inline double float_value(PyObject* number) { return PyFloat_AS_DOUBLE(number); }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "expression_evaluator/rows/equal_nodes.hpp"
 #include "expression_evaluator/rows/leaf_step.hpp"
 #include "python/array.hpp"
 #include "python/containers.hpp"
@@ -54,13 +55,18 @@ bool plain_number(const Node& node, double& number) {
 
 }  // namespace
 
-StripPlan::StripPlan(const Run& run, const RowFunctions& functions, RotationStep& rotations)
-    : is_ahead_(run.table.nodes.size()), is_refused_(run.table.nodes.size()) {
+StripPlan::StripPlan(Run& run, const RowFunctions& functions, RotationStep& rotations)
+    : computed_as_(run.table.nodes.size(), graph_prep::no_node),
+      is_refused_(run.table.nodes.size()) {
   if (!functions.any() || !find_parents(run)) return;
   refuse_shared_states(run, functions);
   has_universe_ = !attribute(run.context, run.space.names.universe).is_none();
   for (const NodeIndex node : run.order) add(run, functions, rotations, node);
-  is_whole_ = steps_.size() == run.order.size();
+  is_whole_ = std::ranges::none_of(
+      run.order, [this](NodeIndex node) { return computed_as_[node] == graph_prep::no_node; });
+  // Outputs and marks are each node's own.
+  if (is_whole_ && run.node_outputs.empty() && !run.data_nan.tracks()) join_equal(run, functions);
+  find_tops();
   assign_buffers(run);
 }
 
@@ -96,9 +102,9 @@ void StripPlan::refuse_shared_states(const Run& run, const RowFunctions& functio
 void StripPlan::add(const Run& run, const RowFunctions& functions, RotationStep& rotations,
                     NodeIndex index) {
   const Node& node = run.table.nodes[index];
-  const auto is_ahead = [this](NodeIndex child) { return is_ahead_[child] != 0; };
   if (may_be_precomputed(run, node) || is_refused_[index] != 0 ||
-      !std::ranges::all_of(run.table.children_of(node), is_ahead)) {
+      !std::ranges::all_of(run.table.children_of(node),
+                           [this](NodeIndex child) { return is_ahead(child); })) {
     return;
   }
   StripStep step{.node = index, .kind = StripStep::Kind::constant};
@@ -116,8 +122,32 @@ void StripPlan::add(const Run& run, const RowFunctions& functions, RotationStep&
   } else if (!plain_number(node, step.constant)) {
     return;
   }
-  is_ahead_[index] = 1;
+  computed_as_[index] = index;
   steps_.push_back(step);
+}
+
+/// Leaves out steps that compute what an earlier one does.
+void StripPlan::join_equal(Run& run, const RowFunctions& functions) {
+  EqualNodes equal_nodes(run, functions);
+  std::erase_if(steps_, [&](const StripStep& step) {
+    const std::span sources = std::span(sources_).subspan(step.first_source, step.source_count);
+    for (NodeIndex& source : sources) source = computed_as_[source];
+    // The root has rows of its own to fill.
+    if (step.node == run.table.root) return false;
+    const NodeIndex first = equal_nodes.find(step, sources);
+    computed_as_[step.node] = first;
+    if (first == step.node) return false;
+    // Whoever asks for the state of either asks the one that was run.
+    run.table.nodes[step.node].instance = run.table.nodes[first].instance;
+    return true;
+  });
+}
+
+void StripPlan::find_tops() {
+  for (const StripStep& step : steps_) {
+    const NodeIndex parent = parents_[step.node];
+    if (parent == graph_prep::no_node || !is_ahead(parent)) tops_.push_back(step.node);
+  }
 }
 
 bool StripPlan::needs_buffer(const Run& run, const StripStep& step) const {
@@ -130,23 +160,35 @@ bool StripPlan::needs_buffer(const Run& run, const StripStep& step) const {
 }
 
 void StripPlan::assign_buffers(const Run& run) {
+  // How many reads of a node's rows are still to come. Marks are read off all children.
+  std::vector<std::uint32_t> reads(run.table.nodes.size());
+  const auto each_read = [&](const StripStep& step, auto&& visit) {
+    for (const NodeIndex source : sources(step)) visit(source);
+    if (run.data_nan.tracks()) {
+      for (const NodeIndex child : run.table.children_of(run.table.nodes[step.node])) visit(child);
+    }
+  };
+  for (const StripStep& step : steps_) {
+    each_read(step, [&](NodeIndex source) { ++reads[source]; });
+  }
+  for (const NodeIndex top : tops_) ++reads[top];
+
   std::vector<std::uint32_t> free;
   std::vector<std::uint32_t> buffer_of(run.table.nodes.size(), StripStep::no_buffer);
+  const auto let_go = [&](NodeIndex node) {
+    if (buffer_of[node] != StripStep::no_buffer) free.push_back(buffer_of[node]);
+  };
   for (StripStep& step : steps_) {
-    const Node& node = run.table.nodes[step.node];
     if (run.node_outputs.empty() && step.node != run.table.root && needs_buffer(run, step)) {
       if (free.empty()) free.push_back(static_cast<std::uint32_t>(buffer_count_++));
       step.buffer = buffer_of[step.node] = free.back();
       free.pop_back();
     }
     // The result must not overlap the arguments, so that theirs are free only from here on.
-    for (const NodeIndex child : run.table.children_of(node)) {
-      if (buffer_of[child] != StripStep::no_buffer) free.push_back(buffer_of[child]);
-    }
-  }
-  for (const StripStep& step : steps_) {
-    const NodeIndex parent = parents_[step.node];
-    if (parent == graph_prep::no_node || !is_ahead(parent)) tops_.push_back(step.node);
+    each_read(step, [&](NodeIndex source) {
+      if (--reads[source] == 0) let_go(source);
+    });
+    if (reads[step.node] == 0) let_go(step.node);
   }
   const npy_intp cells = run.columns * static_cast<npy_intp>(buffer_count_ + 1);
   rows_at_once_ = std::clamp(cells_at_once / std::max<npy_intp>(cells, 1), npy_intp{1},

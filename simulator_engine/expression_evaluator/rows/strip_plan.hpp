@@ -28,19 +28,26 @@ struct StripStep {
 /// Which nodes of a run can be computed a strip of rows at a time, and where their rows lie.
 ///
 /// Such nodes are leaves of plain matrices, plain literals, and functions that opted in, above
-/// nothing but such nodes. In post-order no more buffers are live than the tree is deep (an operand
+/// nothing but such nodes. Equal ones are computed once. A buffer is used again as soon as the last
+/// node that reads it is done: in post-order no more are live than the tree is deep (an operand
 /// tree's register number: Sethi and Ullman, "The Generation of Optimal Code for Arithmetic
-/// Expressions", 1970).
+/// Expressions", 1970), and one for each part that several share.
 class StripPlan {
  public:
-  StripPlan(const Run& run, const RowFunctions& functions, RotationStep& rotations);
+  /// Gives nodes that are computed once for several the instance that computes them.
+  StripPlan(Run& run, const RowFunctions& functions, RotationStep& rotations);
 
   std::span<const StripStep> steps() const noexcept { return steps_; }
+  /// The nodes whose rows the step's arguments are.
   std::span<const graph_prep::NodeIndex> sources(const StripStep& step) const {
     return std::span(sources_).subspan(step.first_source, step.source_count);
   }
   std::size_t buffer_count() const noexcept { return buffer_count_; }
-  bool is_ahead(graph_prep::NodeIndex node) const { return is_ahead_[node] != 0; }
+  bool is_ahead(graph_prep::NodeIndex node) const {
+    return computed_as_[node] != graph_prep::no_node;
+  }
+  /// The node whose rows are this one's, too: itself unless an equal one stands before it.
+  graph_prep::NodeIndex computed_as(graph_prep::NodeIndex node) const { return computed_as_[node]; }
   /// The nodes whose rows others than strips read: their parents are no part of any.
   std::span<const graph_prep::NodeIndex> tops() const noexcept { return tops_; }
   /// True where every node of the run is part of the strips.
@@ -49,22 +56,24 @@ class StripPlan {
   npy_intp rows_at_once() const noexcept { return rows_at_once_; }
 
  private:
+  bool find_parents(const Run& run);
+  void refuse_shared_states(const Run& run, const RowFunctions& functions);
   void add(const Run& run, const RowFunctions& functions, RotationStep& rotations,
            graph_prep::NodeIndex node);
-  bool find_parents(const Run& run);
+  void join_equal(Run& run, const RowFunctions& functions);
+  void find_tops();
   bool needs_buffer(const Run& run, const StripStep& step) const;
-  void refuse_shared_states(const Run& run, const RowFunctions& functions);
   void assign_buffers(const Run& run);
 
   std::vector<StripStep> steps_;
   std::vector<graph_prep::NodeIndex> sources_;
-  std::vector<std::uint8_t> is_ahead_;          // by node
-  std::vector<std::uint8_t> is_refused_;        // by node: functions whose states others share
-  std::vector<graph_prep::NodeIndex> parents_;  // by node
+  std::vector<graph_prep::NodeIndex> parents_;      // by node
+  std::vector<graph_prep::NodeIndex> computed_as_;  // by node
+  std::vector<std::uint8_t> is_refused_;            // by node: functions whose states others share
   std::vector<graph_prep::NodeIndex> tops_;
-  bool has_universe_ = false;
   std::size_t buffer_count_ = 0;
   npy_intp rows_at_once_ = 1;
+  bool has_universe_ = false;
   bool is_whole_ = false;
 };
 

@@ -115,10 +115,21 @@ void Strips::compute(npy_intp first, npy_intp count) {
     }
   }
   without_gil_.reset();
+  if (first + count == run_.rows) keep_joined_rows(registers);
   const NodeIndex root = run_.table.root;
   if (plan_.is_ahead(root) && !run_.node_outputs.empty()) {
     std::copy_n(row_of(root, first), count * run_.columns,
                 doubles(run_.weights) + first * run_.columns);
+  }
+}
+
+/// The nodes that had no step of their own end with the rows of those that stood for them.
+void Strips::keep_joined_rows(double* registers) const {
+  for (const NodeIndex node : run_.order) {
+    const NodeIndex first = plan_.computed_as(node);
+    if (first == graph_prep::no_node || first == node) continue;
+    const auto columns = static_cast<std::size_t>(run_.columns);
+    std::copy_n(registers + first * columns, columns, registers + node * columns);
   }
 }
 

@@ -46,6 +46,7 @@ class Strips {
   void run_rows(const StripStep& step, npy_intp& count, double* target);
   Object block_of(graph_prep::NodeIndex source, npy_intp count) const;
   void let_marks_climb(const StripStep& step, npy_intp count, double* target);
+  void keep_joined_rows(double* registers) const;
   template <class Failing>
   void remember(const StripStep& step, npy_intp row, Failing&& failing);
 

@@ -60,6 +60,10 @@ typedef struct {
 /* Results of a row depend on the arguments of that row alone: the kernel keeps no state. */
 #define QUERNBROOK_STATELESS UINT64_C(1)
 
+/* What fresh instances compute depends on their function's name, configuration and rows alone: where
+ * a graph has two with equal ones, the evaluator may have one instance stand for both. */
+#define QUERNBROOK_SHAREABLE UINT64_C(2)
+
 /* A rotation.
  *
  * `run` computes `row_count` rows, at least one, of `column_count` doubles from `argument_count`
