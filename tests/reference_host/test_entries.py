@@ -94,8 +94,7 @@ def test_parameter_with_a_default_of_its_type() -> None:
         ),
         (
             {"param_schema": {1: Parameter("float")}},
-            "Function 'clip': param_schema must be a dict of name to Parameter; "
-            "got the name 1",
+            "Function 'clip': param_schema must be a dict of name to Parameter; got the name 1",
         ),
     ],
 )

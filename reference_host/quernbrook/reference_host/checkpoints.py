@@ -46,7 +46,9 @@ class CheckpointError(Exception):
 def save(path: str | os.PathLike[str], states: Mapping[str, Any]) -> None:
     """Write `states`, as an evaluation returned them, in place of whatever `path` held.
 
-    A state is an object with ``name`` and ``state_data``, or a dict of its data. A reader, or a machine back from a power cut, finds either the old file or the new one, whole.
+    A state is an object with ``name`` and ``state_data``, or a dict of its data.
+
+    A reader, or a machine back from a power cut, finds either the old file or the new one, whole.
     A process that is killed meanwhile may leave a hidden file beside it, ``.NAME.`` and 16 digits,
     which nobody reads.
 

@@ -144,7 +144,9 @@ class FunctionEntry:
                 signature.bind(**self.param_schema)
         except TypeError as error:
             parameters = ", ".join(self.param_schema) or "none"
-            text = f"{name_of(self.build)} can't be made from its parameters ({parameters}): {error}"
+            text = (
+                f"{name_of(self.build)} can't be made from its parameters ({parameters}): {error}"
+            )
             raise self._refusal(text) from None
         if self.stateful and isinstance(self.build, type):
             for method, usage in _STATEFUL_METHODS.items():
