@@ -83,8 +83,8 @@ def bind_instances(
     context: read for its ``transform_pipeline``, ``metaparameters`` and ``pool_id``; pass one that
         no run has been given yet, for a run empties its pipeline. None for a graph without one.
 
-    Neither the fields of `graph` nor `context` are changed. Raises EvaluationError for states that don't fit the
-    graph, with the keys, and what a run raises for functions and configuration.
+    Neither the fields of `graph` nor `context` are changed. Raises EvaluationError for states that
+    don't fit the graph, with their keys, and what a run raises for functions and configuration.
     """
     from quernbrook.simulator_engine.expression_evaluator import (
         evaluate,
