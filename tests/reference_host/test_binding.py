@@ -390,3 +390,16 @@ GATED = rotation(
 def test_warmup_rows(graph: FunctionGraphNode, rows: int) -> None:
     assert warmup_rows(graph, REGISTRY) == rows
     assert expression_evaluator._compute_graph_warmup_rows(graph, REGISTRY) == rows
+
+
+def test_a_cold_start_tops_up_bound_reductions() -> None:
+    graph = reduction("weighted_by_pnl", filtration("gt", "sharpe", 0.5), 4)
+    states = history(expression_evaluator, graph, 2).states
+    live = bind_instances(graph, REGISTRY, states)
+    options = {"function_states": states, "is_cold_start": True}
+    unbound = expression_evaluator.evaluate(graph, context(2, 3), **options)
+    bound = expression_evaluator.evaluate(
+        live.graph, context(2, 3), **options, bound_function_instances=live.instances
+    )
+    assert bound.states["root"].state_data["count"] == 4
+    assert repr(bound.states) == repr(unbound.states)
