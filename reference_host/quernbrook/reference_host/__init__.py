@@ -2,6 +2,7 @@
 
 from quernbrook.reference_host.binding import BoundGraph, bind_instances
 from quernbrook.reference_host.checkpoints import CheckpointError
+from quernbrook.reference_host.checks import Fault, check_graph
 from quernbrook.reference_host.entries import FunctionEntry, Parameter
 from quernbrook.reference_host.registry import FunctionRegistry, default_registry
 from quernbrook.reference_host.states import SavedState
@@ -11,11 +12,13 @@ from quernbrook.reference_host.warmup import warmup_rows
 __all__ = [
     "BoundGraph",
     "CheckpointError",
+    "Fault",
     "FunctionEntry",
     "FunctionRegistry",
     "Parameter",
     "SavedState",
     "bind_instances",
+    "check_graph",
     "default_registry",
     "draw_tree",
     "functions_by_path",

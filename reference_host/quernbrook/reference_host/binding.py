@@ -122,17 +122,20 @@ def merge_transforms(
 
     That is `graph` itself where `context` is None or holds no pipeline to be merged.
     """
-    if (
-        context is None
-        or not context.transform_pipeline
-        or getattr(context, "transforms_already_combined", False)
-    ):
+    if context is None or not is_merge_pending(context):
         return graph
     signal = copy.deepcopy(graph)
     for path, node in functions_by_path(signal).items():
         node._state_identity = path  # type: ignore[attr-defined]
     return combine_signal_and_transforms(
         signal, context.transform_pipeline, context.metaparameters, registry, context
+    )
+
+
+def is_merge_pending(context: Any) -> bool:
+    """Whether a run with `context` lays transforms around its graph."""
+    return bool(context.transform_pipeline) and not getattr(
+        context, "transforms_already_combined", False
     )
 
 
