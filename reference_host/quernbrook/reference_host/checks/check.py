@@ -39,13 +39,12 @@ def check_graph(
 ) -> list[Fault]:
     """Return every fault that a run with these arguments would fail on or pass over in silence.
 
-    Those of the graph come first, each node's before its children's, then those of the
-    pipeline's templates, of its options and of the other arguments. A sound graph has none.
+    The graph's own come first, what can't be read and then node by node from the root; then those
+    of the pipeline's templates and options and of the other arguments. A sound graph has none.
 
     An instance of every function is made to see whether that works, and the filters are tried
     on the context's signals. Windows are compared with the rows of the context, unless states or
-    bound instances tell that more rows went before. Nothing is changed, and nothing raised but
-    what functions that are no `Exception` raise while they are made.
+    bound instances tell that other rows went before. Nothing is changed, and no fault raises.
     """
     root, unreadable = read_graph(graph, "root")
     faults = list(_in_order(root, unreadable, registry, context, in_template=False))

@@ -12,6 +12,7 @@ from quernbrook.reference_host.checks.kinds import FUNCTIONS, KINDS, LITERALS
 from quernbrook.reference_host.checks.places import Place
 from quernbrook.reference_host.entries import ENGINE_ONLY, REQUIRED, FunctionEntry
 from quernbrook.reference_host.registry import FunctionRegistry
+from quernbrook.simulator_engine._types import FunctionExecutionError
 
 # Functions whose first spare text is a statistic; that of others is a PnL column.
 _WITH_STATISTIC = frozenset({"weighted_by_vol", "weighted_by_sharpe", "weighted_by_turnover"})
@@ -96,8 +97,11 @@ def check_function(place: Place, registry: FunctionRegistry, context: Any) -> It
         return
     try:
         instance = registry.create_instance(name, **usable)
-    except Exception as error:  # noqa: BLE001
+    except FunctionExecutionError as error:
         yield Fault(place.path, str(error))
+        return
+    except Exception as error:  # noqa: BLE001
+        yield Fault(place.path, f"'{name}' can't be made: {type(error).__name__}: {error}")
         return
     yield from _check_instance(place, entry, instance)
     if place.kind == "reduction":
