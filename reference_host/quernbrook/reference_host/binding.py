@@ -44,7 +44,8 @@ class BoundGraph:
         """Evaluate the next rows, those of `context`, and advance the instances.
 
         The weights are, bit for bit, those rows of one whole run: warm-up rows that are left are
-        blanked. Raises what a run raises; the instances then stay as far as they got.
+        blanked. A pipeline in `context` is left alone: ``transforms_already_combined`` is set.
+        Raises what a run raises; the instances then stay as far as they got.
         """
         from quernbrook.simulator_engine.expression_evaluator import evaluate
 
@@ -79,9 +80,9 @@ def bind_instances(
 ) -> BoundGraph:
     """Make an instance for every function of `graph`, once for all ticks to come.
 
-    states: of a checkpoint or of a run's result; None begins anew.
-    context: read for its ``transform_pipeline``, ``metaparameters`` and ``pool_id``; pass one that
-        no run has been given yet, for a run empties its pipeline. None for a graph without one.
+    `states` are those of a checkpoint or of a run's result; None begins anew. `context` is read
+    for its ``transform_pipeline``, ``metaparameters`` and ``pool_id``. Pass one that no run has
+    been given yet, for a run empties its pipeline; None will do for a graph without one.
 
     Neither the fields of `graph` nor `context` are changed. Raises EvaluationError for states that
     don't fit the graph, with their keys, and what a run raises for functions and configuration.
@@ -193,7 +194,7 @@ def _require_fitting_states(
         for path, node in functions.items()
         if instances[path].stateful and keys[path] not in states
     ]
-    surplus = [f"'{key}'" for key in states if key not in keys.values()]
+    surplus = [f"'{key}'" for key in set(states).difference(keys.values())]
     faults = []
     if missing:
         faults.append(f"no state for {', '.join(missing)}")
