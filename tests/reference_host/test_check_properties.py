@@ -44,7 +44,7 @@ literals = st.one_of(
 )
 features = st.sampled_from(["price", "volume"]).map(lambda name: FunctionGraphNode("feature", name))
 leaves = st.one_of(*[features] * 6, literals, st.just(FunctionGraphNode("feature", "prise")))
-FUNCTIONS = (*REGISTRY.names(), "longitudinal_maen")
+FUNCTIONS = (*REGISTRY, "longitudinal_maen")
 OPERATORS = (
     "gt",
     "eq",
@@ -161,7 +161,7 @@ class Recorder(FunctionRegistry):
     """Makes functions of anything and remembers the configurations."""
 
     def __init__(self, registry: FunctionRegistry) -> None:
-        super().__init__(registry.get_entry(name) for name in registry.names())
+        super().__init__(registry.get_entry(name) for name in registry)
         self.configurations: list[dict[str, Any]] = []
 
     def has_factory(self, name: str) -> bool:

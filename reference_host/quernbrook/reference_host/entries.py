@@ -29,15 +29,13 @@ REQUIRED: Any = _NoDefault.REQUIRED
 
 @dataclass(frozen=True)
 class Parameter:
-    """A parameter's type and its default, if it has one.
-
-    Raises ValueError for an unknown type and for a default that isn't of it.
-    """
+    """A parameter's type and its default, if it has one."""
 
     type: Literal["int", "float", "string", "bool"]
     default: Any = REQUIRED
 
     def __post_init__(self) -> None:
+        """Raises ValueError for an unknown type and for a default that isn't of it."""
         if self.type not in tuple(_VALUE_TYPES):
             raise ValueError(
                 f"a parameter's type is one of {', '.join(_VALUE_TYPES)}; got {self.type!r}"
@@ -62,10 +60,6 @@ class FunctionEntry:
     library: True for the functions of this package alone. The evaluator may compute some of
         those without their instances; `factory` tells it that code of the user's own, which it
         must call, stands behind a name.
-
-    Raises TypeError for an attribute of the wrong type, for a `build` that doesn't take the
-    parameters and for a stateful class without ``get_state`` or ``restore``, and ValueError for a
-    parameter named ``A`` or ``N_alloc``, which no graph may set.
     """
 
     name: str
@@ -77,6 +71,12 @@ class FunctionEntry:
     library: bool = False
 
     def __post_init__(self) -> None:
+        """Raises TypeError and ValueError for what a registry couldn't use.
+
+        That is an attribute of the wrong type, a `build` that doesn't take the parameters, a
+        stateful class without ``get_state`` or ``restore``, and a parameter named ``A`` or
+        ``N_alloc``, which no graph may set.
+        """
         if not isinstance(self.name, str) or not self.name:
             raise TypeError(f"a function's name must be a text; got {self.name!r}")
         self._require("family", str, "a text")

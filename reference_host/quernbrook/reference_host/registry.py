@@ -6,7 +6,7 @@ registry's own typed state and convert every state to it before a restore.
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Iterator
 from typing import Any
 
 from quernbrook.reference_host import arithmetic, cross_sectional, reductions, rolling
@@ -37,9 +37,9 @@ class FunctionRegistry:
             raise TypeError(f"a registry takes a FunctionEntry; got {entry!r}")
         self._entries[entry.name] = entry
 
-    def names(self) -> list[str]:
-        """Return the names of all functions, sorted."""
-        return sorted(self._entries)
+    def __iter__(self) -> Iterator[str]:
+        """The names of all functions."""
+        return iter(self._entries)
 
     def has(self, name: str) -> bool:
         return name in self._entries

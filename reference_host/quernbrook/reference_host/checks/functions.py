@@ -46,12 +46,13 @@ class Configuration:
 def read_configuration(place: Place, entry: FunctionEntry) -> Configuration:
     """Return what the evaluator makes of a function node's config and children.
 
-    Literal children fill the parameters in the order of the schema, whatever their kinds. Those
+    Literal children fill the parameters of such types in the order of the schema, whatever their
+    kinds. Those
     left over become "window" (int), "invert" (bool), "stat_name" or "pnl_column" (string), and
     operands (float).
     """
     read = Configuration(dict(place.config))
-    names = iter(entry.param_schema)
+    names = (name for name, parameter in entry.param_schema.items() if parameter.type in LITERALS)
     texts = []
     for child in place.children:
         name = next(names, None) if child.kind in LITERALS else None
@@ -79,7 +80,7 @@ def check_function(place: Place, registry: FunctionRegistry, context: Any) -> It
         yield Fault(
             place.path,
             f"the registry has no function '{name}'",
-            nearest(name, registry.names()),
+            nearest(name, registry),
         )
         operands = [child for child in place.children if child.kind not in LITERALS]
         yield from _check_reduction(place, operands, context)
