@@ -21,9 +21,9 @@ FUNCTIONS: list[tuple[Any, list[str]]] = [
         ],
     ),
     (
-        rotation("weighted_by_pnl", X, 3),
+        rotation("best", X),
         [
-            "root: 'weighted_by_pnl' can't be called as a rotation, with 1 row(s): "
+            "root: 'best' can't be called as a rotation, with 1 row(s): "
             "missing a required argument: 'signal_pnl'"
         ],
     ),

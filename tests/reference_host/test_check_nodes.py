@@ -143,14 +143,14 @@ def test_each_fault_alone(graph: Any, faults: list[str]) -> None:
 
 def test_all_faults_at_once_in_the_order_of_the_nodes() -> None:
     graph = rotation(
-        "numerical_ad",
+        "numerical_addd",
         Node("rotatoin", "latitudinal_rank", [feature("prise")]),
         rotation("longitudinal_mean", feature("volum"), config={"windw": 3}),
         reduction("weighted_by_sharp", condition("top_n", "sharpe", 3), 300),
         config={"N_alloc": 4},
     )
     assert found(graph, {"data_nan_features": ["pricee"]}) == [
-        "root: the registry has no function 'numerical_ad'; did you mean 'numerical_add'?",
+        "root: the registry has no function 'numerical_addd'; did you mean 'numerical_add'?",
         "root.c0: unknown kind 'rotatoin', which gives zeros; did you mean 'rotation'?",
         "root.c0.c0: the context has no feature 'prise'; did you mean 'price'?",
         "root.c1: 'longitudinal_mean' has no parameter 'windw'; did you mean 'window'?",
