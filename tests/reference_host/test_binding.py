@@ -273,7 +273,7 @@ def test_a_long_run_goes_on_from_the_instances() -> None:
         expression_evaluator.EvaluationContext((rows,), {"x": 0}, registry=REGISTRY)
     ).weights
     assert weights[0, 0] == (1.0 + 2.0 + rows[0, 0]) / 3
-    assert live.instances["root"]._rows.count == 100_002
+    assert live.states()["root"].state_data["count"] == 100_002
 
 
 def test_an_instance_without_arity_gets_its_operands_alone() -> None:

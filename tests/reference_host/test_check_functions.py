@@ -30,8 +30,14 @@ FUNCTIONS: list[tuple[Any, list[str]]] = [
     (
         reduction("latitudinal_rank"),
         [
-            "root: 'latitudinal_rank' can't be called as a reduction: "
-            "got an unexpected keyword argument 'signal_pnl'"
+            "root: 'latitudinal_rank' can't be called as a reduction: it is a function of rows",
+        ],
+    ),
+    (
+        reduction("plain"),
+        [
+            "root: 'plain' can't be called as a reduction: got an unexpected keyword argument "
+            "'signal_pnl'"
         ],
     ),
     (

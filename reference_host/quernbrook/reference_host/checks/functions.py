@@ -203,7 +203,10 @@ def _check_reduction(place: Place, operands: list[Place], context: Any) -> Itera
 def _check_reduction_call(
     place: Place, entry: FunctionEntry, instance: Any, read: Configuration, context: Any
 ) -> Iterator[Fault]:
-    refused = _refused_call(instance, None, signal_pnl=None)
+    if entry.library and entry.family != "reduction":
+        refused: str | None = "it is a function of rows"
+    else:
+        refused = _refused_call(instance, None, signal_pnl=None)
     if refused:
         yield Fault(place.path, f"'{entry.name}' can't be called as a reduction: {refused}")
     elif not getattr(instance, "stateful", True):
