@@ -34,9 +34,9 @@ FUNCTIONS: list[tuple[Any, list[str]]] = [
         ],
     ),
     (
-        reduction("plain"),
+        reduction("echo"),
         [
-            "root: 'plain' can't be called as a reduction: got an unexpected keyword argument "
+            "root: 'echo' can't be called as a reduction: got an unexpected keyword argument "
             "'signal_pnl'"
         ],
     ),

@@ -38,6 +38,13 @@ class Plain:
         return row + other
 
 
+class Echo:
+    stateful = False
+
+    def __call__(self, row: np.ndarray, *, context: Any = None) -> np.ndarray:
+        return row
+
+
 class Undecided:
     def __call__(self, row: np.ndarray, *, context: Any = None) -> np.ndarray:
         return row
@@ -63,6 +70,7 @@ REGISTRY = default_registry()
 for entry in (
     FunctionEntry("best", "mine", Best),
     FunctionEntry("plain", "mine", Plain),
+    FunctionEntry("echo", "mine", Echo),
     FunctionEntry("undecided", "mine", Undecided),
     FunctionEntry("broken", "mine", Broken),
     FunctionEntry("forgetful", "mine", lambda: Forgetful()),
