@@ -3,41 +3,26 @@
 from __future__ import annotations
 
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+from quernbrook.reference_host.graphs import feature, filtration, reduction, rotation
 
 SHARPE_FIELD = "selection_sharpe"
 TAKEN_SIGNALS = 3
 
 
-def feature(name: str) -> Node:
-    return Node("feature", name)
-
-
-def integer(value: int) -> Node:
-    return Node("int", value)
-
-
-def number(value: float) -> Node:
-    return Node("float", value)
-
-
-def rotation(name: str, *children: Node) -> Node:
-    return Node("rotation", name, list(children))
-
-
 def _signal(score: Node) -> Node:
     """Hold the shares of high score, owe those of low score, half of the money on each side."""
     centred = rotation("latitudinal_demean", rotation("latitudinal_rank", score))
-    return rotation("latitudinal_scale", centred, number(1.0))
+    return rotation("latitudinal_scale", centred, 1.0)
 
 
 def _momentum(window: int) -> Node:
-    return _signal(rotation("longitudinal_delta", feature("log_price"), integer(window)))
+    return _signal(rotation("longitudinal_delta", feature("log_price"), window))
 
 
 def pool_graphs() -> dict[str, Node]:
     """A graph for each signal of the pool, by the signal's name."""
-    week = rotation("longitudinal_delta", feature("log_price"), integer(5))
-    volatility = rotation("longitudinal_std", feature("return"), integer(120))
+    week = rotation("longitudinal_delta", feature("log_price"), 5)
+    volatility = rotation("longitudinal_std", feature("return"), 120)
     return {
         "low volatility": _signal(rotation("numerical_negate", volatility)),
         "momentum 20": _momentum(20),
@@ -50,29 +35,17 @@ def pool_graphs() -> dict[str, Node]:
 
 def strategy_graph() -> Node:
     """Rank the shares by the pool's best signals and a reversal; weigh by rank over volatility."""
-    best = Node("top_n", "top_n", [Node("string", SHARPE_FIELD), integer(TAKEN_SIGNALS)])
-    pool = Node(
-        "reduction",
-        "weighted_by_sharpe",
-        [Node("filtration", "filtration", [best]), integer(250)],
-    )
-    price = rotation("longitudinal_zscore", feature("log_price"), integer(20))
+    best = filtration("top_n", SHARPE_FIELD, TAKEN_SIGNALS)
+    pool = reduction("weighted_by_sharpe", best, 250)
+    price = rotation("longitudinal_zscore", feature("log_price"), 20)
     score = rotation(
         "numerical_add",
-        rotation("numerical_multiply", number(0.8), rotation("latitudinal_zscore", pool)),
-        rotation("numerical_multiply", number(-0.2), rotation("latitudinal_zscore", price)),
+        rotation("numerical_multiply", 0.8, rotation("latitudinal_zscore", pool)),
+        rotation("numerical_multiply", -0.2, rotation("latitudinal_zscore", price)),
     )
-    volatility = rotation("longitudinal_std", feature("return"), integer(60))
+    volatility = rotation("longitudinal_std", feature("return"), 60)
     # The floor keeps a share whose price stood still from taking all the money.
-    risk = rotation("numerical_add", volatility, number(0.005))
+    risk = rotation("numerical_add", volatility, 0.005)
     weighed = rotation("numerical_divide", rotation("latitudinal_rank", score), risk)
-    smooth = rotation("longitudinal_mean", weighed, integer(10))
-    return rotation("latitudinal_scale", smooth, number(1.0))
-
-
-def paths(graph: Node, path: str = "root") -> dict[str, Node]:
-    """Every node by its path, each before its children."""
-    found = {path: graph}
-    for i, child in enumerate(graph.children or ()):
-        found |= paths(child, f"{path}.c{i}")
-    return found
+    smooth = rotation("longitudinal_mean", weighed, 10)
+    return rotation("latitudinal_scale", smooth, 1.0)

@@ -18,8 +18,12 @@ import pool
 import prices
 import simulation
 from graphs import pool_graphs, strategy_graph
-from quernbrook.reference_host import SavedState, checkpoints, default_registry
-from quernbrook.simulator_engine.expression_evaluator import evaluate
+from quernbrook.reference_host import (
+    SavedState,
+    bind_instances,
+    checkpoints,
+    default_registry,
+)
 
 Result = TypeVar("Result")
 
@@ -74,41 +78,43 @@ def run_ticks(file: Path, cut: int, checkpoint: Path) -> Ticks:
     weights, seconds = [], []
     for day in range(cut, len(trader.market.dates)):
         begin = time.perf_counter()
-        weights.append(trader.tick(day, is_cold_start=day == cut))
+        weights.append(trader.tick(day))
         seconds.append(time.perf_counter() - begin)
     return Ticks(os.getpid(), np.vstack(weights), np.array(seconds))
 
 
 class Trader:
-    """Holds the states of all graphs between ticks."""
+    """Holds the functions of all graphs, which advance from tick to tick."""
 
     def __init__(self, whole: market.Market, saved: Mapping[str, Any]) -> None:
         self.market = whole
         self._registry = default_registry()
-        self._graphs = pool_graphs()
-        self._strategy = strategy_graph()
-        self._states = {name: _of(name, saved) for name in (_STRATEGY, *self._graphs)}
-        held = {name: self._states[name].pop(_HELD).state_data for name in self._graphs}
+        states = {name: _of(name, saved) for name in (_STRATEGY, *pool_graphs())}
+        held = {name: states[name].pop(_HELD).state_data for name in pool_graphs()}
         self._held = {name: np.array([data["weights"]]) for name, data in held.items()}
         self._sharpe = {name: data["sharpe"] for name, data in held.items()}
+        self._signals = {
+            name: bind_instances(graph, self._registry, states[name])
+            for name, graph in pool_graphs().items()
+        }
+        self._strategy = bind_instances(strategy_graph(), self._registry, states[_STRATEGY])
 
-    def tick(self, day: int, is_cold_start: bool) -> market.Matrix:
-        """Evaluate one day's row, (1, shares), and keep the states that it ends in."""
+    def tick(self, day: int) -> market.Matrix:
+        """Evaluate one day's row, (1, shares)."""
         row = slice(day, day + 1)
         useful_signals = {}
-        for name, graph in self._graphs.items():
-            weights = self._evaluate(name, graph, row, is_cold_start)
+        for name, signal in self._signals.items():
+            weights = signal.evaluate(self._context(row)).weights
             returns = backtest.earned(self._held[name], self.market.returns[row])
             useful_signals[name] = pool.useful_signal(weights, returns, self._sharpe[name])
             self._held[name] = weights
-        return self._evaluate(_STRATEGY, self._strategy, row, is_cold_start, useful_signals)
+        return self._strategy.evaluate(self._context(row, useful_signals)).weights
 
-    def _evaluate(
-        self, name: str, graph: Any, row: slice, is_cold_start: bool, useful_signals: Any = None
-    ) -> market.Matrix:
-        context = self.market.context(row, self._registry, useful_signals)
-        weights, self._states[name] = evaluate(graph, context, self._states[name], is_cold_start)
-        return weights
+    def _context(self, row: slice, useful_signals: Any = None) -> Any:
+        context: Any = self.market.context(row, self._registry, useful_signals)
+        # The functions hold their states; a checkpoint would ask them with `states()`.
+        context._collect_states = False
+        return context
 
 
 def _keyed(name: str, states: Mapping[str, Any]) -> dict[str, Any]:

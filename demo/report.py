@@ -8,15 +8,14 @@ from typing import Any
 
 import backtest
 import numpy as np
-from graphs import SHARPE_FIELD, TAKEN_SIGNALS, paths
+from graphs import SHARPE_FIELD, TAKEN_SIGNALS
 from live import History, Ticks
 from market import NEEDED_RETURNS, Market
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+from quernbrook.reference_host import draw_tree, nodes_by_path
 from rich.box import SIMPLE_HEAD
 from rich.console import Console
 from rich.table import Table
-from rich.text import Text
-from rich.tree import Tree
 from simulation import Simulation
 from stages import StagedRun
 
@@ -58,23 +57,9 @@ def pool(market: Market, simulation: Simulation, taken: Iterable[str]) -> None:
 
 
 def graph(root: Node, states: Mapping[str, Any]) -> None:
-    nodes = paths(root)
-    numbers = {path: number for number, path in enumerate(states, start=1)}
-    _heading(f"Graph of {len(nodes)} nodes, {len(states)} of them with a state")
-    branches = {"root": Tree(_label(root, numbers.get("root")))}
-    for path, node in nodes.items():
-        if path != "root":
-            parent = branches[path.rpartition(".")[0]]
-            branches[path] = parent.add(_label(node, numbers.get(path)))
-    _console.print(branches["root"])
-
-
-def _label(node: Node, state_number: int | None) -> Text:
-    label = Text(str(node.node), style="bold" if node.type in ("rotation", "reduction") else "")
-    label.append(f"  {node.type}", style="dim")
-    if state_number is not None:
-        label.append(f"  state {state_number}", style="cyan")
-    return label
+    notes = {path: f"state {number}" for number, path in enumerate(states, start=1)}
+    _heading(f"Graph of {len(nodes_by_path(root))} nodes, {len(states)} of them with a state")
+    _console.print(draw_tree(root, notes))
 
 
 def run(simulation: Simulation) -> None:

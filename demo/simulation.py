@@ -9,9 +9,9 @@ from typing import Any
 
 import numpy as np
 import pool
-from graphs import paths, strategy_graph
+from graphs import strategy_graph
 from market import Market, Matrix
-from quernbrook.reference_host import FunctionRegistry
+from quernbrook.reference_host import FunctionRegistry, nodes_by_path
 from quernbrook.simulator_engine.expression_evaluator import evaluate
 
 
@@ -68,4 +68,4 @@ def run(market: Market, registry: FunctionRegistry, selection_days: int) -> Simu
 
 
 def _reduction_path(graph: Any) -> str:
-    return next(path for path, node in paths(graph).items() if node.type == "reduction")
+    return next(path for path, node in nodes_by_path(graph).items() if node.type == "reduction")

@@ -7,27 +7,25 @@ from dataclasses import dataclass
 from typing import Any
 
 import turnover_cap
-from graphs import number, rotation, strategy_graph
+from graphs import strategy_graph
 from market import Market, Matrix
 from pool import SignalRun
-from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import default_registry
+from quernbrook.reference_host.graphs import rotation, signal
 from quernbrook.simulator_engine._types import TransformStage
 from quernbrook.simulator_engine.expression_evaluator import evaluate
-
-_SIGNAL = Node("signal", "signal")
 
 SCALING = TransformStage(
     "scaling",
     default="full",
-    options={"full": None, "half": rotation("latitudinal_scale", _SIGNAL, number(0.5))},
+    options={"full": None, "half": rotation("latitudinal_scale", signal(), 0.5)},
 )
 TURNOVER = TransformStage(
     "turnover",
     default="free",
     options={
         "free": None,
-        "capped": rotation(turnover_cap.TurnoverCap.name, _SIGNAL, number(0.02)),
+        "capped": rotation(turnover_cap.TurnoverCap.name, signal(), 0.02),
     },
 )
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 import struct
 import subprocess
 from collections.abc import Callable
@@ -30,7 +31,7 @@ def test_a_run_reports_and_draws(run_demo: RunDemo, small_file: Path, tmp_path: 
     ended = run_demo("--prices", small_file, "--output", output)
     assert (ended.returncode, ended.stderr) == (0, "")
     assert "T 650, N_alloc 6: " in ended.stdout
-    assert "longitudinal_mean  rotation  state 4" in ended.stdout
+    assert re.search("── longitudinal_mean +rotation +root.c0 +state 4\n", ended.stdout)
     assert "earn the return of the next day" in ended.stdout
     assert png_size(output) == (1400, 900)
 

@@ -14,7 +14,7 @@ import prices
 import pytest
 import simulation
 import stages
-from quernbrook.reference_host import default_registry
+from quernbrook.reference_host import default_registry, nodes_by_path
 from turnover_cap import TurnoverCap
 
 SELECTION_DAYS = 300
@@ -43,7 +43,7 @@ def test_a_share_enters_the_universe_after_enough_returns(whole: market.Market) 
 
 
 def test_the_graph_has_rotations_along_time_and_a_filtered_reduction() -> None:
-    nodes = graphs.paths(graphs.strategy_graph())
+    nodes = nodes_by_path(graphs.strategy_graph())
     assert len(nodes) >= 10
     kinds = [node.type for node in nodes.values()]
     assert kinds.count("reduction") == kinds.count("filtration") == 1

@@ -59,6 +59,7 @@ def test_there_are_pages() -> None:
         "guide/filters.md",
         "guide/functions.md",
         "guide/graphs.md",
+        "guide/host.md",
         "guide/reductions.md",
         "guide/registry.md",
         "guide/running.md",

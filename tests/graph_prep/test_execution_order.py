@@ -7,8 +7,9 @@ from typing import Any
 import numpy as np
 import pytest
 from quernbrook.functions._typed_shapes import FunctionGraphNode
+from quernbrook.reference_host import functions_by_path
 from support.graphs import feature, filtration, integer, node, number, rotation, string
-from support.runs import bind_all, fails, function_paths, make_context
+from support.runs import bind_all, fails, make_context
 
 
 def deep() -> FunctionGraphNode:
@@ -50,7 +51,7 @@ def run_and_log(evaluator, graph, rows: int) -> tuple[list[str], Any, Any]:
             log.append(self.path)
             return 0.0
 
-    bound = {path: Function(path) for path in function_paths(graph)}
+    bound = {path: Function(path) for path in functions_by_path(graph)}
     context = make_context(evaluator, {"x": np.zeros((rows, 2))})
     return (log, evaluator.evaluate(graph, context, bound_function_instances=bound), context)
 
@@ -60,7 +61,7 @@ def run_and_log(evaluator, graph, rows: int) -> tuple[list[str], Any, Any]:
 def test_children_run_before_their_parents_in_every_row(evaluator, make, rows):
     graph = make()
     log, _, _ = run_and_log(evaluator, graph, rows)
-    assert log == function_paths(graph) * rows
+    assert log == list(functions_by_path(graph)) * rows
 
 
 def test_order_of_a_small_tree(evaluator):

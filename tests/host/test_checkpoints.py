@@ -2,11 +2,14 @@
 
 from __future__ import annotations
 
+import errno
 import hashlib
 import os
 import pickle
+import traceback
 from collections.abc import Callable
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -188,6 +191,111 @@ def test_failed_save_leaves_the_old_file_and_nothing_else(
         checkpoints.save(path, {})
     assert path.read_bytes() == old
     assert list(path.parent.iterdir()) == [path]
+
+
+class Foreign:
+    """Neither a dict nor an object with name and state data."""
+
+    def __repr__(self) -> str:
+        return "a foreign state"
+
+
+CYCLE: dict[str, Any] = {}
+CYCLE["itself"] = CYCLE
+
+
+@pytest.mark.parametrize(
+    ("key", "state", "text"),
+    [
+        (
+            "root.c0",
+            SavedState("longitudinal_mean", {"row": np.zeros(2)}),
+            "state 'root.c0' of function 'longitudinal_mean' can't be saved: "
+            "Object of type ndarray is not JSON serializable",
+        ),
+        (
+            "root",
+            {"count": np.int64(3)},
+            "state 'root' can't be saved: Object of type int64 is not JSON serializable",
+        ),
+        (
+            "root",
+            SavedState("mean", CYCLE),
+            "state 'root' of function 'mean' can't be saved: Circular reference detected",
+        ),
+        (
+            "root",
+            Foreign(),
+            "state 'root' can't be saved: a state is a dict, or has name and state_data; "
+            "got a foreign state",
+        ),
+        (
+            "root",
+            None,
+            "state 'root' can't be saved: a state is a dict, or has name and state_data; got None",
+        ),
+        (("root", 1), {}, "the key of a state must be a text; got ('root', 1)"),
+    ],
+)
+def test_state_that_cannot_be_saved_is_named(path: Path, key: Any, state: Any, text: str) -> None:
+    with pytest.raises(TypeError) as caught:
+        checkpoints.save(path, {"fine": {}, key: state})
+    assert str(caught.value) == text
+    assert not list(path.parent.iterdir())
+
+
+def test_what_is_no_mapping_of_states_is_told(path: Path) -> None:
+    with pytest.raises(TypeError) as caught:
+        checkpoints.save(path, [STATES])  # type: ignore[arg-type]
+    assert str(caught.value) == (
+        "states must be a mapping of key to state, such as a result's `states`; got list"
+    )
+
+
+def test_plain_dicts_stay_plain_dicts(path: Path) -> None:
+    states = {
+        "root": {"count": 3, "buffer": [[1.0, 2.5]], "name": "not the function's"},
+        "root.c0": {},
+        "typed": {"function_name": "f", "function_version": 2, "data": {"count": 1}},
+        "object": SavedState("f", {"count": 1}),
+    }
+    checkpoints.save(path, states)
+    loaded = checkpoints.load(path)
+    assert loaded["object"].name == "f"
+    del states["object"], loaded["object"]
+    assert loaded == states
+
+
+@pytest.mark.parametrize(
+    ("place", "kind"),
+    [
+        ("missing/run.checkpoint", FileNotFoundError),
+        ("file/run.checkpoint", NotADirectoryError),
+        ("folder", IsADirectoryError),
+    ],
+)
+def test_errors_name_the_checkpoint_and_not_its_temporary_file(
+    tmp_path: Path, place: str, kind: type[OSError]
+) -> None:
+    (tmp_path / "file").touch()
+    (tmp_path / "folder").mkdir()
+    with pytest.raises(OSError) as caught:
+        checkpoints.save(tmp_path / place, STATES)
+    error = caught.value
+    assert type(error) is kind
+    assert str(error) == f"[Errno {error.errno}] {error.strerror}: '{tmp_path / place}'"
+    assert "".join(traceback.format_exception(None, error, None)).count("Error") == 1
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["file", "folder"]
+
+
+def test_full_disk_names_the_checkpoint(path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    def fail(descriptor: int) -> None:
+        raise OSError(errno.ENOSPC, "No space left on device")
+
+    monkeypatch.setattr(os, "fsync", fail)
+    with pytest.raises(OSError) as caught:
+        checkpoints.save(path, STATES)
+    assert str(caught.value) == f"[Errno {errno.ENOSPC}] No space left on device: '{path}'"
 
 
 def test_file_and_then_its_folder_are_synced(path: Path, monkeypatch: pytest.MonkeyPatch) -> None:

@@ -1,13 +1,16 @@
-"""Short builders of graph nodes."""
+"""The host's node builders with further attributes and any children; and nodes of any kind."""
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
+from functools import wraps
 from typing import Any
 
 from quernbrook.functions._typed_shapes import FunctionGraphNode
+from quernbrook.reference_host import graphs
 
 Config = dict[str, Any] | None
+Builder = Callable[..., FunctionGraphNode]
 
 
 def node(
@@ -18,50 +21,39 @@ def node(
     **attributes: Any,
 ) -> FunctionGraphNode:
     """A node of any kind; further keywords (`canonical_id`, ...) are set as attributes."""
-    built = FunctionGraphNode(type=kind, node=value, children=children, config=config)
+    return _set(FunctionGraphNode(kind, value, children, config), attributes)
+
+
+def _set(built: FunctionGraphNode, attributes: dict[str, Any]) -> FunctionGraphNode:
     for name, attribute in attributes.items():
         setattr(built, name, attribute)
     return built
 
 
-def feature(name: str, **attributes: Any) -> FunctionGraphNode:
-    return node("feature", name, **attributes)
+def _leaf(build: Builder) -> Builder:
+    @wraps(build)
+    def built(value: Any, **attributes: Any) -> FunctionGraphNode:
+        return _set(build(value), attributes)
+
+    return built
 
 
-def aggregation(name: str, **attributes: Any) -> FunctionGraphNode:
-    return node("aggregation", name, **attributes)
+def _over_children(build: Builder) -> Builder:
+    """The host's builder takes nodes and values; here whatever is given becomes a child."""
+
+    @wraps(build)
+    def built(value: str, *children: Any, **attributes: Any) -> FunctionGraphNode:
+        return _set(build(value), {"children": list(children), **attributes})
+
+    return built
 
 
-def number(value: Any, **attributes: Any) -> FunctionGraphNode:
-    """A literal of kind "float"."""
-    return node("float", value, **attributes)
-
-
-def integer(value: Any, **attributes: Any) -> FunctionGraphNode:
-    return node("int", value, **attributes)
-
-
-def string(value: Any, **attributes: Any) -> FunctionGraphNode:
-    return node("string", value, **attributes)
-
-
-def boolean(value: Any, **attributes: Any) -> FunctionGraphNode:
-    return node("bool", value, **attributes)
-
-
-def rotation(
-    function: str, *children: FunctionGraphNode, config: Config = None, **attributes: Any
-) -> FunctionGraphNode:
-    return node("rotation", function, list(children), config, **attributes)
-
-
-def reduction(
-    function: str, *children: FunctionGraphNode, config: Config = None, **attributes: Any
-) -> FunctionGraphNode:
-    return node("reduction", function, list(children), config, **attributes)
-
-
-def filtration(
-    operator: str, *children: FunctionGraphNode, config: Config = None, **attributes: Any
-) -> FunctionGraphNode:
-    return node("filtration", operator, list(children), config, **attributes)
+feature = _leaf(graphs.feature)
+aggregation = _leaf(graphs.aggregation)
+number = _leaf(graphs.number)
+integer = _leaf(graphs.integer)
+string = _leaf(graphs.string)
+boolean = _leaf(graphs.boolean)
+rotation = _over_children(graphs.rotation)
+reduction = _over_children(graphs.reduction)
+filtration = _over_children(graphs.filtration)

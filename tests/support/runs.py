@@ -9,6 +9,7 @@ from typing import Any
 
 import numpy as np
 import pytest
+from quernbrook.reference_host import functions_by_path
 from support.functions import RecordingFunction
 
 
@@ -26,19 +27,9 @@ def counting_matrix(rows: int, columns: int = 3, start: float = 1.0) -> np.ndarr
     return np.arange(start, start + rows * columns, dtype=np.float64).reshape(rows, columns)
 
 
-def function_paths(node: Any, path: str = "root") -> list[str]:
-    """The paths of the function nodes, children first."""
-    below = [
-        found
-        for index, child in enumerate(node.children or ())
-        for found in function_paths(child, f"{path}.c{index}")
-    ]
-    return [*below, path] if node.type in ("rotation", "reduction") else below
-
-
 def bind_all(graph: Any, make: Callable[[], Any] = RecordingFunction) -> dict[str, Any]:
     """A mapping that binds every function node of `graph` to an instance of its own."""
-    return {path: make() for path in function_paths(graph)}
+    return {path: make() for path in functions_by_path(graph)}
 
 
 def collected_tables(evaluator: ModuleType, graph: Any, **options: Any) -> dict[str, Any]:

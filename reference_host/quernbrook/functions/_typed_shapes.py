@@ -60,5 +60,9 @@ class StageData:
     def value(self, name: str, default: Any = None) -> Any:
         return self._values.get(name, default)
 
+    def names(self) -> list[str]:
+        """Return the names of all values, sorted."""
+        return sorted(self._values)
+
     def __repr__(self) -> str:
-        return f"StageData({sorted(self._values)})"
+        return f"StageData({self.names()})"

@@ -5,7 +5,7 @@ from __future__ import annotations
 import math
 import numbers
 import operator
-from collections.abc import Callable, Mapping, Sequence
+from collections.abc import Callable, Iterator, Mapping, Sequence
 from dataclasses import dataclass, field
 from typing import Any
 
@@ -79,6 +79,8 @@ _COMBINING_OPERATORS: dict[str, tuple[int, float]] = {
     "not_": (1, 1),
 }
 
+OPERATORS = frozenset({*_FIELD_OPERATORS, *_COMBINING_OPERATORS})
+
 
 def describe(node: FilterNode) -> str:
     """Return the filter as text, with its parameters: "and_(gt(momentum, 0.5), not_(...))"."""
@@ -89,35 +91,37 @@ def describe(node: FilterNode) -> str:
 
 def require_valid(node: FilterNode) -> None:
     """Raise InvalidFilterError unless every filter of the tree has what its operator needs."""
-    name = node.function_name
-    if name in _FIELD_OPERATORS:
-        missing = [key for key in _FIELD_OPERATORS[name] if key not in node.params]
-        if missing:
-            raise InvalidFilterError(f"filter '{name}' lacks {', '.join(missing)}")
-        if node.children:
-            raise InvalidFilterError(f"filter '{name}' compares a field and takes no filters")
-        _require_valid_range(node)
-    elif name in _COMBINING_OPERATORS:
+    for fault in faults_of(node):
+        raise InvalidFilterError(fault)
+    for child in node.children:
+        require_valid(child)
+
+
+def faults_of(node: FilterNode) -> Iterator[str]:
+    """Yield what this filter lacks or has too much of, apart from the filters under it."""
+    name, params, count = node.function_name, node.params, len(node.children)
+    if name in _COMBINING_OPERATORS:
         least, largest = _COMBINING_OPERATORS[name]
-        if not least <= len(node.children) <= largest:
+        if not least <= count <= largest:
             wanted = "exactly one filter" if largest == 1 else "at least one filter"
-            raise InvalidFilterError(f"filter '{name}' takes {wanted}; got {len(node.children)}")
-        for child in node.children:
-            require_valid(child)
-    else:
-        raise InvalidFilterError(f"unknown filter '{name}'")
-
-
-def _require_valid_range(node: FilterNode) -> None:
-    name, params = node.function_name, node.params
+            yield f"filter '{name}' takes {wanted}; got {count}"
+        return
+    if name not in _FIELD_OPERATORS:
+        yield f"unknown filter '{name}'"
+        return
+    missing = [key for key in _FIELD_OPERATORS[name] if key not in params]
+    if missing:
+        yield f"filter '{name}' lacks {', '.join(missing)}"
+    if count:
+        yield f"filter '{name}' compares a field and takes no filters"
+    if missing:
+        return
     if name == "between" and not params["low"] <= params["high"]:
-        raise InvalidFilterError(
-            f"filter 'between' needs low <= high; got {params['low']} and {params['high']}"
-        )
+        yield f"filter 'between' needs low <= high; got {params['low']} and {params['high']}"
     if name in ("top_pct", "bottom_pct") and not 0.0 < params["pct"] <= 1.0:
-        raise InvalidFilterError(f"filter '{name}' needs 0 < pct <= 1; got {params['pct']}")
+        yield f"filter '{name}' needs 0 < pct <= 1; got {params['pct']}"
     if name in ("top_n", "bottom_n") and params["n"] < 1:
-        raise InvalidFilterError(f"filter '{name}' needs n >= 1; got {params['n']}")
+        yield f"filter '{name}' needs n >= 1; got {params['n']}"
 
 
 def passing_ids(node: FilterNode, pool: Pool) -> set[str]:

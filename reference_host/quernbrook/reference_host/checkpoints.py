@@ -2,7 +2,8 @@
 
 The file begins with a line that names the format, its version, the number of states, the length
 of what follows and its SHA-256. Then come two lines for each state: its key as a JSON string, and
-the bytes of ``FunctionState.to_bytes``, which never hold a line break.
+the bytes of ``FunctionState.to_bytes``, which never hold a line break. A state that is a plain dict
+stands there without a name.
 """
 
 from __future__ import annotations
@@ -13,6 +14,7 @@ import os
 import re
 import secrets
 from collections.abc import Mapping
+from contextlib import suppress
 from pathlib import Path
 from typing import Any
 
@@ -44,9 +46,13 @@ class CheckpointError(Exception):
 def save(path: str | os.PathLike[str], states: Mapping[str, Any]) -> None:
     """Write `states`, as an evaluation returned them, in place of whatever `path` held.
 
+    A state is an object with ``name`` and ``state_data``, or a dict of its data.
+
     A reader, or a machine back from a power cut, finds either the old file or the new one, whole.
     A process that is killed meanwhile may leave a hidden file beside it, ``.NAME.`` and 16 digits,
-    which nobody reads. Raises TypeError for state data that JSON can't hold, and OSError.
+    which nobody reads.
+
+    Raises TypeError for a state that JSON can't hold, with its key and function, and OSError.
     """
     path = Path(path)
     payload = _encode(states)
@@ -54,20 +60,28 @@ def save(path: str | os.PathLike[str], states: Mapping[str, Any]) -> None:
     header = f"{_FORMAT} {_VERSION} {len(states)} {len(payload)} {digest}\n".encode()
     temporary = path.with_name(f".{path.name}.{secrets.token_hex(8)}")
     try:
-        with temporary.open("xb") as file:
-            file.write(header)
-            file.write(payload)
-            file.flush()
-            os.fsync(file.fileno())
-        temporary.replace(path)
-    except BaseException:
-        temporary.unlink(missing_ok=True)
-        raise
+        try:
+            with temporary.open("xb") as file:
+                file.write(header)
+                file.write(payload)
+                file.flush()
+                os.fsync(file.fileno())
+            temporary.replace(path)
+        finally:
+            with suppress(OSError):
+                temporary.unlink()
+    except OSError as error:
+        if error.errno is None:
+            raise
+        # The user knows of one file.
+        raise OSError(error.errno, error.strerror, str(path)) from None
     _sync_folder(path.parent)
 
 
 def load(path: str | os.PathLike[str]) -> dict[str, Any]:
-    """Return the states of the file, each a ``FunctionState``, ready for ``function_states``.
+    """Return the states of the file, ready for ``function_states``.
+
+    Each is a ``FunctionState``, or a dict if it was saved as one.
 
     Raises CheckpointError for a file that is cut, altered, too long, of another version or no
     checkpoint at all, and OSError.
@@ -104,21 +118,45 @@ def load(path: str | os.PathLike[str]) -> dict[str, Any]:
 
 
 def _encode(states: Mapping[str, Any]) -> bytes:
-    function_state = _function_state()
+    if not isinstance(states, Mapping):
+        raise TypeError(
+            "states must be a mapping of key to state, such as a result's `states`; "
+            f"got {type(states).__name__}"
+        )
     lines = []
     for key, state in states.items():
+        if not isinstance(key, str):
+            raise TypeError(f"the key of a state must be a text; got {key!r}")
         lines.append(json.dumps(key).encode())
-        lines.append(function_state(state.name, state.state_data).to_bytes())
+        lines.append(_encode_state(key, state))
     return b"".join(line + b"\n" for line in lines)
 
 
+def _encode_state(key: str, state: Any) -> bytes:
+    name = None
+    try:
+        if isinstance(state, dict):
+            return _function_state()(None, state).to_bytes()
+        if not (hasattr(state, "name") and hasattr(state, "state_data")):
+            raise TypeError(f"a state is a dict, or has name and state_data; got {state!r}")
+        name = state.name
+        return _function_state()(name, state.state_data).to_bytes()
+    except (TypeError, ValueError, RecursionError) as error:
+        function = "" if name is None else f" of function '{name}'"
+        raise TypeError(f"state '{key}'{function} can't be saved: {error}") from error
+
+
 def _decode(payload: bytes) -> dict[str, Any]:
-    function_state = _function_state()
     lines = payload.splitlines()
     return {
-        json.loads(key): function_state.from_bytes(state)
+        json.loads(key): _decode_state(state)
         for key, state in zip(lines[::2], lines[1::2], strict=True)
     }
+
+
+def _decode_state(line: bytes) -> Any:
+    state = _function_state().from_bytes(line)
+    return state.state_data if state.name is None else state
 
 
 def _function_state() -> Any:

@@ -6,11 +6,11 @@ registry's own typed state and convert every state to it before a restore.
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Iterator
 from typing import Any
 
 from quernbrook.reference_host import arithmetic, cross_sectional, reductions, rolling
-from quernbrook.reference_host.entries import FunctionEntry
+from quernbrook.reference_host.entries import FunctionEntry, name_of
 from quernbrook.simulator_engine._types import FunctionExecutionError
 
 
@@ -30,8 +30,16 @@ class FunctionRegistry:
         a reduction as ``instance(block, signal_pnl=signal_pnl)``. Rows are float64 vectors of
         N_alloc, and so is the result. A stateful instance also has ``get_state()`` and
         ``restore(state_data)``, a stateful reduction also ``window``.
+
+        Raises TypeError for anything but a FunctionEntry.
         """
+        if not isinstance(entry, FunctionEntry):
+            raise TypeError(f"a registry takes a FunctionEntry; got {entry!r}")
         self._entries[entry.name] = entry
+
+    def __iter__(self) -> Iterator[str]:
+        """The names of all functions."""
+        return iter(self._entries)
 
     def has(self, name: str) -> bool:
         return name in self._entries
@@ -46,15 +54,22 @@ class FunctionRegistry:
             raise FunctionExecutionError(f"Function '{name}' is not registered")
         return self._entries[name]
 
-    def create_instance(self, name: str, **config: Any) -> Any:
+    def create_instance(self, name: str, /, **config: Any) -> Any:
         """Raises FunctionExecutionError for an unknown name and for a faulty configuration."""
         entry = self.get_entry(name)
         try:
-            return entry.build(**entry.complete_config(config))
+            complete = entry.complete_config(config)
+            return entry.build(**complete)
         except ValueError as error:
             raise FunctionExecutionError(f"Function '{name}': {error}") from error
+        except TypeError as error:
+            given = ", ".join(f"{key}={value!r}" for key, value in complete.items())
+            raise FunctionExecutionError(
+                f"Function '{name}' can't be made with {given or 'no parameters'}: "
+                f"TypeError: {error}"
+            ) from error
 
-    def create_instance_from_state(self, name: str, restore_state: Any, **config: Any) -> Any:
+    def create_instance_from_state(self, name: str, restore_state: Any, /, **config: Any) -> Any:
         """Return an instance that goes on, bit for bit, where the saved one stood.
 
         `restore_state` is an object with ``name`` and ``state_data``, or the data itself.
@@ -69,6 +84,11 @@ class FunctionRegistry:
             )
         if not instance.stateful:
             raise FunctionExecutionError(f"Function '{name}' has no state to restore")
+        if not hasattr(instance, "restore"):
+            raise FunctionExecutionError(
+                f"Function '{name}' can't restore its state: {name_of(type(instance))} has no "
+                "method restore(state_data)"
+            )
         try:
             instance.restore(getattr(restore_state, "state_data", restore_state))
         except (KeyError, TypeError, ValueError) as error:

@@ -23,8 +23,8 @@ class RegistryProtocol(Protocol):
     def get_entry(self, name: str) -> Any:
         """Return the entry of `name`."""
 
-    def create_instance(self, name: str, **config: Any) -> Any:
+    def create_instance(self, name: str, /, **config: Any) -> Any:
         """Return a fresh instance."""
 
-    def create_instance_from_state(self, name: str, restore_state: Any, **config: Any) -> Any:
+    def create_instance_from_state(self, name: str, restore_state: Any, /, **config: Any) -> Any:
         """Return an instance that goes on from `restore_state`."""
