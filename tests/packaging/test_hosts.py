@@ -48,7 +48,6 @@ def run(host: Path, code: str, *arguments: str) -> subprocess.CompletedProcess[s
         env={**os.environ, "PYTHONPATH": str(host)},
         capture_output=True,
         text=True,
-        timeout=60,
     )
 
 

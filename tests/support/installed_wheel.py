@@ -21,6 +21,6 @@ def pack_installed_wheel(folder: Path) -> Path:
     path = folder / f"quernbrook_expression_evaluator-{found.version}-{tag}.whl"
     with ZipFile(path, "w") as wheel:
         for name, file in files.items():
-            wheel.write(found.locate_file(file), name)
+            wheel.write(str(found.locate_file(file)), name)
         wheel.writestr(str(own_record), "\n".join([*lines, f"{own_record},,", ""]))
     return path

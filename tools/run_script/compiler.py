@@ -2,12 +2,12 @@
 
 import os
 import shlex
-import shutil
 import subprocess
 import tempfile
 from pathlib import Path
 
-from messages import Failure, note
+import system_packages
+from messages import Failure
 
 TEST_PROGRAM = """\
 #include <bit>
@@ -39,16 +39,8 @@ def find() -> str:
             "and newer), or unset CXX."
         )
     found = first_working()
-    if found is None and os.geteuid() == 0 and shutil.which("apt-get"):
-        note("no C++20 compiler found; installing g++ with apt-get")
-        install = "apt-get update && apt-get install -y g++"
-        subprocess.run(
-            ["sh", "-c", install],
-            env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"},
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            check=False,
-        )
+    if found is None:
+        system_packages.install("g++", "no C++20 compiler found")
         found = first_working()
     if found is None:
         raise Failure(
