@@ -185,9 +185,7 @@ def test_check_refuses_unknown_arguments(project: Path) -> None:
 
 
 def test_works_from_its_own_folder_by_name(project: Path) -> None:
-    finished = subprocess.run(
-        ["sh", "run", "--help"], cwd=project, capture_output=True, text=True
-    )
+    finished = subprocess.run(["sh", "run", "--help"], cwd=project, capture_output=True, text=True)
     assert finished.returncode == 0
     assert finished.stdout.startswith("Usage: ./run COMMAND")
 

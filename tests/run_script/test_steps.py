@@ -34,7 +34,9 @@ def test_a_step_is_carried_out_once_for_the_same(environment: Any) -> None:
     done: list[str] = []
     for state in ("one", "one", "two", "two", "one"):
         record = environment.read_record()
-        environment.carry_out({"a": state, "b": "b"}, record, lambda state=state: done.append(state))
+        environment.carry_out(
+            {"a": state, "b": "b"}, record, lambda state=state: done.append(state)
+        )
     assert done == ["one", "two", "one"]
 
 
