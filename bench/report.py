@@ -251,7 +251,7 @@ def draw_panel(panel: Any, group: Sequence[Figure]) -> None:
         colour = BLUE if figure is first else LIGHT if figure.floor else DARK
         panel.hlines(place, 1.0, ratio, color=colour, linewidth=3)
         panel.plot(ratio, place, "o", color=colour)
-        text = f"{_number(first.median)} {first.unit}" if figure is first else f"{ratio:.3g} ×"
+        text = f"{_number(first.median)} {first.unit}" if figure is first else f"{ratio:.3g} x"
         beside = 8 if ratio >= 1.0 else -8
         panel.annotate(
             text,
