@@ -210,50 +210,69 @@ def draw(figures: Sequence[Figure]) -> None:
         return
     shown = [groups[workload] for workload in DEPICTED]
     columns = 2
-    rows = -(-len(shown) // columns)
-    canvas, panels = pyplot.subplots(rows, columns, figsize=(11, 2.2 * rows + 0.6), squeeze=False)
-    for panel in panels.flat[len(shown) :]:
-        panel.set_visible(False)
-    for panel, group in zip(panels.flat, shown, strict=False):
+    # A panel is as high as it has lines.
+    heights = [max(map(len, pair)) + 1.4 for pair in zip(shown[::2], shown[1::2], strict=True)]
+    canvas, panels = pyplot.subplots(
+        len(heights),
+        columns,
+        figsize=(13, 0.36 * sum(heights) + 1.3),
+        squeeze=False,
+        sharex=True,
+        height_ratios=heights,
+        layout="constrained",
+    )
+    ratios = [each.median / group[0].median for group in shown for each in group]
+    for panel, group in zip(panels.flat, shown, strict=True):
         draw_panel(panel, group)
-    canvas.suptitle("Time over that of this module, logarithmic: left is faster", fontsize=11)
-    canvas.tight_layout()
+        panel.set_xlim(min(ratios) / 4, max(ratios) * 4)  # the same for all
+    canvas.get_layout_engine().set(wspace=0.06, hspace=0.04)
+    canvas.suptitle("Times over that of this module: shorter is faster (logarithmic)", fontsize=15)
+    kinds = {"this module": BLUE, "does the whole work": DARK, "a part that nobody can save": LIGHT}
+    canvas.legend(
+        [pyplot.Line2D([], [], color=colour, marker="o", lw=3) for colour in kinds.values()],
+        list(kinds),
+        loc="outside lower center",
+        ncols=len(kinds),
+        fontsize=12,
+        frameon=False,
+    )
     PICTURE.parent.mkdir(parents=True, exist_ok=True)
-    canvas.savefig(PICTURE, dpi=120)
+    canvas.savefig(PICTURE, dpi=110)
     pyplot.close(canvas)
 
 
 def draw_panel(panel: Any, group: Sequence[Figure]) -> None:
-    """A dot for each contender, on a line from where this module stands."""
-    first, *rest = group
-    panel.axvline(1.0, color=BLUE, linewidth=1.0)
-    panel.plot(1.0, 0, "o", color=BLUE)
-    for place, figure in enumerate(rest, start=1):
+    """A line for each contender, from where this module stands; the parts of the work first."""
+    first, *others = group
+    rest = sorted(others, key=lambda figure: not figure.floor)
+    panel.axvline(1.0, color=BLUE, linewidth=1.5)
+    for place, figure in enumerate((first, *rest)):
         ratio = figure.median / first.median
-        colour = LIGHT if figure.floor else DARK
-        panel.hlines(place, 1.0, ratio, color=colour)
+        colour = BLUE if figure is first else LIGHT if figure.floor else DARK
+        panel.hlines(place, 1.0, ratio, color=colour, linewidth=3)
         panel.plot(ratio, place, "o", color=colour)
-        beside = (
-            {"xytext": (6, 0), "ha": "left"} if ratio >= 1.0 else {"xytext": (-6, 0), "ha": "right"}
-        )
+        text = f"{_number(first.median)} {first.unit}" if figure is first else f"{ratio:.3g} x"
+        beside = 8 if ratio >= 1.0 else -8
         panel.annotate(
-            f"{ratio:.3g}",
+            text,
             (ratio, place),
+            xytext=(beside, 0),
             textcoords="offset points",
+            ha="left" if ratio >= 1.0 else "right",
             va="center",
-            fontsize=8,
-            **beside,
+            fontsize=12,
+            color=colour if figure is first else "black",
         )
-    ratios = [figure.median / first.median for figure in group]
     panel.set_xscale("log")
-    panel.set_xlim(min(*ratios, 0.5) / 3, max(*ratios, 2.0) * 3)
     panel.xaxis.set_major_formatter("{x:g}")
     panel.minorticks_off()
-    panel.set_yticks(range(len(group)), [figure.contender for figure in group])
+    panel.grid(axis="x", color="#e6eaed")
+    panel.set_axisbelow(True)
+    panel.set_yticks(range(len(group)), [figure.contender for figure in (first, *rest)])
     panel.set_ylim(len(group) - 0.5, -0.5)
-    panel.set_title(f"{first.workload}: 1 = {_number(first.median)} {first.unit}", fontsize=9)
-    panel.tick_params(labelsize=8)
-    panel.spines[["top", "right"]].set_visible(False)
+    panel.set_title(first.workload, fontsize=12, loc="left", fontweight="bold")
+    panel.tick_params(labelsize=12, length=0)
+    panel.spines[["top", "right", "left"]].set_visible(False)
 
 
 def main() -> None:

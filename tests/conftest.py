@@ -4,10 +4,14 @@ from __future__ import annotations
 
 import importlib
 import os
-from types import ModuleType
+import signal
+from collections.abc import Generator
+from types import FrameType, ModuleType
 
 import pytest
 
+#: Seconds of the processor's time for a test. A busy machine takes none of it.
+LIMIT = 300.0
 MODULES = {
     "native": "quernbrook.simulator_engine.expression_evaluator",
     "reference": "reference_evaluator",
@@ -23,3 +27,21 @@ def evaluator(request: pytest.FixtureRequest) -> ModuleType:
     if chosen not in {request.param, "both"}:
         pytest.skip(f"EVALUATOR_TESTS={chosen} leaves out the {request.param} evaluator")
     return importlib.import_module(MODULES[request.param])
+
+
+@pytest.hookimpl(wrapper=True)
+def pytest_runtest_protocol(item: pytest.Item) -> Generator[None, object, object]:
+    """Ends a test that takes too much of the processor's time, all threads taken together."""
+    marker = item.get_closest_marker("processor_time")
+    limit = LIMIT if marker is None else float(marker.args[0])
+
+    def end(signal_number: int, frame: FrameType | None) -> None:
+        pytest.fail(f"it took more than {limit:g} s of the processor's time")
+
+    before = signal.signal(signal.SIGPROF, end)
+    signal.setitimer(signal.ITIMER_PROF, limit)
+    try:
+        return (yield)
+    finally:
+        signal.setitimer(signal.ITIMER_PROF, 0.0)
+        signal.signal(signal.SIGPROF, before)

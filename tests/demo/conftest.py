@@ -19,7 +19,7 @@ RunDemo = Callable[..., "subprocess.CompletedProcess[str]"]
 def run_demo() -> RunDemo:
     def run(*arguments: object) -> subprocess.CompletedProcess[str]:
         command = [sys.executable, str(ROOT / "demo"), *map(str, arguments)]
-        return subprocess.run(command, capture_output=True, text=True, timeout=120)
+        return subprocess.run(command, capture_output=True, text=True)
 
     return run
 

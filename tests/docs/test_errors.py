@@ -148,6 +148,11 @@ def no_features() -> Any:
     return evaluate(number(1.0), EvaluationContext((), {}))
 
 
+@heading("IndexError: `tuple index out of range`")
+def the_forgotten_comma() -> Any:
+    return evaluate(feature("x"), EvaluationContext(MATRIX, {"x": 0}))
+
+
 @heading(
     "SchemaError: `Graph node '{path}' must be FunctionGraphNode; got {type_name}`",
     path="root.c1",

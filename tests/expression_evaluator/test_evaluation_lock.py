@@ -125,7 +125,7 @@ def test_two_threads_on_one_context_take_turns(evaluator: ModuleType) -> None:
 
 
 def test_two_contexts_run_at_the_same_time(evaluator: ModuleType) -> None:
-    meeting = threading.Barrier(2, timeout=10)
+    meeting = threading.Barrier(2, timeout=600)
     failures: list[BaseException] = []
 
     def meet(row: np.ndarray, context: Any) -> np.ndarray:

@@ -17,6 +17,8 @@ from support.registries import RecordingRegistry, entry
 from support.rolling_functions import RollingTotals
 from support.runs import make_context, same_bits
 
+pytestmark = pytest.mark.slow
+
 RANK, MULTIPLY = "latitudinal_rank", "numerical_multiply"
 LONGITUDINAL = ["longitudinal_mean", "longitudinal_std", "longitudinal_zscore"]
 ROW_LOOP = ["unused, but it closes the fast roads"]

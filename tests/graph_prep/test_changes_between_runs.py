@@ -303,6 +303,7 @@ def test_a_set_that_changes_the_record(evaluator: ModuleType) -> None:
 
 
 @pytest.mark.parametrize("place", [1, 2])
+@pytest.mark.slow
 @pytest.mark.parametrize("exchange", [True, False])
 @pytest.mark.parametrize(
     ("put", "back"), [*((put, put + later) for put in range(1, 8) for later in (1, 2, 99))]

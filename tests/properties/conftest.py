@@ -23,4 +23,5 @@ settings.load_profile(_PROFILE)
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     if _PROFILE == "long":
         for item in items:
+            item.add_marker(pytest.mark.processor_time(0))
             item.add_marker(pytest.mark.timeout(0))

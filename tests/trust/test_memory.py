@@ -20,6 +20,8 @@ from support.graphs import feature, reduction, rotation
 from support.leak_roads import FAILING_ROADS, GOOD_ROADS, Function, functions_registry
 from support.runs import counting_matrix, make_context, same_bits
 
+pytestmark = pytest.mark.slow
+
 RUNS = int(os.environ.get("MEMORY_TEST_RUNS", "2000"))
 ROADS = {**GOOD_ROADS, **FAILING_ROADS}
 #: A thousand levels deep; a tenth of the runs says as much.

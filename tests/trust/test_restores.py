@@ -182,7 +182,6 @@ def test_killed_at_every_step(path: Path) -> None:
         [sys.executable, "-m", killed_saves.__name__, str(path)],
         capture_output=True,
         text=True,
-        timeout=120,
     )
     assert finished.returncode == 0, finished.stderr
     found = [int(line) for line in finished.stdout.splitlines()]

@@ -28,7 +28,7 @@ def in_threads(*works: Callable[[], None]) -> None:
 
     def attempt(work: Callable[[], None]) -> None:
         try:
-            together.wait(timeout=30)
+            together.wait(timeout=600)
             work()
         except BaseException as failure:  # noqa: BLE001 - a thread must report everything
             failures.append(failure)
@@ -37,7 +37,7 @@ def in_threads(*works: Callable[[], None]) -> None:
     for thread in threads:
         thread.start()
     for thread in threads:
-        thread.join(timeout=60)
+        thread.join(timeout=600)
     assert not any(thread.is_alive() for thread in threads), "a thread hangs"
     assert failures == []
 

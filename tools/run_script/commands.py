@@ -9,14 +9,12 @@ from collections.abc import Callable, Sequence
 from pathlib import Path
 
 import compiler
-from environment import NATIVE_BUILD, PYTHON, ROOT, VENV, prepare
+import system_packages
+from environment import build_folder, prepare, python, tool
 from messages import Failure, note
+from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROOT
 
 DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
-KERNEL_TESTS = ROOT / "tests" / "kernels"
-# They run the demonstration, the guide and this script, not the module from the build.
-NOT_SANITIZED = {"demo", "docs", "run_script"}
-MODULE = "quernbrook.simulator_engine.expression_evaluator"
 
 
 def demo(arguments: Sequence[str]) -> int:
@@ -25,31 +23,40 @@ def demo(arguments: Sequence[str]) -> int:
 
 
 def test(arguments: Sequence[str]) -> int:
-    # The tests run the demonstration and the code in the guide, too.
+    # The tests run the demonstration and the code on the pages, too.
     prepare(["build", "test", "demo", "docs"])
-    kernels = 0
-    if not arguments and (KERNEL_TESTS / "CMakeLists.txt").is_file():
-        ensure_doctest()
-        build = NATIVE_BUILD.with_name(f"{NATIVE_BUILD.name}-kernels")
-        kernels = cmake_build(KERNEL_TESTS, build) or tool(
+    others = list(arguments)
+    quick = "--quick" in others
+    if quick:
+        others.remove("--quick")
+    cpp_failed = 0 if others else cpp_tests()
+    options = ["-m", "not slow", "--numprocesses=2"] if quick else []
+    failed = python("-m", "pytest", *options, *others)
+    if cpp_failed:
+        note("C++ tests failed; their output stands above pytest's.")
+    return failed or cpp_failed
+
+
+def cpp_tests() -> int:
+    if not doctest_is_there():
+        system_packages.install("doctest-dev", "doctest is missing")
+    if not doctest_is_there():
+        note(
+            "the C++ tests are skipped: they need doctest (on Debian, 'apt-get install "
+            "doctest-dev')."
+        )
+        return 0
+    failed = 0
+    for source in CPP_TESTS:
+        build = build_folder(f"tests-{source.name}")
+        failed |= cmake_build(source, build) or tool(
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
-    failed = python("-m", "pytest", *arguments)
-    if kernels != 0:
-        note("C++ tests failed; their output stands above pytest's.")
-    return failed or kernels
+    return failed
 
 
-def ensure_doctest() -> None:
-    """The C++ tests' framework is a Debian package; root on Debian gets it installed."""
-    if any(Path(folder, "doctest/doctest.h").is_file() for folder in DOCTEST_FOLDERS):
-        return
-    if os.geteuid() == 0 and shutil.which("apt-get"):
-        note("doctest is missing; installing doctest-dev with apt-get")
-        install = "apt-get update && apt-get install -y doctest-dev"
-        if subprocess.run(install, shell=True, capture_output=True).returncode == 0:
-            return
-    raise Failure("the C++ tests need doctest: on Debian, 'apt-get install doctest-dev'.")
+def doctest_is_there() -> bool:
+    return any(Path(folder, "doctest", "doctest.h").is_file() for folder in DOCTEST_FOLDERS)
 
 
 def bench(arguments: Sequence[str]) -> int:
@@ -115,9 +122,9 @@ def check(arguments: Sequence[str]) -> int:
         "bare C API": lambda: python(str(ROOT / "tools" / "bare_c_api.py")),
         "clang-format": lambda: tool("clang-format", "--dry-run", "--Werror", *cpp_files()),
         "mypy": lambda: python("-m", "mypy"),
-        "stubtest": lambda: python("-m", "mypy.stubtest", MODULE),
+        "stubtest": lambda: python("-m", "mypy.stubtest", *COMPILED_MODULES),
         "compiler warnings": lambda: cmake_build(
-            ROOT, ROOT / "build" / "check", "-DEXPRESSION_EVALUATOR_WARNINGS_AS_ERRORS=ON"
+            ROOT, build_folder("check"), "-DEXPRESSION_EVALUATOR_WARNINGS_AS_ERRORS=ON"
         ),
     }
     faulty = []
@@ -145,7 +152,7 @@ def long_property_tests() -> int:
 
 def sanitize() -> int:
     """The tests of the module on a build that stops at the first bad access or undefined step."""
-    build = ROOT / "build" / "sanitize"
+    build = build_folder("sanitize")
     site = build / "site"
     built = cmake_build(
         ROOT,
@@ -155,13 +162,13 @@ def sanitize() -> int:
     ) or tool("cmake", "--install", str(build), "--prefix", str(site))
     if built != 0:
         return built
-    folders = sorted(path for path in (ROOT / "tests").iterdir() if any(path.glob("test_*.py")))
+    folders = sorted(path for path in (ROOT / "tests").iterdir() if any(path.rglob("test_*.py")))
     return python(
         "-m",
         "pytest",
         *(str(folder) for folder in folders if folder.name not in NOT_SANITIZED),
         # It counts the blocks of the interpreter's own pools, which are switched off below.
-        "--ignore=tests/expression_evaluator/test_reference_leaks.py",
+        "--ignore=tests/trust/test_reference_leaks.py",
         EVALUATOR_TESTS="native",
         # Before the installed module.
         PYTHONPATH=os.pathsep.join([str(site), str(ROOT / "reference_host")]),
@@ -185,26 +192,15 @@ def runtime_library(name: str) -> str:
 def cpp_files() -> list[str]:
     return [
         str(path)
-        for folder in (ROOT / "simulator_engine", KERNEL_TESTS)
+        for folder in CPP_FOLDERS
         for path in sorted(folder.rglob("*"))
-        if path.suffix in {".cpp", ".hpp"}
+        if path.suffix in {".cpp", ".hpp", ".h"}
     ]
 
 
 def cmake_build(source: Path, build: Path, *options: str) -> int:
     configure = ["-S", str(source), "-B", str(build), "-G", "Ninja", *options]
     return tool("cmake", *configure) or tool("cmake", "--build", str(build))
-
-
-def python(*arguments: str, **variables: str) -> int:
-    return tool("python", *arguments, **variables)
-
-
-def tool(name: str, *arguments: str, **variables: str) -> int:
-    """Run a program of the environment in the project's folder, as if it were active."""
-    path = f"{PYTHON.parent}{os.pathsep}{os.environ.get('PATH', os.defpath)}"
-    env = {**os.environ, "PATH": path, "VIRTUAL_ENV": str(VENV), **variables}
-    return subprocess.run([PYTHON.parent / name, *arguments], cwd=ROOT, env=env).returncode
 
 
 COMMANDS = {"demo": demo, "test": test, "bench": bench, "check": check}

@@ -2,25 +2,28 @@
 
 import os
 import shlex
-import shutil
 import subprocess
 import tempfile
 from pathlib import Path
 
-from messages import Failure, note
+import system_packages
+from messages import Failure
 
 TEST_PROGRAM = """\
 #include <bit>
 #include <concepts>
 #include <span>
 #include <string>
+#include <utility>
 
 template <std::integral Number>
 int width_of(std::span<const Number> numbers) { return std::bit_width(numbers[0]); }
 
 int main() {
     const unsigned numbers[] = {8};
-    return width_of<unsigned>(numbers) == 4 && std::string("a").starts_with('a') ? 0 : 1;
+    const auto [prefix, width] = std::pair('a', 4);
+    const auto starts = [&] { return std::string("a").starts_with(prefix); };
+    return width_of<unsigned>(numbers) == width && starts() ? 0 : 1;
 }
 """
 
@@ -32,20 +35,12 @@ def find() -> str:
         if compiles(chosen):
             return chosen
         raise Failure(
-            f"CXX={chosen} does not compile C++20: name a compiler that does (GCC 11 or Clang 14 "
+            f"CXX={chosen} does not compile C++20: name a compiler that does (GCC 11 or Clang 16 "
             "and newer), or unset CXX."
         )
     found = first_working()
-    if found is None and os.geteuid() == 0 and shutil.which("apt-get"):
-        note("no C++20 compiler found; installing g++ with apt-get")
-        install = "apt-get update && apt-get install -y g++"
-        subprocess.run(
-            ["sh", "-c", install],
-            env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"},
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            check=False,
-        )
+    if found is None:
+        system_packages.install("g++", "no C++20 compiler found")
         found = first_working()
     if found is None:
         raise Failure(

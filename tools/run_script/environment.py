@@ -1,7 +1,7 @@
-"""The project's virtual environment: made, repaired and kept up to date.
+"""The project's virtual environment: made, and kept up to date.
 
-What stands in it is written down in a state file inside it, so that a call with nothing to do costs
-a few file listings.
+A record in it says which steps were carried out, and for what, so that a call with nothing to do
+costs a few file listings.
 """
 
 import fcntl
@@ -9,144 +9,92 @@ import hashlib
 import json
 import os
 import platform
-import shutil
 import subprocess
 import sys
-import sysconfig
-import tempfile
-from collections.abc import Iterable, Sequence
+from collections.abc import Callable, Iterable, Sequence
+from functools import partial
 from pathlib import Path
-from typing import Any
 
 import compiler
 from messages import Failure, note
+from project import DISTRIBUTIONS, ROOT, Distribution
 
-ROOT = Path(__file__).resolve().parents[2]
 VENV = ROOT / ".venv"
 PYTHON = VENV / "bin" / "python"
-STATE_FILE = VENV / "run-state.json"
-LOGS = ROOT / "build" / "logs"
-# A folder for each interpreter: objects of one are of no use to another.
-NATIVE_BUILD = ROOT / "build" / f"{sys.implementation.cache_tag}-{sysconfig.get_platform()}"
-NATIVE_SOURCES = ("pyproject.toml", "CMakeLists.txt", "simulator_engine")
-HOST = ROOT / "reference_host"
+RECORD_FILE = VENV / "run-record.json"
 # CMake reads these once, when it configures a build folder.
-TOOLCHAIN_VARIABLES = ("CXX", "CXXFLAGS", "LDFLAGS", "CMAKE_ARGS", "SKBUILD_CMAKE_DEFINE")
+TOOLCHAIN = {
+    name: os.environ[name]
+    for name in ("CXX", "CXXFLAGS", "LDFLAGS", "CMAKE_ARGS", "SKBUILD_CMAKE_DEFINE")
+    if os.environ.get(name)
+}
 
-State = dict[str, Any]
+#: Steps by name, each with what it was carried out for.
+Steps = dict[str, str]
 
 
 def prepare(groups: Sequence[str]) -> None:
-    """Bring the environment to where both distributions and the requirement groups stand in it."""
+    """Bring the environment to where the requirement groups and all distributions stand in it."""
     with open(ROOT / "run") as lock:
         # Two commands at once would install into one environment.
         fcntl.flock(lock, fcntl.LOCK_EX)
-        require_writable()
-        state = read_state()
-        requirements = {group: digest_of([requirement_file(group)]) for group in groups}
-        toolchain = {name: os.environ.get(name, "") for name in TOOLCHAIN_VARIABLES}
-        native = digest_of([ROOT / name for name in NATIVE_SOURCES])
-        host = digest_of([HOST])
-
-        missing = {
-            group for group in groups if state["requirements"].get(group) != requirements[group]
-        }
-        native_due = (
-            state["native"] != native or state["toolchain"] != toolchain or "build" in missing
-        )
-        host_due = state["host"] != host
-        if not (missing or native_due or host_due):
-            return
-
+        record = read_record()
+        interpreter = {"interpreter": f"{sys.executable} {platform.python_version()} {ROOT}"}
+        if is_due(interpreter, record):
+            record = {}
+        requirements = {f"{group} requirements": text_of(group) for group in groups}
+        installations = [(one, {one.name: state_of(one)}) for one in DISTRIBUTIONS]
         # Before minutes of downloads, not after them.
-        command = compiler.find() if native_due else ""
-        if not state["usable"]:
-            make_venv()
-        if missing:
-            install_requirements(groups, state)
-            state["requirements"] |= requirements
-            save(state)
-        if native_due:
-            if state["toolchain"] != toolchain:
-                shutil.rmtree(NATIVE_BUILD, ignore_errors=True)
-            install_native(command, state)
-            state |= {"native": native, "toolchain": toolchain}
-            save(state)
-        if host_due:
-            install_host(state)
-            state["host"] = host
-            save(state)
+        compiling = any(one.sources and is_due(step, record) for one, step in installations)
+        command = compiler.find() if compiling else ""
+
+        carry_out(interpreter, record, make_venv)
+        carry_out(requirements, record, partial(install_requirements, groups))
+        for one, step in installations:
+            carry_out(step, record, partial(install, one, command))
 
 
-def require_writable() -> None:
+def read_record() -> Steps:
+    if not PYTHON.exists():  # nor its base, to which it is a link
+        return {}
     try:
-        with tempfile.TemporaryFile(dir=ROOT):
-            pass
-        LOGS.mkdir(parents=True, exist_ok=True)
-    except OSError as error:
-        raise Failure(
-            f"the project's folder {ROOT} cannot be written to ({error.strerror}): copy it to one "
-            "that can, since .venv and build are made inside it."
-        ) from None
+        record: Steps = json.loads(RECORD_FILE.read_text())
+    except (OSError, ValueError):
+        return {}
+    return record
 
 
-def read_state() -> State:
-    """What stands in the environment; `usable` is false if it has to be made anew."""
-    nothing: State = {
-        "usable": False,
-        "root": str(ROOT),
-        "requirements": {},
-        "native": None,
-        "toolchain": None,
-        "host": None,
-        "distributions": [],
-    }
-    if not runs_on_this_interpreter():
-        return nothing
-    try:
-        state: State = json.loads(STATE_FILE.read_text())
-    except FileNotFoundError:
-        return nothing | {"usable": True}
-    except ValueError:
-        return nothing
-    # Scripts in an environment name its old place after a move; an installation that was killed
-    # leaves anything.
-    if state.keys() != nothing.keys() or state["root"] != str(ROOT) or not state["usable"]:
-        return nothing
-    if not set(state["distributions"]) <= set(distributions()):
-        return nothing | {"usable": True}
-    return state
+def is_due(steps: Steps, record: Steps) -> bool:
+    return not steps.items() <= record.items()
 
 
-def runs_on_this_interpreter() -> bool:
-    try:
-        answer = subprocess.run(
-            [PYTHON, "-c", "import pip, sys; print(sys._base_executable, *sys.version_info[:3])"],
-            capture_output=True,
-            stdin=subprocess.DEVNULL,
-            text=True,
-            check=True,
-        )
-    except (OSError, subprocess.CalledProcessError):
-        return False
-    executable, *version = answer.stdout.rsplit(maxsplit=3)
-    return (os.path.realpath(executable), ".".join(version)) == (
-        os.path.realpath(sys.executable),
-        platform.python_version(),
-    )
+def carry_out(steps: Steps, record: Steps, action: Callable[[], None]) -> None:
+    """Unless that was done for the very same. What is cut short stays due."""
+    if not is_due(steps, record):
+        return
+    if any(name in record for name in steps):
+        for name in steps:
+            record.pop(name, None)
+        RECORD_FILE.write_text(json.dumps(record))
+    action()
+    record |= steps
+    RECORD_FILE.write_text(json.dumps(record))
 
 
-def save(state: State) -> None:
-    state["distributions"] = distributions()
-    STATE_FILE.write_text(json.dumps(state, indent=1))
-
-
-def distributions() -> list[str]:
-    return sorted(path.name for path in VENV.glob("lib/python*/site-packages/*.dist-info"))
+def text_of(group: str) -> str:
+    return requirement_file(group).read_text()
 
 
 def requirement_file(group: str) -> Path:
     return ROOT / "requirements" / f"{group}.txt"
+
+
+def state_of(distribution: Distribution) -> str:
+    """Changes whenever the distribution must be installed anew."""
+    if not distribution.sources:
+        return (distribution.folder / "pyproject.toml").read_text()
+    files = digest_of([*distribution.sources, requirement_file("build")])
+    return f"{files} {json.dumps(TOOLCHAIN)}"
 
 
 def digest_of(roots: Iterable[Path]) -> str:
@@ -154,7 +102,7 @@ def digest_of(roots: Iterable[Path]) -> str:
     digest = hashlib.sha256()
     for root in roots:
         for path in [root, *sorted(root.rglob("*"))]:
-            if path.is_file() and "__pycache__" not in path.parts:
+            if path.is_file():
                 status = path.stat()
                 digest.update(f"{path}\0{status.st_size}\0{status.st_mtime_ns}\0".encode())
     return digest.hexdigest()
@@ -163,64 +111,48 @@ def digest_of(roots: Iterable[Path]) -> str:
 def make_venv() -> None:
     note(f"making .venv with CPython {platform.python_version()}")
     command = [sys.executable, "-m", "venv", "--clear", str(VENV)]
-    log = LOGS / "venv.log"
-    if not logged(command, log):
-        show(log)
-        raise Failure(f"the virtual environment .venv could not be made (see {log}).")
+    if subprocess.run(command, stdin=subprocess.DEVNULL).returncode != 0:
+        raise Failure("the virtual environment .venv could not be made; see above.")
 
 
-def install_requirements(groups: Sequence[str], state: State) -> None:
+def install_requirements(groups: Sequence[str]) -> None:
     note(f"installing packages from PyPI: {', '.join(groups)}")
-    arguments = [argument for group in groups for argument in ("-r", str(requirement_file(group)))]
-    pip_install(arguments, LOGS / "requirements.log", state)
+    pip_install(*(f"--requirement={requirement_file(group)}" for group in groups))
 
 
-def install_native(command: str, state: State) -> None:
-    note(f"building the module with {command}")
-    build_dir = f"--config-settings=build-dir={NATIVE_BUILD}"
-    arguments = ["--no-build-isolation", build_dir, str(ROOT)]
-    pip_install(arguments, LOGS / "native.log", state, CXX=command)
-
-
-def install_host(state: State) -> None:
-    note("installing the reference host")
-    pip_install(["--no-build-isolation", str(HOST)], LOGS / "host.log", state)
-
-
-def pip_install(arguments: Sequence[str], log: Path, state: State, **variables: str) -> None:
-    """Run pip; a run that is killed leaves an environment marked as not usable."""
-    save(state | {"usable": False})
-    command = [str(PYTHON), "-m", "pip", "install", "--no-input", "--disable-pip-version-check"]
-    done = logged([*command, *arguments], log, **variables)
-    state["usable"] = True
-    save(state)
-    if done:
+def install(distribution: Distribution, command: str) -> None:
+    folder = str(distribution.folder)
+    if not distribution.sources:
+        pip_install("--no-build-isolation", "--editable", folder)
         return
-    output = log.read_text(errors="replace")
-    if "connection broken by" in output or "Failed to establish a new connection" in output:
+    note(f"building {distribution.name} with {command}")
+    build = f"--config-settings=build-dir={build_folder(distribution.name)}"
+    pip_install("--no-build-isolation", build, folder, CXX=command)
+
+
+def build_folder(name: str) -> Path:
+    """A folder for each interpreter and compiler: objects of one are of no use to another."""
+    kind = f"{name}-{sys.implementation.cache_tag}"
+    if TOOLCHAIN:
+        kind += f"-{hashlib.sha256(json.dumps(TOOLCHAIN).encode()).hexdigest()[:8]}"
+    return ROOT / "build" / kind
+
+
+def pip_install(*arguments: str, **variables: str) -> None:
+    options = ["--quiet", "--no-input", "--disable-pip-version-check"]
+    if python("-m", "pip", "install", *options, *arguments, **variables) != 0:
         raise Failure(
-            "PyPI could not be reached: connect this machine to the network, or point pip at a "
-            f"mirror with PIP_INDEX_URL (pip's output: {log})."
+            "pip could not install what the command needs; see above. It takes packages from "
+            "PyPI, or from the mirror that PIP_INDEX_URL names."
         )
-    show(log)
-    raise Failure(f"pip could not install what the command needs (the whole output: {log}).")
 
 
-def logged(command: Sequence[str], log: Path, **variables: str) -> bool:
-    """Run a command with its output in a file, as a shell with the environment active would."""
+def python(*arguments: str, **variables: str) -> int:
+    return tool("python", *arguments, **variables)
+
+
+def tool(name: str, *arguments: str, **variables: str) -> int:
+    """Run a program of the environment in the project's folder, as if it were active."""
     path = f"{PYTHON.parent}{os.pathsep}{os.environ.get('PATH', os.defpath)}"
     env = {**os.environ, "PATH": path, "VIRTUAL_ENV": str(VENV), **variables}
-    with open(log, "w") as output:
-        finished = subprocess.run(
-            command,
-            env=env,
-            stdin=subprocess.DEVNULL,
-            stdout=output,
-            stderr=subprocess.STDOUT,
-            check=False,
-        )
-    return finished.returncode == 0
-
-
-def show(log: Path) -> None:
-    print(*log.read_text(errors="replace").splitlines()[-60:], sep="\n", file=sys.stderr)
+    return subprocess.run([PYTHON.parent / name, *arguments], cwd=ROOT, env=env).returncode

@@ -1,4 +1,4 @@
-"""The code on the pages of the documentation runs, top to bottom, and prints what they show."""
+"""The code on the pages of the documentation and in READMEs runs, and prints what they show."""
 
 from __future__ import annotations
 
@@ -10,12 +10,17 @@ from pathlib import Path
 from types import ModuleType
 
 import pytest
+import structlog
 from sybil import Document, Example, Sybil
 from sybil.evaluators.python import PythonEvaluator
 from sybil.parsers.markdown import CodeBlockParser
 
-DOCS = Path(__file__).parents[2] / "docs"
-PAGES = sorted(path for path in DOCS.rglob("*.md") if "```python\n" in path.read_text("utf-8"))
+ROOT = Path(__file__).parents[2]
+PAGES = sorted(
+    path
+    for path in (ROOT / "README.md", *ROOT.glob("[a-z]*/README.md"), *ROOT.glob("docs/**/*.md"))
+    if "```python\n" in path.read_text("utf-8")
+)
 
 run_block = PythonEvaluator()
 
@@ -50,23 +55,27 @@ def main_module(monkeypatch: pytest.MonkeyPatch) -> Iterator[ModuleType]:
     """A module that the blocks of one page share, importable as a script's __main__ is."""
     module = ModuleType("page_of_the_guide")
     monkeypatch.setitem(sys.modules, module.__name__, module)
+    logging = structlog.get_config()
     yield module
+    structlog.configure(**logging)
 
 
 def test_there_are_pages() -> None:
-    assert {page.relative_to(DOCS).as_posix() for page in PAGES} >= {
-        "index.md",
-        "guide/filters.md",
-        "guide/functions.md",
-        "guide/graphs.md",
-        "guide/host.md",
-        "guide/reductions.md",
-        "guide/registry.md",
-        "guide/running.md",
+    assert {page.relative_to(ROOT).as_posix() for page in PAGES} >= {
+        "README.md",
+        "reference_host/README.md",
+        "docs/index.md",
+        "docs/guide/filters.md",
+        "docs/guide/functions.md",
+        "docs/guide/graphs.md",
+        "docs/guide/host.md",
+        "docs/guide/reductions.md",
+        "docs/guide/registry.md",
+        "docs/guide/running.md",
     }
 
 
-@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.relative_to(DOCS).as_posix())
+@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.relative_to(ROOT).as_posix())
 def test_page(
     path: Path, main_module: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:

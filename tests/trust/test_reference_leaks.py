@@ -20,6 +20,8 @@ from support.leak_roads import FAILING_ROADS, GOOD_ROADS, Function
 from support.registries import RecordingRegistry, entry
 from support.runs import bind_all, counting_matrix, make_context
 
+pytestmark = pytest.mark.slow
+
 REPEATS = 100
 
 

@@ -1,0 +1,101 @@
+"""What ./run does again and what not, and what it does without."""
+
+from __future__ import annotations
+
+import re
+import sys
+from pathlib import Path
+from types import ModuleType
+from typing import Any
+
+import pytest
+
+ROOT = Path(__file__).parents[2]
+
+
+@pytest.fixture
+def environment(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> ModuleType:
+    monkeypatch.syspath_prepend(str(ROOT / "tools" / "run_script"))
+    import environment
+
+    monkeypatch.setattr(environment, "RECORD_FILE", tmp_path / "record.json")
+    monkeypatch.setattr(environment, "PYTHON", Path(sys.executable))
+    return environment
+
+
+@pytest.fixture
+def commands(environment: ModuleType) -> ModuleType:
+    import commands
+
+    return commands
+
+
+def test_a_step_is_carried_out_once_for_the_same(environment: Any) -> None:
+    done: list[str] = []
+    for state in ("one", "one", "two", "two", "one"):
+        record = environment.read_record()
+        environment.carry_out(
+            {"a": state, "b": "b"}, record, lambda state=state: done.append(state)
+        )
+    assert done == ["one", "two", "one"]
+
+
+def test_a_step_that_fails_stays_due(environment: Any) -> None:
+    def fail() -> None:
+        raise environment.Failure("no network")
+
+    for before in ({}, {"a": "one"}):
+        record = dict(before)
+        environment.carry_out({"other": "x"}, record, lambda: None)
+        with pytest.raises(environment.Failure):
+            environment.carry_out({"a": "two"}, record, fail)
+        assert environment.read_record() == {"other": "x"}
+
+
+def test_a_damaged_record_makes_all_due(environment: Any) -> None:
+    environment.RECORD_FILE.write_text('{"a": ')
+    assert environment.read_record() == {}
+
+
+def test_sources_that_change_are_seen(environment: Any, tmp_path: Path) -> None:
+    source = tmp_path / "folder" / "a.cpp"
+    source.parent.mkdir()
+    seen = set()
+    for text in ("", "1", "2"):
+        source.write_text(text)
+        seen.add(environment.digest_of([tmp_path / "folder"]))
+    source.rename(source.with_name("b.cpp"))
+    seen.add(environment.digest_of([tmp_path / "folder"]))
+    assert len(seen) == 4
+    assert environment.digest_of([tmp_path / "folder"]) in seen
+
+
+def test_every_distribution_is_installed_from_its_folder(environment: Any) -> None:
+    named = {distribution.folder for distribution in environment.DISTRIBUTIONS}
+    assert named == {ROOT, *(file.parent for file in ROOT.glob("*/pyproject.toml"))}
+
+
+def test_without_doctest_a_note_tells_that_tests_are_skipped(
+    commands: Any, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    asked: list[str] = []
+    monkeypatch.setattr(commands, "DOCTEST_FOLDERS", ())
+    monkeypatch.setattr(
+        commands.system_packages, "install", lambda package, reason: asked.append(package)
+    )
+    assert commands.cpp_tests() == 0
+    assert asked == ["doctest-dev"]
+    note = capsys.readouterr().err
+    assert note.startswith("run: the C++ tests are skipped: they need doctest")
+    assert "apt-get install doctest-dev" in note
+
+
+def test_what_quick_leaves_out_is_listed() -> None:
+    marked = {
+        file.relative_to(ROOT).as_posix()
+        for file in (ROOT / "tests").rglob("test_*.py")
+        if "pytest.mark.slow" in file.read_text() and file != Path(__file__)
+    }
+    section = (ROOT / "CONTRIBUTING.md").read_text().split("--quick` leaves out", 1)[1]
+    listed = section.split("\n\n", 2)[1]
+    assert set(re.findall(r"`(tests/\S+?\.py)`", listed)) == marked != set()
