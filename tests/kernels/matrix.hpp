@@ -10,25 +10,30 @@
 #include <utility>
 #include <vector>
 
+#include "kernels/matrix_view.hpp"
+
 namespace kernel_tests {
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
+/// For kernels that are to go on.
+inline void no_pause() {}
+
 /// A matrix in memory of any layout.
 struct Matrix {
   std::size_t rows;
   std::size_t columns;
-  std::ptrdiff_t row_step;
-  std::ptrdiff_t column_step;
+  std::ptrdiff_t row_stride;
+  std::ptrdiff_t column_stride;
   std::vector<double> memory;
   std::ptrdiff_t origin = 0;
 
   Matrix(std::size_t row_count, std::size_t column_count, std::vector<double> cells = {})
       : rows(row_count),
         columns(column_count),
-        row_step(static_cast<std::ptrdiff_t>(column_count)),
-        column_step(1),
+        row_stride(static_cast<std::ptrdiff_t>(column_count)),
+        column_stride(1),
         memory(std::move(cells)) {
     memory.resize(rows * columns);
   }
@@ -36,9 +41,14 @@ struct Matrix {
   const double* data() const { return memory.data() + origin; }
   double* data() { return memory.data() + origin; }
 
+  quernbrook::kernels::MatrixView view() const {
+    return {data(), row_stride, column_stride, static_cast<std::ptrdiff_t>(rows),
+            static_cast<std::ptrdiff_t>(columns)};
+  }
+
   const double& at(std::size_t row, std::size_t column) const {
-    return data()[static_cast<std::ptrdiff_t>(row) * row_step +
-                  static_cast<std::ptrdiff_t>(column) * column_step];
+    return data()[static_cast<std::ptrdiff_t>(row) * row_stride +
+                  static_cast<std::ptrdiff_t>(column) * column_stride];
   }
   double& at(std::size_t row, std::size_t column) {
     return const_cast<double&>(std::as_const(*this).at(row, column));
@@ -54,17 +64,17 @@ inline Matrix laid_out(const Matrix& source, Layout layout) {
   Matrix copy(source.rows, source.columns);
   switch (layout) {
     case Layout::column_major:
-      copy.row_step = 1;
-      copy.column_step = rows;
+      copy.row_stride = 1;
+      copy.column_stride = rows;
       break;
     case Layout::spaced:
-      copy.row_step = 4 * columns;
-      copy.column_step = 2;
+      copy.row_stride = 4 * columns;
+      copy.column_stride = 2;
       copy.memory.resize(static_cast<std::size_t>(4 * rows * columns));
       break;
     case Layout::reversed:
-      copy.row_step = -columns;
-      copy.column_step = -1;
+      copy.row_stride = -columns;
+      copy.column_stride = -1;
       copy.origin = rows * columns - 1;
       break;
   }

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "fast_paths/kernels/rolling.hpp"
+#include "kernels/rolling.hpp"
 #include "matrix.hpp"
 
 // The kernels once more, as plainly as they can be put: what they are compared with, bit for bit.

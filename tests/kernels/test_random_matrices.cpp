@@ -2,10 +2,10 @@
 
 #include <optional>
 
-#include "fast_paths/kernels/column_mean.hpp"
-#include "fast_paths/kernels/rank.hpp"
-#include "fast_paths/kernels/rolling.hpp"
-#include "fast_paths/kernels/universe_mask.hpp"
+#include "kernels/column_mean.hpp"
+#include "kernels/rank.hpp"
+#include "kernels/rolling.hpp"
+#include "kernels/universe_mask.hpp"
 #include "matrix.hpp"
 #include "plain_versions.hpp"
 
@@ -72,8 +72,8 @@ TEST_CASE("random matrices: rank") {
     const std::optional<Matrix> expected = plain_rank(masked ? plain_mask(data, universe) : data);
     Matrix actual(rows, columns);
     const bool done = quernbrook::kernels::rank_rows(
-        data.data(), data.row_step, data.column_step, masked ? universe.data() : nullptr,
-        universe.row_step, universe.column_step, actual.data(), rows, columns);
+        data.view(), masked ? universe.view() : quernbrook::kernels::MatrixView{}, actual.data(),
+        no_pause);
     REQUIRE(done == expected.has_value());
     if (done) CHECK(difference(actual, *expected) == "");
     ++(done ? ranked : tied);
@@ -94,8 +94,7 @@ TEST_CASE("random matrices: rolling statistics") {
     CAPTURE(window);
     for (const RollingStatistic statistic : statistics) {
       Matrix actual(data.rows, data.columns);
-      quernbrook::kernels::rolling(statistic, data.data(), data.row_step, data.column_step,
-                                   actual.data(), data.rows, data.columns, window);
+      quernbrook::kernels::rolling(statistic, data.view(), window, actual.data(), no_pause);
       CHECK(difference(actual, plain_rolling(statistic, data, window)) == "");
     }
   }
@@ -108,8 +107,7 @@ TEST_CASE("random matrices: universe mask") {
     const Matrix data = draw(chance, 1, chance.between(1, 60));
     const Matrix universe = draw_universe(chance, 1, data.columns);
     Matrix actual(1, data.columns);
-    quernbrook::kernels::mask_universe(data.data(), data.column_step, universe.data(),
-                                       universe.column_step, actual.data(), data.columns);
+    quernbrook::kernels::mask_universe(data.view().row(0), universe.view().row(0), actual.data());
     CHECK(difference(actual, plain_mask(data, universe)) == "");
   }
 }
@@ -123,11 +121,8 @@ TEST_CASE("random matrices: column mean") {
     for (double& cell : block.memory)
       cell = chance.one_in(5000) ? special(chance) : chance.normal();
     quernbrook::kernels::ColumnMean mean;
-    mean.begin(block.columns);
-    mean.add(block.data(), block.rows);
-    mean.end();
     Matrix actual(1, block.columns);
-    if (!mean.divide(block.data(), block.rows, actual.data())) continue;
+    if (!mean.mean(block.view(), actual.data())) continue;
     ++computed;
     CHECK(difference(actual, Matrix(1, block.columns, plain_column_mean(block))) == "");
   }

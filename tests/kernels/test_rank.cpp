@@ -13,9 +13,8 @@ namespace {
 std::optional<Matrix> rank(const Matrix& data, const Matrix* universe = nullptr) {
   Matrix result(data.rows, data.columns);
   const bool ranked = quernbrook::kernels::rank_rows(
-      data.data(), data.row_step, data.column_step, universe ? universe->data() : nullptr,
-      universe ? universe->row_step : 0, universe ? universe->column_step : 0, result.data(),
-      data.rows, data.columns);
+      data.view(), universe ? universe->view() : quernbrook::kernels::MatrixView{}, result.data(),
+      no_pause);
   return ranked ? std::optional(result) : std::nullopt;
 }
 

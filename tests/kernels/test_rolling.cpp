@@ -14,8 +14,7 @@ constexpr RollingStatistic statistics[] = {
 
 Matrix roll(RollingStatistic statistic, const Matrix& data, std::size_t window) {
   Matrix result(data.rows, data.columns);
-  quernbrook::kernels::rolling(statistic, data.data(), data.row_step, data.column_step,
-                               result.data(), data.rows, data.columns, window);
+  quernbrook::kernels::rolling(statistic, data.view(), window, result.data(), no_pause);
   return result;
 }
 

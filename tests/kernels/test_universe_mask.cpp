@@ -17,13 +17,13 @@ constexpr double masked[] = {1.0, nan, nan, nan, nan, -0.0};
 
 TEST_CASE("universe mask: zero and NaN are inactive, anything else is active") {
   double result[6];
-  quernbrook::kernels::mask_universe(data, 1, universe, 1, result, 6);
+  quernbrook::kernels::mask_universe({data, 1, 6}, {universe, 1, 6}, result);
   CHECK(std::equal(std::begin(result), std::end(result), std::begin(masked), same_bits));
 }
 
-TEST_CASE("universe mask: steps may be negative") {
+TEST_CASE("universe mask: strides may be negative") {
   double result[6];
-  quernbrook::kernels::mask_universe(data + 5, -1, universe + 5, -1, result, 6);
+  quernbrook::kernels::mask_universe({data + 5, -1, 6}, {universe + 5, -1, 6}, result);
   std::reverse(std::begin(result), std::end(result));
   CHECK(std::equal(std::begin(result), std::end(result), std::begin(masked), same_bits));
 }
@@ -31,7 +31,7 @@ TEST_CASE("universe mask: steps may be negative") {
 TEST_CASE("universe mask: the result may be the data") {
   double cells[6];
   std::copy(std::begin(data), std::end(data), std::begin(cells));
-  quernbrook::kernels::mask_universe(cells, 1, universe, 1, cells, 6);
+  quernbrook::kernels::mask_universe({cells, 1, 6}, {universe, 1, 6}, cells);
   CHECK(std::equal(std::begin(cells), std::end(cells), std::begin(masked), same_bits));
 }
 
