@@ -124,12 +124,12 @@ def sdist(session: nox.Session) -> None:
 
 
 def check_content(session: nox.Session, wheel: str) -> None:
-    """The module, its stub and the typing marker: anything more could shadow the host's files."""
+    """The module, and a folder of its stub: anything more could meet the host's files."""
     with ZipFile(wheel) as members:
         files = [member.filename for member in members.infolist() if not member.is_dir()]
     names = {name for name in files if ".dist-info/" not in name}
     modules = {name for name in names if name.endswith(".so")}
-    others = {f"{MODULE_DIR}expression_evaluator.pyi", f"{MODULE_DIR}py.typed"}
+    others = {f"{MODULE_DIR}expression_evaluator/{name}" for name in ("__init__.pyi", "py.typed")}
     if len(modules) != 1 or names - modules != others:
         session.error(f"{Path(wheel).name} holds {sorted(names)}")
     if not all(name.startswith(f"{MODULE_DIR}expression_evaluator.") for name in modules):

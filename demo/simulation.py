@@ -53,7 +53,7 @@ def run(market: Market, registry: FunctionRegistry, selection_days: int) -> Simu
     graph = strategy_graph()
     useful_signals = {name: signal.as_useful() for name, signal in signals.items()}
     context = market.context(slice(None), registry, useful_signals)
-    context._collect_node_outputs = True  # type: ignore[attr-defined]
+    context._collect_node_outputs = True
     begin = time.perf_counter()
     result = evaluate(graph, context)
     seconds = time.perf_counter() - begin

@@ -28,6 +28,19 @@ inline Register load(const Cell* cells) noexcept {
   return values;
 }
 
+// Some lanes of two registers, numbered through both: GCC before 12 lacks Clang's built-in.
+template <int... lanes>
+inline Quad shuffle(Quad left, Quad right) noexcept {
+#ifdef __clang__
+  return __builtin_shufflevector(left, right, lanes...);
+#else
+  return __builtin_shuffle(left, right, Quad{lanes...});
+#endif
+}
+
+// The lane that holds the low bits of the first double of a Pair.
+constexpr int low_lane = std::endian::native == std::endian::little ? 0 : 1;
+
 // Sorts by the digits from `first_shift` up. The sorted keys end in `keys`: passes come in twos.
 template <int first_shift, int digit_bits, int passes, class Key>
 void radix_sort(Key* keys, Key* spare, std::size_t count, std::uint32_t* counters) noexcept {
@@ -48,11 +61,11 @@ void radix_sort(Key* keys, Key* spare, std::size_t count, std::uint32_t* counter
     for (int pass = 0; pass < passes; ++pass) {
       std::uint32_t* counter = counters + static_cast<std::size_t>(pass) * digits + value;
       const Quad sizes = load<Quad>(counter);
-      Quad ends = sizes + __builtin_shufflevector(Quad{}, sizes, 0, 4, 5, 6);
-      ends += __builtin_shufflevector(Quad{}, ends, 0, 1, 4, 5);
+      Quad ends = sizes + shuffle<0, 4, 5, 6>(Quad{}, sizes);
+      ends += shuffle<0, 1, 4, 5>(Quad{}, ends);
       const Quad begins = begin[pass] + ends - sizes;
       std::memcpy(counter, &begins, sizeof begins);
-      begin[pass] += __builtin_shufflevector(ends, ends, 3, 3, 3, 3);
+      begin[pass] += shuffle<3, 3, 3, 3>(ends, ends);
     }
   }
   for (int pass = 0; pass < passes; ++pass) {
@@ -170,16 +183,15 @@ RowSorter::Outcome RowSorter::sort_by_value(const double* cells, const double* t
   std::size_t column = 0;
   for (; column + 4 <= columns_; column += 4) {
     if (column % 8 == 0) __builtin_prefetch(target + column, 1);
-    const Quad keys = __builtin_shufflevector(image(load<Pair>(cells + column)),
-                                              image(load<Pair>(cells + column + 2)), 0, 2, 4, 6)
-                          << column_bits |
-                      numbers;
+    const Quad images = shuffle<low_lane, low_lane + 2, low_lane + 4, low_lane + 6>(
+        image(load<Pair>(cells + column)), image(load<Pair>(cells + column + 2)));
+    const Quad keys = images << column_bits | numbers;
     std::memcpy(keys_.data() + column, &keys, sizeof keys);
     numbers += 4;
   }
   for (; column < columns_; ++column) {
-    keys_[column] =
-        image(Pair{cells[column], 0.0})[0] << column_bits | static_cast<std::uint32_t>(column);
+    const std::uint32_t key_image = image(Pair{cells[column], 0.0})[low_lane];
+    keys_[column] = key_image << column_bits | static_cast<std::uint32_t>(column);
   }
   counters_.resize(std::size_t{2} << digit_bits);
   radix_sort<column_bits, digit_bits, 2>(keys_.data(), spare_keys_.data(), columns_,

@@ -1,11 +1,11 @@
 #include <doctest/doctest.h>
 
 #include <algorithm>
-#include <numeric>
 #include <optional>
 
 #include "kernels/rank.hpp"
 #include "matrix.hpp"
+#include "plain_versions.hpp"
 
 namespace kernel_tests {
 namespace {
@@ -19,39 +19,8 @@ std::optional<Matrix> rank(const Matrix& data, const Matrix* universe = nullptr)
   return ranked ? std::optional(result) : std::nullopt;
 }
 
-// The plain formulation: a stable sort in which NaN stands for positive infinity.
-std::optional<Matrix> expected_rank(const Matrix& data) {
-  Matrix result(data.rows, data.columns);
-  for (std::size_t row = 0; row < data.rows; ++row) {
-    std::vector<double> filled(data.columns);
-    std::size_t count = 0;
-    for (std::size_t column = 0; column < data.columns; ++column) {
-      const double value = data.at(row, column);
-      filled[column] = std::isnan(value) ? infinity : value;
-      count += std::isnan(value) ? 0 : 1;
-    }
-    std::vector<std::size_t> order(data.columns);
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::stable_sort(order.begin(), order.end(), [&](std::size_t left, std::size_t right) {
-      return filled[left] < filled[right];
-    });
-    for (std::size_t place = 0; place < data.columns; ++place) {
-      const std::size_t column = order[place];
-      if (place > 0 && std::isfinite(filled[column]) &&
-          filled[column] == filled[order[place - 1]]) {
-        return std::nullopt;
-      }
-      result.at(row, column) = std::isnan(data.at(row, column)) ? nan
-                               : count == 1
-                                   ? 0.5
-                                   : static_cast<double>(place) / static_cast<double>(count - 1);
-    }
-  }
-  return result;
-}
-
 void check_rank(const Matrix& data) {
-  const std::optional<Matrix> expected = expected_rank(data);
+  const std::optional<Matrix> expected = plain_rank(data);
   const std::optional<Matrix> actual = rank(data);
   REQUIRE(expected.has_value());
   REQUIRE(actual.has_value());
@@ -133,7 +102,7 @@ TEST_CASE("rank: inactive cells count as NaN, also in a tie") {
   CHECK(difference(*actual, Matrix(2, 4, {nan, 0.0, 1.0, 0.5, 1.0, nan, nan, 0.0})) == "");
 }
 
-TEST_CASE("rank: widths with every number of key bits equal the plain formulation") {
+TEST_CASE("rank: widths with every number of key bits equal the plain version") {
   for (const std::size_t columns : {1, 2, 5, 255, 256, 257, 1024, 1025, 4096, 4097, 16385}) {
     CAPTURE(columns);
     check_rank(random_matrix(3, columns, static_cast<unsigned>(columns)));

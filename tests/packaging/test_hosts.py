@@ -31,7 +31,13 @@ def host(tmp_path: Path) -> Iterator[Path]:
     shutil.copytree(HOST, tmp_path / "quernbrook", ignore=shutil.ignore_patterns("__pycache__"))
     for folder in ("", "functions", "simulator_engine"):
         (tmp_path / "quernbrook" / folder / "__init__.py").touch()
-    shutil.copy(str(native.__file__), tmp_path / "quernbrook" / "simulator_engine")
+    engine = tmp_path / "quernbrook" / "simulator_engine"
+    shutil.copy(str(native.__file__), engine)
+    # The stub's folder, which has the name of the module.
+    shutil.copytree(
+        Path(str(native.__file__)).with_name("expression_evaluator"),
+        engine / "expression_evaluator",
+    )
     yield tmp_path
     shutil.rmtree(tmp_path)
 

@@ -161,7 +161,7 @@ def sanitize() -> int:
         "pytest",
         *(str(folder) for folder in folders if folder.name not in NOT_SANITIZED),
         # It counts the blocks of the interpreter's own pools, which are switched off below.
-        "--ignore=tests/expression_evaluator/test_reference_leaks.py",
+        "--ignore=tests/trust/test_reference_leaks.py",
         EVALUATOR_TESTS="native",
         # Before the installed module.
         PYTHONPATH=os.pathsep.join([str(site), str(ROOT / "reference_host")]),

@@ -14,13 +14,16 @@ TEST_PROGRAM = """\
 #include <concepts>
 #include <span>
 #include <string>
+#include <utility>
 
 template <std::integral Number>
 int width_of(std::span<const Number> numbers) { return std::bit_width(numbers[0]); }
 
 int main() {
     const unsigned numbers[] = {8};
-    return width_of<unsigned>(numbers) == 4 && std::string("a").starts_with('a') ? 0 : 1;
+    const auto [prefix, width] = std::pair('a', 4);
+    const auto starts = [&] { return std::string("a").starts_with(prefix); };
+    return width_of<unsigned>(numbers) == width && starts() ? 0 : 1;
 }
 """
 
@@ -32,7 +35,7 @@ def find() -> str:
         if compiles(chosen):
             return chosen
         raise Failure(
-            f"CXX={chosen} does not compile C++20: name a compiler that does (GCC 11 or Clang 14 "
+            f"CXX={chosen} does not compile C++20: name a compiler that does (GCC 11 or Clang 16 "
             "and newer), or unset CXX."
         )
     found = first_working()

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Mapping, Sequence
 from dataclasses import dataclass
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 
 class SchemaError(Exception):
@@ -28,6 +28,10 @@ class FunctionGraphNode:
     node: Any
     children: Sequence[FunctionGraphNode] | None
     config: Mapping[str, Any] | None
+    if TYPE_CHECKING:
+        # Attributes only of nodes that were given them, so that "has none" can be told from None.
+        canonical_id: str
+        _state_identity: str
 
     def __init__(
         self,

@@ -74,5 +74,5 @@ def _wrap(template: FunctionGraphNode, signal: FunctionGraphNode, path: str) -> 
             _wrap(child, signal, f"{path}.c{i}") for i, child in enumerate(node.children)
         ]
     if node.type in _STATE_KEYED_KINDS:
-        node._state_identity = path  # type: ignore[attr-defined]
+        node._state_identity = path
     return node

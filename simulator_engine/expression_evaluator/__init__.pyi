@@ -1,6 +1,6 @@
 """Expression evaluator implementation (MVP)."""
 
-from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from collections.abc import Callable, Iterable, Mapping, Sequence
 from contextlib import AbstractContextManager
 from dataclasses import dataclass, field
 from typing import Any, Protocol, overload
@@ -34,7 +34,13 @@ class _Context(Protocol):
     registers: Any
     extraction_buffer: Any
 
-class EvaluationContext:
+class _Open:
+    """A host may add attributes of its own, for its functions to read."""
+
+    def __getattr__(self, name: str) -> Any: ...
+    def __setattr__(self, name: str, value: Any) -> None: ...
+
+class EvaluationContext(_Open):
     feature_index: dict[str, int]
     useful_signals: dict[str, UsefulSignal]
     registry: RegistryProtocol | None
@@ -61,6 +67,11 @@ class EvaluationContext:
     features: Sequence[npt.NDArray[Any]]
     _skip_evaluation_shape_validation: bool
     _evaluation_lock: AbstractContextManager[Any]
+    # Not there until a host sets them; what a run does without them stands behind each.
+    _collect_node_outputs: bool  # True for runs with bound instances or precomputed outputs
+    _collect_states: bool  # True
+    _precomputed_node_outputs: Mapping[str, npt.ArrayLike] | None  # None
+    _precomputed_node_nan_source: Mapping[str, str] | None  # None
 
     def __init__(
         self,
@@ -85,7 +96,18 @@ class EvaluationContext:
     def __getstate__(self) -> dict[str, Any]: ...
     def __setstate__(self, state: Mapping[str, Any]) -> None: ...
 
-class EvaluationResult:
+class _Pair(tuple[_Matrix, dict[str, Any]]):
+    """No tuple when the program runs, but only for one do type checkers know what it unpacks to."""
+
+    def __new__(
+        cls,
+        weights: _Matrix,
+        states: dict[str, Any],
+        nan_source: dict[str, str] | None = None,
+        node_outputs: dict[str, _Matrix] | None = None,
+    ) -> Self: ...
+
+class EvaluationResult(_Pair):
     weights: _Matrix
     states: dict[str, Any]
     nan_source: dict[str, str]
@@ -98,13 +120,10 @@ class EvaluationResult:
         nan_source: dict[str, str] | None = None,
         node_outputs: dict[str, _Matrix] | None = None,
     ) -> None: ...
-    def __iter__(self) -> Iterator[Any]: ...
-    def __len__(self) -> int: ...
     @overload
-    def __getitem__(self, index: slice) -> tuple[Any, ...]: ...
+    def __array__(self, dtype: None = None) -> _Matrix: ...
     @overload
-    def __getitem__(self, index: int) -> Any: ...
-    def __array__(self, dtype: npt.DTypeLike | None = None) -> npt.NDArray[Any]: ...
+    def __array__(self, dtype: npt.DTypeLike) -> npt.NDArray[Any]: ...
     def __getattr__(self, name: str) -> Any: ...
 
 @dataclass
