@@ -19,7 +19,7 @@ void set_error(PyObject* exception) {
 
 Object take_pending_error() {
 #if PY_VERSION_HEX >= 0x030C0000
-  return Object::steal(PyErr_GetRaisedException());
+  return Object::steal(calling_python([] { return PyErr_GetRaisedException(); }));
 #else
   PyObject* type = nullptr;
   PyObject* value = nullptr;
@@ -27,8 +27,8 @@ Object take_pending_error() {
   calling_python([&] {
     PyErr_Fetch(&type, &value, &traceback);
     PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback != nullptr) PyException_SetTraceback(value, traceback);
   });
-  if (traceback != nullptr) PyException_SetTraceback(value, traceback);
   Object::steal_or_empty(type);
   Object::steal_or_empty(traceback);
   return Object::steal(value);
@@ -37,11 +37,11 @@ Object take_pending_error() {
 
 void restore_error(Object exception) {
 #if PY_VERSION_HEX >= 0x030C0000
-  PyErr_SetRaisedException(exception.release());
+  calling_python([&] { PyErr_SetRaisedException(exception.release()); });
 #else
   PyObject* type = Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())));
   PyObject* traceback = PyException_GetTraceback(exception);
-  PyErr_Restore(type, exception.release(), traceback);
+  calling_python([&] { PyErr_Restore(type, exception.release(), traceback); });
 #endif
 }
 

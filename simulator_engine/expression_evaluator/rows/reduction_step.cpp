@@ -69,7 +69,9 @@ Object ReductionStep::pnl_of(const Node& node, PyObject* passing_ids, Py_ssize_t
 
 /// Stateless reductions never reach their instance: they are the mean of the signals.
 Object ReductionStep::reduce(const Node& node, PyObject* input, PyObject* pnl) {
-  if (!is_stateful(node)) return buffer_.mean(input);
+  const bool is_mean = !is_stateful(node);
+  buffer_.check(input);
+  if (is_mean) return buffer_.mean(input);
   if (pnl == nullptr) return call(node.instance, input);
   return call_named(node.instance, run_.space.signal_pnl_keyword, input, pnl);
 }
