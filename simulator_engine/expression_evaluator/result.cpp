@@ -8,6 +8,7 @@
 #include "python/generator_function.hpp"
 #include "python/numbers.hpp"
 #include "python/protocol.hpp"
+#include "python/recursion.hpp"
 #include "python/text.hpp"
 
 namespace quernbrook::evaluation {
@@ -67,6 +68,7 @@ bool lacks_weights(const Namespace& space, PyObject* self, PyObject* name) {
 Object result_getattr(Namespace& space, PyObject* self, const CallArguments& arguments) {
   static constexpr Parameters<1> parameters{"EvaluationResult.__getattr__", {"name"}};
   const auto [name] = parameters.bind(arguments);
+  const RecursionLevel level(" while calling a Python object");
   if (lacks_weights(space, self, name)) {
     raise_text(PyExc_RecursionError, "maximum recursion depth exceeded");
   }

@@ -3,6 +3,7 @@
 #include "python/array.hpp"
 #include "python/call.hpp"
 #include "python/error.hpp"
+#include "python/gil.hpp"
 #include "python/items.hpp"
 #include "python/numbers.hpp"
 #include "python/protocol.hpp"
@@ -53,7 +54,9 @@ Object extract(const Namespace& space, PyObject* useful_signals, PyObject* passi
   const Py_ssize_t count = length(passing_ids);
   Object result = uninitialised(count, columns);
   const Object key = row_key(t);
+  Turns turns;
   for (Py_ssize_t place = 0; place < count; ++place) {
+    turns.offer();
     const Object id = item(passing_ids, integer(place));
     const Object weights = attribute(item(useful_signals, id), space.names.weights);
     const Object row = item(weights, key);

@@ -26,7 +26,7 @@ WalkPath::~WalkPath() {
 }
 
 void WalkPath::descend(Py_ssize_t position) {
-  enter_level();
+  enter_level(" while walking an expression graph");
   positions_.push_back(position);
 }
 

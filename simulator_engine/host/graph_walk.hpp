@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/graph_node.hpp"
+#include "python/gil.hpp"
 #include "python/items.hpp"
 
 namespace quernbrook::host {
@@ -55,9 +56,12 @@ template <class Enter, class Leave>
 void walk_graph(PyObject* graph, PyObject* root_path, Enter&& enter, Leave&& leave) {
   WalkPath path(root_path);
   path.descend(0);
+  // A graph that shares its children has many more paths than nodes.
+  python::Turns turns;
   std::vector<decltype(enter(graph, path))> frames;
   frames.push_back(enter(graph, path));
   while (!frames.empty()) {
+    turns.offer();
     const Object child = frames.back().children.next();
     if (child.empty()) {
       auto frame = std::move(frames.back());

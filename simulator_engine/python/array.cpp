@@ -30,10 +30,9 @@ bool is_writeable_block(PyObject* object, npy_intp columns) {
 }
 
 bool has_plain_dtype(PyObject* array) {
-  PyArray_Descr* plain = PyArray_DescrFromType(NPY_DOUBLE);
-  const bool is_plain = PyArray_DESCR(as_array(array)) == plain;
-  Py_DECREF(plain);
-  return is_plain;
+  const Object plain =
+      Object::steal(reinterpret_cast<PyObject*>(PyArray_DescrFromType(NPY_DOUBLE)));
+  return reinterpret_cast<PyObject*>(PyArray_DESCR(as_array(array))) == plain;
 }
 
 kernels::MatrixView view_of(PyObject* matrix) {
@@ -76,8 +75,10 @@ Object over_kept_block(npy_intp rows, npy_intp columns) {
                                                           give_back_block);
   if (block == nullptr) return {};
   npy_intp shape[] = {rows, columns};
-  Object array = Object::steal(PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr,
-                                           block.get(), 0, NPY_ARRAY_CARRAY, nullptr));
+  Object array = Object::steal(calling_python([&] {
+    return PyArray_New(&PyArray_Type, 2, shape, NPY_DOUBLE, nullptr, block.get(), 0,
+                       NPY_ARRAY_CARRAY, nullptr);
+  }));
   own_block(array, block.get(), count * sizeof(double));
   block.release();
   return array;
@@ -128,10 +129,12 @@ namespace {
 
 /// An array of doubles over the memory of another, with its writability.
 Object view(PyObject* base, int dimensions, npy_intp* shape, npy_intp* strides, void* cells) {
-  Object array = Object::steal(PyArray_NewFromDescr(
-      &PyArray_Type, PyArray_DescrFromType(NPY_DOUBLE), dimensions, shape, strides, cells,
-      PyArray_FLAGS(as_array(base)) & NPY_ARRAY_WRITEABLE, nullptr));
-  checked(PyArray_SetBaseObject(as_array(array), Py_NewRef(base)));
+  const int flags = PyArray_FLAGS(as_array(base)) & NPY_ARRAY_WRITEABLE;
+  Object array = Object::steal(calling_python([&] {
+    return PyArray_NewFromDescr(&PyArray_Type, PyArray_DescrFromType(NPY_DOUBLE), dimensions, shape,
+                                strides, cells, flags, nullptr);
+  }));
+  checked(calling_python([&] { return PyArray_SetBaseObject(as_array(array), Py_NewRef(base)); }));
   return array;
 }
 
@@ -148,6 +151,16 @@ Object first_rows_view(PyObject* matrix, npy_intp count) {
   PyArrayObject* array = as_array(matrix);
   npy_intp shape[] = {std::min(count, PyArray_DIM(array, 0)), PyArray_DIM(array, 1)};
   return view(matrix, 2, shape, PyArray_STRIDES(array), PyArray_DATA(array));
+}
+
+bool is_within_base(PyObject* view) {
+  PyObject* base = PyArray_BASE(as_array(view));
+  if (base == nullptr || !is_array(base)) return true;
+  const char* begin = PyArray_BYTES(as_array(view));
+  const char* base_begin = PyArray_BYTES(as_array(base));
+  return cell_count(view) == 0 ||
+         (begin >= base_begin &&
+          begin + PyArray_NBYTES(as_array(view)) <= base_begin + PyArray_NBYTES(as_array(base)));
 }
 
 Object row_key(npy_intp row) { return tuple_of(integer(row), slice(nullptr, nullptr)); }

@@ -73,6 +73,10 @@ Object row_view(PyObject* matrix, npy_intp row);
 /// `matrix[:count]`, a view, of a C-ordered matrix of doubles.
 Object first_rows_view(PyObject* matrix, npy_intp count);
 
+/// False for a view that lies, wholly or in part, outside the memory of the array behind it, which
+/// was resized since.
+bool is_within_base(PyObject* view);
+
 /// `view[...] = value`, with all of NumPy's rules for what may be assigned.
 inline void assign(PyObject* view, PyObject* value) {
   checked(calling_python([&] { return PyArray_CopyObject(as_array(view), value); }));

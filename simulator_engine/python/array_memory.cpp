@@ -135,8 +135,9 @@ PyDataMem_Handler handler{.name = "expression_evaluator",
 
 /// The capsule through which an array knows its handler.
 Object handler_capsule() {
-  static PyObject* const capsule =
-      Object::steal(PyCapsule_New(&handler, "mem_handler", nullptr)).release();
+  static PyObject* const capsule = Object::steal(calling_python([] {
+                                     return PyCapsule_New(&handler, "mem_handler", nullptr);
+                                   })).release();
   return Object::borrow(capsule);
 }
 
@@ -158,7 +159,8 @@ void own_block(PyObject* array, void* block, std::size_t size) {
   PyArray_ENABLEFLAGS(as_array(array), NPY_ARRAY_OWNDATA);
   // As NumPy does for its own: `tracemalloc` sees the arrays. NumPy ends it when it frees them.
   constexpr unsigned numpy_domain = 389047;  // numpy.lib.tracemalloc_domain
-  PyTraceMalloc_Track(numpy_domain, reinterpret_cast<std::uintptr_t>(block), size);
+  calling_python(
+      [&] { PyTraceMalloc_Track(numpy_domain, reinterpret_cast<std::uintptr_t>(block), size); });
 }
 
 }  // namespace quernbrook::python

@@ -46,7 +46,8 @@ bool ContextManager::exit(PyObject* type, PyObject* value, PyObject* traceback) 
   PyObject* arguments = exit_arguments_;
   Py_ssize_t place = 0;
   for (PyObject* argument : {type, value, traceback}) {
-    checked(PyTuple_SetItem(arguments, place++, Py_NewRef(argument)));
+    checked(
+        calling_python([&] { return PyTuple_SetItem(arguments, place++, Py_NewRef(argument)); }));
   }
   const Object swallows =
       Object::steal(calling_python([&] { return PyObject_Call(exit_, arguments, nullptr); }));

@@ -19,11 +19,11 @@ void set_error(PyObject* exception) {
 
 void restore_error(Object exception) {
 #if PY_VERSION_HEX >= 0x030C0000
-  PyErr_SetRaisedException(exception.release());
+  calling_python([&] { PyErr_SetRaisedException(exception.release()); });
 #else
   PyObject* type = Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exception.get())));
   PyObject* traceback = PyException_GetTraceback(exception);
-  PyErr_Restore(type, exception.release(), traceback);
+  calling_python([&] { PyErr_Restore(type, exception.release(), traceback); });
 #endif
 }
 
@@ -31,7 +31,7 @@ void restore_error(Object exception) {
 
 Object take_error() {
 #if PY_VERSION_HEX >= 0x030C0000
-  return Object::steal(PyErr_GetRaisedException());
+  return Object::steal(calling_python([] { return PyErr_GetRaisedException(); }));
 #else
   PyObject* type = nullptr;
   PyObject* value = nullptr;
@@ -39,8 +39,8 @@ Object take_error() {
   calling_python([&] {
     PyErr_Fetch(&type, &value, &traceback);
     PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback != nullptr) PyException_SetTraceback(value, traceback);
   });
-  if (traceback != nullptr) PyException_SetTraceback(value, traceback);
   Object::steal_or_empty(type);
   Object::steal_or_empty(traceback);
   return Object::steal(value);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "python/calling_python.hpp"
 #include "python/object.hpp"
 
 // Objects of the built-in types themselves, whose operations run no code of the host's.
@@ -30,7 +31,7 @@ inline bool is_plain_value(PyObject* object) {
 
 /// `hash(text)` of an exact text.
 inline std::size_t text_hash(PyObject* text) {
-  return static_cast<std::size_t>(PyObject_Hash(text));
+  return static_cast<std::size_t>(calling_python([&] { return PyObject_Hash(text); }));
 }
 
 /// The number of an exact float.

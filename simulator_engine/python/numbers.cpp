@@ -20,7 +20,7 @@ Py_ssize_t clamped_index_value(PyObject* object) {
 int int_value(PyObject* object) {
   const Object number = Object::steal(calling_python([&] { return PyNumber_Index(object); }));
   int overflow = 0;
-  const long value = PyLong_AsLongAndOverflow(number, &overflow);
+  const long value = calling_python([&] { return PyLong_AsLongAndOverflow(number, &overflow); });
   if (overflow != 0 || value != static_cast<int>(value)) {
     raise_text(PyExc_OverflowError, "value too large to convert to int");
   }
@@ -28,14 +28,15 @@ int int_value(PyObject* object) {
 }
 
 Py_ssize_t plain_index(PyObject* number) {
-  const Py_ssize_t value = PyLong_AsSsize_t(number);
+  const Py_ssize_t value = calling_python([&] { return PyLong_AsSsize_t(number); });
   if (value == -1) clear_error();
   return value;
 }
 
 bool small_integer(PyObject* number, double& value) {
   int overflow = 0;
-  value = static_cast<double>(PyLong_AsLongLongAndOverflow(number, &overflow));
+  value = static_cast<double>(
+      calling_python([&] { return PyLong_AsLongLongAndOverflow(number, &overflow); }));
   return overflow == 0;
 }
 

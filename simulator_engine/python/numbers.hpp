@@ -7,10 +7,16 @@
 // Numbers, and the operators of numbers and arrays.
 namespace quernbrook::python {
 
-inline Object integer(Py_ssize_t value) { return Object::steal(PyLong_FromSsize_t(value)); }
-inline Object real_number(double value) { return Object::steal(PyFloat_FromDouble(value)); }
+inline Object integer(Py_ssize_t value) {
+  return Object::steal(calling_python([&] { return PyLong_FromSsize_t(value); }));
+}
+inline Object real_number(double value) {
+  return Object::steal(calling_python([&] { return PyFloat_FromDouble(value); }));
+}
 /// `id(object)`.
-inline Object identity(PyObject* object) { return Object::steal(PyLong_FromVoidPtr(object)); }
+inline Object identity(PyObject* object) {
+  return Object::steal(calling_python([&] { return PyLong_FromVoidPtr(object); }));
+}
 
 /// `operator.index(object)` as a machine integer; OverflowError beyond its range.
 Py_ssize_t index_value(PyObject* object);

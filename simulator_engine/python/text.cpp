@@ -15,8 +15,9 @@ Object type_name(PyObject* object) {
 }
 
 Object as_text(std::string_view text) {
-  return Object::steal(
-      PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
+  return Object::steal(calling_python([&] {
+    return PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size()));
+  }));
 }
 
 Object decoded(std::string_view bytes) {
@@ -25,14 +26,17 @@ Object decoded(std::string_view bytes) {
   }));
 }
 
-Object interned(const char* text) { return Object::steal(PyUnicode_InternFromString(text)); }
+Object interned(const char* text) {
+  return Object::steal(calling_python([&] { return PyUnicode_InternFromString(text); }));
+}
 
 Object appended(PyObject* text, PyObject* end) {
-  return Object::steal(PyUnicode_Concat(text, end));
+  return Object::steal(calling_python([&] { return PyUnicode_Concat(text, end); }));
 }
 
 Object join(const char* separator, PyObject* parts) {
-  return Object::steal(calling_python([&] { return PyUnicode_Join(as_text(separator), parts); }));
+  const Object between = as_text(separator);
+  return Object::steal(calling_python([&] { return PyUnicode_Join(between, parts); }));
 }
 
 Object concatenate(const std::vector<Object>& parts) {

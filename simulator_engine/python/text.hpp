@@ -34,7 +34,8 @@ inline Object message_part(PyObject* value) { return formatted(value); }
 inline Object message_part(const Object& value) { return formatted(value); }
 template <std::signed_integral Number>
 Object message_part(Number value) {
-  return Object::steal(PyUnicode_FromFormat("%zd", static_cast<Py_ssize_t>(value)));
+  return Object::steal(
+      calling_python([&] { return PyUnicode_FromFormat("%zd", static_cast<Py_ssize_t>(value)); }));
 }
 
 /// A text from its parts, left to right; objects appear as formatted() shows them.

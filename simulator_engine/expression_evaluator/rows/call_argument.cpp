@@ -9,23 +9,20 @@ namespace quernbrook::evaluation {
 using namespace python;
 
 PyObject* CallArgument::copy(const Registers& registers, graph_prep::NodeIndex source) {
-  if (!is_untouched()) adopt(empty_vector(registers.columns()));
+  if (array_.empty()) adopt(empty_vector(registers.columns()));
   std::memcpy(doubles(array_), registers.row(source), registers.row_bytes());
   return array_;
 }
 
 PyObject* CallArgument::view(const Registers& registers, graph_prep::NodeIndex source) {
   registers.row(source);
-  if (!is_untouched()) adopt(registers.view(source));
+  if (array_.empty()) adopt(registers.view(source));
   return array_;
 }
 
 void CallArgument::end_call(PyObject* result) {
-  if (!has_no_other_holder(array_, array_.get() == result ? 2 : 1)) array_ = {};
-}
-
-bool CallArgument::is_untouched() const {
-  return !array_.empty() && has_no_other_holder(array_, 1) && form_of(array_) == form_;
+  const Py_ssize_t holders = array_.get() == result ? 2 : 1;
+  if (!has_no_other_holder(array_, holders) || form_of(array_) != form_) array_ = {};
 }
 
 void CallArgument::adopt(Object array) {

@@ -14,11 +14,11 @@ class CallArgument {
   /// The live view of a node's register, the same one in every call.
   PyObject* view(const Registers& registers, graph_prep::NodeIndex source);
 
-  /// After the call: lets go of an array that others may still reach, whose end they could tell.
+  /// After the call: lets go of an array that others may still reach or whose form they changed.
+  /// Its end may run foreign code, which must find no argument of the next call.
   void end_call(PyObject* result);
 
  private:
-  bool is_untouched() const;
   void adopt(python::Object array);
 
   python::Object array_;

@@ -38,7 +38,9 @@ void ReductionStep::run_reduction(NodeIndex index, npy_intp row) {
   int failed = 0;
   quernbrook_failure failure{};
   try {
-    if (!is_stateful(node)) {
+    const bool is_mean = !is_stateful(node);
+    buffer_.check(input);
+    if (is_mean) {
       // Stateless reductions never reach their instance: they are the mean of the signals.
       output = buffer_.mean(input);
     } else if (takes_block(index, input, count)) {

@@ -60,8 +60,10 @@ void prefill(Run& run, NodeIndex index, PyObject* rows_needed) {
   const Object column = pnl_column_index(run, node);
   const Object tail = minus(run.row_count, rows_needed);
   const npy_intp first = index_value(larger(tail, integer(0)));
+  Turns turns;
   for (npy_intp row = first; row < run.rows; ++row) {
     check_signals();
+    turns.offer();
     const Object pnl = pnl_row(run, passing_ids, count, column, row);
     const Object block = extract_block(run, passing_ids, count, row);
     call_named(node.instance, run.space.signal_pnl_keyword, block, pnl);

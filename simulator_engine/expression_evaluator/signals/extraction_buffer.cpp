@@ -76,6 +76,14 @@ Object ExtractionBuffer::first_rows(Py_ssize_t count) const {
   return item(buffer, tuple_of(slice(nullptr, integer(count)), slice(nullptr, nullptr)));
 }
 
+void ExtractionBuffer::check(PyObject* rows) const {
+  if (is_within_base(rows)) return;
+  raise_text(PyExc_RuntimeError,
+             "a function changed the memory of the run's extraction buffer while it was in use; "
+             "functions may read and write the rows that they are given, but not resize the array "
+             "behind them");
+}
+
 Object ExtractionBuffer::mean(PyObject* rows) {
   // NumPy adds a single column pairwise.
   if (is_contiguous_double_array(rows) && dimensions(rows) == 2 && dimension(rows, 0) > 0 &&

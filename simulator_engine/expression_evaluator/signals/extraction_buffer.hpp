@@ -16,12 +16,14 @@ class ExtractionBuffer {
   /// `[:count, :]`, with the errors of slicing None where there is no buffer.
   Object first_rows(Py_ssize_t count) const;
 
+  /// RuntimeError where foreign code took the memory of what first_rows() gave away.
+  void check(PyObject* rows) const;
+
   /// `numpy.mean(rows, axis=0)` of what first_rows() gave.
   Object mean(PyObject* rows);
 
  private:
   void fit(Py_ssize_t count);
-  void copy_row(PyObject* id, npy_intp place, npy_intp row);
 
   Run& run_;
   SignalReader weights_;

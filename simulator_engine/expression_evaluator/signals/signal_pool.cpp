@@ -35,7 +35,6 @@ bool SignalReader::has_plain_pool() {
   Object pool = attribute(run_.context, name);
   if (!run_.pool_keys.of(pool)) return false;
   pool_ = std::move(pool);
-  plain_class_ = nullptr;
   return true;
 }
 
@@ -44,6 +43,8 @@ Object SignalReader::plain(PyObject* id) {
   const Object signal = dict_item(pool_, id);
   if (signal.empty()) return {};
   if (type_of(signal) != plain_class_) {
+    // An odd key of the class's dictionary has its code run, which may change the pool.
+    pool_ = {};
     if (!has_plain_attribute(type_of(signal), name_)) return {};
     plain_class_ = type_of(signal);
   }

@@ -21,7 +21,10 @@ class SignalReader {
   /// the pool lacks the signal. Then the caller reads it by Python's own operations.
   Object plain(PyObject* id);
   /// To be called whenever foreign code may have run.
-  void forget() noexcept { pool_ = {}; }
+  void forget() noexcept {
+    pool_ = {};
+    plain_class_ = nullptr;
+  }
 
  private:
   bool has_plain_pool();
