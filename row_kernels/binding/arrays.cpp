@@ -11,7 +11,7 @@ PyArrayObject* as_array(nb::handle object) noexcept {
   return reinterpret_cast<PyArrayObject*>(object.ptr());
 }
 
-nb::object to_array(nb::handle object, int dimensions, const char* what) {
+nb::object to_array(nb::handle object, int dimensions, const char* name, const char* what) {
   if (PyArray_CheckExact(object.ptr()) && PyArray_TYPE(as_array(object)) == NPY_DOUBLE &&
       PyArray_NDIM(as_array(object)) == dimensions && PyArray_ISCARRAY_RO(as_array(object))) {
     return nb::borrow(object);
@@ -23,8 +23,9 @@ nb::object to_array(nb::handle object, int dimensions, const char* what) {
   nb::object owner = nb::steal(array);
   const int found = PyArray_NDIM(as_array(owner));
   if (found != dimensions) {
-    const std::string text = std::string(what) + " must have " + std::to_string(dimensions) +
-                             " dimension(s); got " + std::to_string(found);
+    const std::string text = std::string(name) + ": " + what + " must have " +
+                             std::to_string(dimensions) + " dimension(s); got " +
+                             std::to_string(found);
     throw nb::value_error(text.c_str());
   }
   return owner;
@@ -36,15 +37,15 @@ void import_numpy() {
   if (PyArray_ImportNumPyAPI() < 0) throw nb::python_error();
 }
 
-Array row_of(nb::handle object, const char* what) {
-  nb::object owner = to_array(object, 1, what);
+Array row_of(nb::handle object, const char* name) {
+  nb::object owner = to_array(object, 1, name, "a row");
   PyArrayObject* array = as_array(owner);
   const auto* cells = static_cast<const double*>(PyArray_DATA(array));
   return {std::move(owner), cells, 1, PyArray_DIM(array, 0)};
 }
 
-Array block_of(nb::handle object, const char* what) {
-  nb::object owner = to_array(object, 2, what);
+Array block_of(nb::handle object, const char* name) {
+  nb::object owner = to_array(object, 2, name, "a block of signals");
   PyArrayObject* array = as_array(owner);
   const auto* cells = static_cast<const double*>(PyArray_DATA(array));
   return {std::move(owner), cells, PyArray_DIM(array, 0), PyArray_DIM(array, 1)};
@@ -77,18 +78,18 @@ nb::list to_lists(const double* cells, std::size_t rows, std::size_t columns) {
   return lists;
 }
 
-std::vector<double> from_lists(nb::handle lists, std::size_t& columns, const char* what) {
+std::vector<double> from_lists(nb::handle lists, std::size_t& columns, const char* name) {
   std::vector<double> cells;
   bool is_first = true;
   columns = 0;
   for (nb::handle item : nb::borrow<nb::object>(lists)) {
-    const Array row = row_of(item, "a saved row");
+    const Array row = row_of(item, name);
     const auto width = static_cast<std::size_t>(row.columns);
     if (is_first) columns = width;
     is_first = false;
     if (width != columns) {
-      const std::string text = "row has " + std::to_string(width) + " values; the " + what +
-                               " holds rows of " + std::to_string(columns);
+      const std::string text = "row has " + std::to_string(width) +
+                               " values; the window holds rows of " + std::to_string(columns);
       throw nb::value_error(text.c_str());
     }
     cells.insert(cells.end(), row.cells, row.cells + width);

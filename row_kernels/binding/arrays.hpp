@@ -21,9 +21,9 @@ struct Array {
 };
 
 /// Converts like numpy.asarray(..., dtype=float64); arrays that are right already are taken as they
-/// are. Raises ValueError for another number of dimensions, naming `what` it is.
-Array row_of(nb::handle object, const char* what);
-Array block_of(nb::handle object, const char* what);
+/// are. Raises ValueError for another number of dimensions, under the function's `name`.
+Array row_of(nb::handle object, const char* name);
+Array block_of(nb::handle object, const char* name);
 
 struct NewRow {
   nb::object array;
@@ -35,7 +35,7 @@ NewRow new_row(std::ptrdiff_t columns);
 /// Nested lists of `rows` rows of `columns` numbers each, and back.
 nb::list to_lists(const double* cells, std::size_t rows, std::size_t columns);
 /// The rows of lists that all have one width, which is written to `columns`, one after the other.
-/// `what` holds them, for the message. Raises ValueError for rows of different widths.
-std::vector<double> from_lists(nb::handle lists, std::size_t& columns, const char* what);
+/// Raises ValueError for rows of different widths.
+std::vector<double> from_lists(nb::handle lists, std::size_t& columns, const char* name);
 
 }  // namespace quernbrook::row_kernels::binding

@@ -34,7 +34,7 @@ nb::object Reduction::call(nb::handle block, nb::handle signal_pnl) {
   const Array signals = block_of(block, name_);
   Array pnl{};
   if (!signal_pnl.is_none()) {
-    pnl = row_of(signal_pnl, "signal_pnl");
+    pnl = row_of(signal_pnl, name_);
     if (pnl.columns != signals.rows) {
       const std::string text = std::string(name_) + ": signal_pnl has " +
                                std::to_string(pnl.columns) + " values for " +
@@ -98,7 +98,7 @@ void WeightedReduction::restore(const nb::object& state_data) {
   state.count = saved_count(state_data, weighted().window());
   const nb::object buffer = state_data["buffer"];
   require_row_count(nb::len(buffer), state.count, weighted().window());
-  state.rows = from_lists(buffer, state.signal_count, "window");
+  state.rows = from_lists(buffer, state.signal_count, name());
   if (weighted().holds_weights()) {
     const nb::object held = state_data["held"];
     const std::size_t held_rows = held.is_none() ? 0 : nb::len(held);
@@ -107,7 +107,7 @@ void WeightedReduction::restore(const nb::object& state_data) {
                                std::to_string(state.signal_count) + " signals";
       throw nb::value_error(text.c_str());
     }
-    if (held_rows > 0) state.held = from_lists(held, state.held_columns, "block");
+    if (held_rows > 0) state.held = from_lists(held, state.held_columns, name());
   }
   const Claim claim(claimed(), name());
   weighted().restore(std::move(state));

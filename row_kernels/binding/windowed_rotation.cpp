@@ -42,7 +42,7 @@ void WindowedRotation::restore(const nb::object& state_data) {
   for (nb::handle buffer : buffers) {
     require_row_count(nb::len(buffer), state.count, windowed().capacity());
     std::size_t columns = 0;
-    state.rows.push_back(from_lists(buffer, columns, "window"));
+    state.rows.push_back(from_lists(buffer, columns, name()));
     if (!is_first && static_cast<std::ptrdiff_t>(columns) != state.column_count) {
       throw nb::value_error("buffers hold rows of different widths");
     }

@@ -11,6 +11,8 @@ _VALUE_TYPES: dict[str, tuple[type, ...]] = {
     "float": (int, float),
     "string": (str,),
     "bool": (bool,),
+    "number": (int, float),
+    "flag": (bool,),
 }
 
 REQUIRED: Any = object()
@@ -18,14 +20,19 @@ REQUIRED: Any = object()
 
 @dataclass(frozen=True)
 class Parameter:
-    """A parameter's type and its default, if it has one."""
+    """A parameter's type and its default, if it has one.
 
-    type: Literal["int", "float", "string", "bool"]
+    Literal children of a node fill parameters of the types "int", "float", "string" and "bool". A
+    "number" or a "flag" comes from the node's configuration alone: for functions whose operands
+    may be literals, and for choices that a literal child should not be taken for.
+    """
+
+    type: Literal["int", "float", "string", "bool", "number", "flag"]
     default: Any = REQUIRED
 
     def accepts(self, value: Any) -> bool:
         if isinstance(value, bool):
-            return self.type == "bool"
+            return self.type in ("bool", "flag")
         return isinstance(value, _VALUE_TYPES[self.type])
 
 
@@ -34,10 +41,13 @@ class FunctionEntry:
     """A function as a registry knows it.
 
     build: makes an instance from the parameters as keywords.
-    param_schema: the parameters in the order in which literal children of a graph node fill them.
+    param_schema: the parameters, in the order in which literal children of a graph node fill those
+        that they fill.
     library: True for the functions of this package alone. The evaluator may compute some of
         those without their instances; `factory` tells it that code of the user's own, which it
         must call, stands behind a name.
+    compiled: whether its instances are those in machine code, of the distribution
+        quernbrook-row-kernels.
     """
 
     name: str
@@ -47,6 +57,7 @@ class FunctionEntry:
     stateful: bool = False
     function_version: int = 1
     library: bool = False
+    compiled: bool = False
 
     @property
     def factory(self) -> Callable[..., Any] | None:

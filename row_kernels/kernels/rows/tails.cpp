@@ -1,9 +1,10 @@
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
-#include <string>
 
 #include "instruction_sets.hpp"
 #include "nan.hpp"
@@ -106,20 +107,22 @@ class Share {
   Numbers numbers_;
 };
 
+[[noreturn]] void refuse_share(const char* range, double share) {
+  std::array<char, 80> text{};
+  std::snprintf(text.data(), text.size(), "share must be %s; got %g", range, share);
+  throw std::invalid_argument(text.data());
+}
+
 template <bool is_top>
 std::unique_ptr<RowFunction> make_share(double share) {
-  if (!(share > 0.0 && share <= 1.0)) {
-    throw std::invalid_argument("share must be above 0 and at most 1; got " + std::to_string(share));
-  }
+  if (!(share > 0.0 && share <= 1.0)) refuse_share("above 0 and at most 1", share);
   return make_across<Share<is_top>, 1>(share);
 }
 
 }  // namespace
 
 std::unique_ptr<RowFunction> make_winsorize(double share) {
-  if (!(share >= 0.0 && share < 0.5)) {
-    throw std::invalid_argument("share must be at least 0 and below 0.5; got " + std::to_string(share));
-  }
+  if (!(share >= 0.0 && share < 0.5)) refuse_share("at least 0 and below 0.5", share);
   return make_across<Winsorize, 1>(share);
 }
 

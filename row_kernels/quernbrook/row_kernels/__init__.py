@@ -1,10 +1,11 @@
 """Functions of the evaluator's graphs in machine code, each a type of its own.
 
-`FUNCTIONS` maps the registered name of a function to its type. What a type computes, and what it
-makes of NaN, stands in its docstring. An instance is what a registry or a caller binds:
+`FUNCTIONS` maps the registered name of a function to its type, "numerical_add" to `NumericalAdd`.
+What a type computes, and what it makes of NaN, stands in its docstring. An instance is what a
+registry or a caller binds:
 
-    instance = FUNCTIONS["latitudinal_scale"](total=2.0)
-    row = instance(np.array([1.0, -3.0]))
+    scale = FUNCTIONS["latitudinal_scale"](total=2.0)
+    row = scale(np.array([1.0, -3.0]))
 
 It does what the plain definition of the same name in quernbrook.reference_host does, and states
 move between the two. It also offers the evaluator a row kernel, so that graphs of such functions
@@ -19,5 +20,6 @@ FUNCTIONS: dict[str, type] = {
     for kind in vars(_kernels).values()
     if isinstance(kind, type) and hasattr(kind, "name")
 }
+globals().update({kind.__name__: kind for kind in FUNCTIONS.values()})
 
-__all__ = ["FUNCTIONS", "SavedState"]
+__all__ = ["FUNCTIONS", "SavedState", *(kind.__name__ for kind in FUNCTIONS.values())]
