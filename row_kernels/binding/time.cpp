@@ -1,3 +1,8 @@
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+
 #include "definition.hpp"
 #include "functions.hpp"
 #include "time/functions.hpp"
@@ -30,6 +35,20 @@ std::unique_ptr<WindowFunction> make_skewness_of(std::size_t window, bool sample
 
 std::unique_ptr<WindowFunction> make_kurtosis_of(std::size_t window, bool sample) {
   return make_kurtosis(window, divisor(sample));
+}
+
+std::unique_ptr<WindowFunction> make_rank_of_newest(std::size_t window) {
+  return make_rank(window);
+}
+
+std::unique_ptr<WindowFunction> make_quantile_of(std::size_t window, double share) {
+  if (!(share >= 0.0 && share <= 1.0)) {
+    std::array<char, 80> text{};
+    std::snprintf(text.data(), text.size(), "share must be at least 0 and at most 1; got %g",
+                  share);
+    throw std::invalid_argument(text.data());
+  }
+  return make_quantile(window, share);
 }
 
 // What all of them but delay and delta have in common.
@@ -73,6 +92,10 @@ void define_time(nb::module_& module) {
                        "deviations; 0 where all values\n"
                        "are equal.\n" STRICT_WINDOW,
                        window);
+  define<make_product>(
+      module, "longitudinal_product",
+      "The product over the window, in the units of the row to the power `window`.\n" STRICT_WINDOW,
+      window);
   define<make_maximum>(module, "longitudinal_max",
                        "The greatest value of the window, in the units of the row.\n" STRICT_WINDOW,
                        window);
@@ -117,6 +140,26 @@ void define_time(nb::module_& module) {
                              "the newest row to 1 for\n"
                              "the oldest, in the units of the row.\n" STRICT_WINDOW,
                              window);
+  define<make_exponential_mean>(
+      module, "longitudinal_exponential_mean",
+      "The mean over the window with weights that fall with age in the ratio 1 - 2 / (window + 1), "
+      "in\n"
+      "the units of the row. Nothing before the window counts.\n" STRICT_WINDOW,
+      window);
+  define<make_rank_of_newest>(
+      module, "longitudinal_rank",
+      "The rank of the newest value in the window, from 0 (smallest) to 1 (largest), (place - 1) "
+      "/\n"
+      "(window - 1); equal values share the average of their ranks. NaN for a window of 1, where\n"
+      "nothing is compared.\n" STRICT_WINDOW,
+      window);
+  define<make_quantile_of>(
+      module, "longitudinal_quantile",
+      "The value below which a `share` of the window lies, from 0 to 1, between two values in\n"
+      "proportion, in the units of the row: the seventh definition of R. J. Hyndman and Y. Fan, "
+      "Sample\n"
+      "Quantiles in Statistical Packages, 1996.\n" STRICT_WINDOW,
+      window, nb::arg("share") = 0.5);
   define<make_slope>(module, "longitudinal_slope",
                      "The rise of the line of least squares over the window from one row to the "
                      "next, in the units of\n"
