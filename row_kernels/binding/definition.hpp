@@ -109,7 +109,6 @@ void define(nb::module_& module, const char* name, const char* doc,
     (type.def_prop_ro(parameters.name_, &Type::template option<place>), ...);
   }(std::index_sequence_for<Parameters...>{});
   type.attr("name") = name;
-  type.attr("__module__") = "quernbrook.row_kernels";
   type.def("__reduce__", [](nb::pointer_and_handle<Type> self) {
     const nb::object kind = nb::borrow(self.h.type());
     const nb::tuple arguments = self.p->arguments();

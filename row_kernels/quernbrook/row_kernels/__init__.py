@@ -21,3 +21,6 @@ FUNCTIONS: dict[str, type] = {
     for kind in vars(_kernels).values()
     if isinstance(kind, type) and hasattr(kind, "name")
 }
+for _kind in FUNCTIONS.values():
+    # What pickles name them by.
+    _kind.__module__ = __name__
