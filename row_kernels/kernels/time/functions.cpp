@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "time/instruction_set.hpp"
+#include "time/sorted_loops.hpp"
 #include "time/tiled_function.hpp"
 
 namespace quernbrook::row_kernels {
@@ -185,7 +186,11 @@ std::unique_ptr<WindowFunction> make_product(std::size_t window) {
 std::unique_ptr<WindowFunction> make_rank(std::size_t window) {
   require_window(window);
   if (window == 1) return lone(statistics_loops().lone_value, nan);
-  return std::make_unique<TiledFunction>(window, Plan{.window = window}, statistics_loops().rank);
+  // Counting takes time in proportion to the window, but little.
+  constexpr std::size_t longest_counted = 1024;
+  return std::make_unique<TiledFunction>(
+      window, Plan{.window = window},
+      window <= longest_counted ? statistics_loops().rank : sorted_rank_loops);
 }
 
 std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
@@ -193,8 +198,10 @@ std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
   if (!(q >= 0.0 && q <= 1.0)) {
     throw std::invalid_argument("q must be within 0 and 1; got " + std::to_string(q));
   }
-  return std::make_unique<TiledFunction>(window, Plan{.window = window, .factor = q},
-                                         statistics_loops().quantile);
+  constexpr std::size_t longest_in_lines = 256;
+  return std::make_unique<TiledFunction>(
+      window, Plan{.window = window, .factor = q},
+      window <= longest_in_lines ? statistics_loops().quantile : sorted_quantile_loops);
 }
 
 std::unique_ptr<WindowFunction> make_slope(std::size_t window) {
