@@ -126,6 +126,11 @@ def check(arguments: Sequence[str]) -> int:
         "compiler warnings": lambda: cmake_build(
             ROOT, build_folder("check"), "-DEXPRESSION_EVALUATOR_WARNINGS_AS_ERRORS=ON"
         ),
+        "compiler warnings of the row kernels": lambda: cmake_build(
+            ROOT / "row_kernels",
+            build_folder("check-row-kernels"),
+            "-DROW_KERNELS_WARNINGS_AS_ERRORS=ON",
+        ),
     }
     faulty = []
     for name, step in steps.items():

@@ -25,12 +25,16 @@ DISTRIBUTIONS = (
         ROOT,
         (ROOT / "pyproject.toml", ROOT / "CMakeLists.txt", ROOT / "simulator_engine"),
     ),
+    # With its own sources, what it shares with the module.
+    Distribution(
+        "row_kernels", ROOT / "row_kernels", (ROOT / "row_kernels", ROOT / "simulator_engine")
+    ),
     Distribution("reference_host", ROOT / "reference_host"),
 )
 
 # CMake projects whose tests CTest runs.
-CPP_TESTS = (ROOT / "tests" / "kernels",)
-CPP_FOLDERS = (ROOT / "simulator_engine", *CPP_TESTS)
+CPP_TESTS = (ROOT / "tests" / "kernels", ROOT / "row_kernels" / "tests" / "kernels")
+CPP_FOLDERS = (ROOT / "simulator_engine", ROOT / "row_kernels", *CPP_TESTS)
 
 # Compiled modules, whose stubs are compared with them.
 COMPILED_MODULES = ("quernbrook.simulator_engine.expression_evaluator",)

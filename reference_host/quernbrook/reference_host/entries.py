@@ -13,6 +13,8 @@ _VALUE_TYPES: dict[str, tuple[type, ...]] = {
     "float": (int, float),
     "string": (str,),
     "bool": (bool,),
+    "number": (int, float),
+    "flag": (bool,),
 }
 # Parameters that the evaluator refuses in any graph.
 ENGINE_ONLY = frozenset({"A", "N_alloc"})
@@ -29,9 +31,14 @@ REQUIRED: Any = _NoDefault.REQUIRED
 
 @dataclass(frozen=True)
 class Parameter:
-    """A parameter's type and its default, if it has one."""
+    """A parameter's type and its default, if it has one.
 
-    type: Literal["int", "float", "string", "bool"]
+    Literal children of a node fill parameters of the types "int", "float", "string" and "bool". A
+    "number" or a "flag" comes from the node's configuration alone: for functions whose operands
+    may be literals, and for choices that a literal child should not be taken for.
+    """
+
+    type: Literal["int", "float", "string", "bool", "number", "flag"]
     default: Any = REQUIRED
 
     def __post_init__(self) -> None:
@@ -47,7 +54,7 @@ class Parameter:
 
     def accepts(self, value: Any) -> bool:
         if isinstance(value, bool):
-            return self.type == "bool"
+            return self.type in ("bool", "flag")
         return isinstance(value, _VALUE_TYPES[self.type])
 
 
@@ -56,10 +63,13 @@ class FunctionEntry:
     """A function as a registry knows it.
 
     build: makes an instance from the parameters as keywords.
-    param_schema: the parameters in the order in which literal children of a graph node fill them.
+    param_schema: the parameters, in the order in which literal children of a graph node fill those
+        that they fill.
     library: True for the functions of this package alone. The evaluator may compute some of
         those without their instances; `factory` tells it that code of the user's own, which it
         must call, stands behind a name.
+    compiled: whether its instances are those in machine code, of the distribution
+        quernbrook-row-kernels.
     """
 
     name: str
@@ -69,6 +79,7 @@ class FunctionEntry:
     stateful: bool = False
     function_version: int = 1
     library: bool = False
+    compiled: bool = False
 
     def __post_init__(self) -> None:
         """Raises TypeError and ValueError for what a registry couldn't use.

@@ -1,0 +1,222 @@
+#include "time/functions.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "time/instruction_set.hpp"
+#include "time/sorted_loops.hpp"
+#include "time/tiled_function.hpp"
+
+namespace quernbrook::row_kernels {
+namespace {
+
+void require_window(std::size_t window) {
+  if (window < 1) throw std::invalid_argument("window must be at least 1; got 0");
+}
+
+// Parts near the root of the window need the least memory, and the work at the beginning of one,
+// which goes through all others, stays a small share. Short windows are cheapest in one part.
+std::size_t usual_part_length(std::size_t window) {
+  constexpr std::size_t short_window = 32;
+  if (window <= short_window) return window;
+  return static_cast<std::size_t>(2.0 * std::sqrt(static_cast<double>(window)));
+}
+
+std::unique_ptr<WindowFunction> in_parts(std::size_t window, std::size_t part_length,
+                                         const TileLoops& loops, double factor = 1.0,
+                                         double term = 0.0, std::vector<double> weights = {}) {
+  Plan plan{.window = window, .factor = factor, .term = term};
+  plan.part_length = part_length;
+  plan.part_count = (window + part_length - 1) / part_length;
+  plan.last_part_length = window - (plan.part_count - 1) * part_length;
+  return std::make_unique<TiledFunction>(window, plan, loops, std::move(weights));
+}
+
+std::unique_ptr<WindowFunction> simple(std::size_t window, const TileLoops& loops) {
+  require_window(window);
+  return in_parts(window, usual_part_length(window), loops);
+}
+
+// For centres that are the mean of other parts, which leaves a third of the window to one part.
+std::unique_ptr<WindowFunction> centred(std::size_t window, const TileLoops& loops,
+                                        double factor = 1.0, double term = 0.0) {
+  return in_parts(window, std::min((window + 2) / 3, usual_part_length(window)), loops, factor,
+                  term);
+}
+
+// Where a window of 1 gives `value`.
+std::unique_ptr<WindowFunction> lone(const TileLoops& loops, double value) {
+  return in_parts(1, 1, loops, 1.0, value);
+}
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+// Of squared deviations.
+double divisor(std::size_t window, Of of) {
+  return static_cast<double>(of == Of::population ? window : window - 1);
+}
+
+std::unique_ptr<WindowFunction> of_ends(std::size_t window, const TileLoops& loops) {
+  require_window(window);
+  return std::make_unique<TiledFunction>(window, Plan{.window = window + 1}, loops);
+}
+
+}  // namespace
+
+std::unique_ptr<WindowFunction> make_delay(std::size_t window) {
+  return of_ends(window, statistics_loops().delay);
+}
+
+std::unique_ptr<WindowFunction> make_delta(std::size_t window) {
+  return of_ends(window, statistics_loops().delta);
+}
+
+std::unique_ptr<WindowFunction> make_sum(std::size_t window) {
+  return simple(window, statistics_loops().sum);
+}
+
+std::unique_ptr<WindowFunction> make_mean(std::size_t window) {
+  return simple(window, statistics_loops().mean);
+}
+
+std::unique_ptr<WindowFunction> make_maximum(std::size_t window) {
+  return simple(window, statistics_loops().maximum);
+}
+
+std::unique_ptr<WindowFunction> make_minimum(std::size_t window) {
+  return simple(window, statistics_loops().minimum);
+}
+
+std::unique_ptr<WindowFunction> make_maximum_age(std::size_t window) {
+  return simple(window, statistics_loops().maximum_age);
+}
+
+std::unique_ptr<WindowFunction> make_minimum_age(std::size_t window) {
+  return simple(window, statistics_loops().minimum_age);
+}
+
+std::unique_ptr<WindowFunction> make_variance(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, of == Of::sample ? nan : 0.0);
+  return centred(window, statistics_loops().variance, divisor(window, of));
+}
+
+std::unique_ptr<WindowFunction> make_standard_deviation(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, of == Of::sample ? nan : 0.0);
+  return centred(window, statistics_loops().standard_deviation, divisor(window, of));
+}
+
+std::unique_ptr<WindowFunction> make_z_score(std::size_t window) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, 0.0);
+  return centred(window, statistics_loops().z_score, divisor(window, Of::population));
+}
+
+std::unique_ptr<WindowFunction> make_covariance(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_pair, of == Of::sample ? nan : 0.0);
+  return centred(window, statistics_loops().covariance,
+                 1.0 / (static_cast<double>(window) * divisor(window, of)));
+}
+
+std::unique_ptr<WindowFunction> make_correlation(std::size_t window) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_pair, nan);
+  return centred(window, statistics_loops().correlation);
+}
+
+// From sums over the window: the divisors of the moments are in the factors.
+std::unique_ptr<WindowFunction> make_skewness(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  const auto n = static_cast<double>(window);
+  double factor = std::sqrt(n);
+  if (of == Of::sample) factor = window < 3 ? nan : n * std::sqrt(n - 1.0) / (n - 2.0);
+  return centred(window, statistics_loops().skewness, factor);
+}
+
+std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  const auto n = static_cast<double>(window);
+  double factor = n;
+  double term = -3.0;
+  if (of == Of::sample) {
+    const double divisor = (n - 2.0) * (n - 3.0);
+    factor = window < 4 ? nan : n * (n - 1.0) * (n + 1.0) / divisor;
+    term = -3.0 * (n - 1.0) * (n - 1.0) / divisor;
+  }
+  return centred(window, statistics_loops().kurtosis, factor, term);
+}
+
+std::unique_ptr<WindowFunction> make_decaying_mean(std::size_t window) {
+  return simple(window, statistics_loops().decaying_mean);
+}
+
+std::unique_ptr<WindowFunction> make_exponential_mean(std::size_t window) {
+  require_window(window);
+  if (window == 1) return make_sum(1);
+  const std::size_t part = usual_part_length(window);
+  // Powers by the logarithm: those of a rounded ratio would be off by their exponent's share.
+  const auto n = static_cast<long double>(window);
+  const long double logarithm = std::log1p(-2.0L / (n + 1.0L));
+  const long double sum = -std::expm1(n * logarithm) * (n + 1.0L) / 2.0L;
+  std::vector<double> weights(window + 2 * part);
+  for (std::size_t place = 0; place < window + part; ++place) {
+    weights[place] =
+        static_cast<double>(std::exp((n - static_cast<long double>(place)) * logarithm));
+  }
+  for (std::size_t offset = 0; offset < part; ++offset) {
+    weights[window + part + offset] =
+        static_cast<double>(std::exp(static_cast<long double>(offset) * logarithm) / sum);
+  }
+  return in_parts(window, part, statistics_loops().exponential_mean, 1.0, 0.0, std::move(weights));
+}
+
+std::unique_ptr<WindowFunction> make_product(std::size_t window) {
+  return simple(window, statistics_loops().product);
+}
+
+std::unique_ptr<WindowFunction> make_rank(std::size_t window) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  // Counting takes time in proportion to the window, but little.
+  constexpr std::size_t longest_counted = 1024;
+  return std::make_unique<TiledFunction>(
+      window, Plan{.window = window},
+      window <= longest_counted ? statistics_loops().rank : sorted_rank_loops);
+}
+
+std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
+  require_window(window);
+  if (!(q >= 0.0 && q <= 1.0)) {
+    throw std::invalid_argument("q must be within 0 and 1; got " + std::to_string(q));
+  }
+  constexpr std::size_t longest_in_lines = 256;
+  return std::make_unique<TiledFunction>(
+      window, Plan{.window = window, .factor = q},
+      window <= longest_in_lines ? statistics_loops().quantile : sorted_quantile_loops);
+}
+
+std::unique_ptr<WindowFunction> make_slope(std::size_t window) {
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  return simple(window, statistics_loops().slope);
+}
+
+std::unique_ptr<WindowFunction> make_intercept(std::size_t window) {
+  if (window == 1) return make_sum(1);
+  return simple(window, statistics_loops().intercept);
+}
+
+std::unique_ptr<WindowFunction> make_residual(std::size_t window) {
+  if (window == 1) return lone(statistics_loops().lone_value, 0.0);
+  return simple(window, statistics_loops().residual);
+}
+
+}  // namespace quernbrook::row_kernels
