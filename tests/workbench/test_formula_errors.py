@@ -33,7 +33,7 @@ FEATURES = ("open", "close")
         ("rank(close, open)", "expected rank(x); got 2 operands", 1),
         ("scale(close, b=2)", "expected scale(x, a = 1)", 14),
         ("scale(close, open)", "expected scale(x, a = 1) with a number in the second place", 14),
-        ("rank(close; x=1)", "configuration goes with the registered name, latitudinal_rank", 1),
+        ("rank(close; x=1)", "configuration goes with the registered name, latitudinal_relative_rank", 1),
         ('rank("close")', "expected a row or a number; got a text", 6),
         ("close + true", "expected a row or a number; got true or false", 9),
         ("close + int(3)", "expected a row or a number; got an int literal", 9),
