@@ -13,6 +13,8 @@ _VALUE_TYPES: dict[str, tuple[type, ...]] = {
     "float": (int, float),
     "string": (str,),
     "bool": (bool,),
+    "number": (int, float),
+    "flag": (bool,),
 }
 # Parameters that the evaluator refuses in any graph.
 ENGINE_ONLY = frozenset({"A", "N_alloc"})
@@ -31,10 +33,14 @@ REQUIRED: Any = _NoDefault.REQUIRED
 class Parameter:
     """A parameter's type and its default, if it has one.
 
+    Literal children of a node fill parameters of the types "int", "float", "string" and "bool". A
+    "number" or a "flag" comes from the node's configuration alone: for functions whose operands
+    may be literals, and for choices that a literal child should not be taken for.
+
     Raises ValueError for an unknown type and for a default that isn't of it.
     """
 
-    type: Literal["int", "float", "string", "bool"]
+    type: Literal["int", "float", "string", "bool", "number", "flag"]
     default: Any = REQUIRED
 
     def __post_init__(self) -> None:
@@ -49,7 +55,7 @@ class Parameter:
 
     def accepts(self, value: Any) -> bool:
         if isinstance(value, bool):
-            return self.type == "bool"
+            return self.type in ("bool", "flag")
         return isinstance(value, _VALUE_TYPES[self.type])
 
 
@@ -58,10 +64,13 @@ class FunctionEntry:
     """A function as a registry knows it.
 
     build: makes an instance from the parameters as keywords.
-    param_schema: the parameters in the order in which literal children of a graph node fill them.
+    param_schema: the parameters, in the order in which literal children of a graph node fill those
+        that they fill.
     library: True for the functions of this package alone. The evaluator may compute some of
         those without their instances; `factory` tells it that code of the user's own, which it
         must call, stands behind a name.
+    compiled: whether its instances are those in machine code, of the distribution
+        quernbrook-row-kernels.
 
     Raises TypeError for an attribute of the wrong type, for a `build` that doesn't take the
     parameters and for a stateful class without ``get_state`` or ``restore``, and ValueError for a
@@ -75,12 +84,13 @@ class FunctionEntry:
     stateful: bool = False
     function_version: int = 1
     library: bool = False
+    compiled: bool = False
 
     def __post_init__(self) -> None:
         if not isinstance(self.name, str) or not self.name:
             raise TypeError(f"a function's name must be a text; got {self.name!r}")
         self._require("family", str, "a text")
-        for flag in ("stateful", "library"):
+        for flag in ("stateful", "library", "compiled"):
             self._require(flag, bool, "True or False")
         self._require("function_version", int, "an int")
         if not callable(self.build):

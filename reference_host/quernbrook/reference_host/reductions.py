@@ -14,21 +14,36 @@ from typing import Any, ClassVar
 import numpy as np
 from quernbrook.reference_host.arrays import Block, Row
 from quernbrook.reference_host.entries import FunctionEntry, Parameter
+from quernbrook.reference_host.rotations import as_rows
 from quernbrook.reference_host.states import SavedState
+from quernbrook.reference_host.sums import sum_of, sum_of_rows
 from quernbrook.reference_host.window import RollingInstance, deviations, mean, root_mean_square
 
 # From observations of shape (window, A) to a statistic of each signal.
 Statistic = Callable[[Block], Row]
 
 
+def as_block(name: str, block: Any) -> Block:
+    """The weights of signals as float64. Raises ValueError for other dimensions than two."""
+    # Contiguous, since NumPy's order of summing depends on it.
+    array = np.asarray(block, dtype=np.float64, order="C")
+    if array.ndim != 2:
+        raise ValueError(f"{name}: a block of signals must have 2 dimension(s); got {array.ndim}")
+    return array
+
+
 class ReductionMean:
-    """The plain mean over the signals."""
+    """The plain mean over the signals; NaN without any."""
 
     name = "reduction_mean"
     stateful = False
 
     def __call__(self, block: Block, signal_pnl: Row | None = None) -> Row:
-        return np.mean(block, axis=0)
+        block = as_block(self.name, block)
+        if len(block) == 0:
+            return np.full(block.shape[1], np.nan)
+        with np.errstate(all="ignore"):
+            return mean(block)
 
 
 class WeightedReduction(RollingInstance):
@@ -51,23 +66,36 @@ class WeightedReduction(RollingInstance):
         self.invert = invert
         self._statistic = self.statistics[stat_name]
 
-    def observe(self, block: Block, signal_pnl: Row) -> Row:
+    def observe(self, block: Block, signal_pnl: Row | None) -> Row:
         """Return what enters the window: one value for each signal."""
+        if signal_pnl is None:
+            raise TypeError(f"{self.name} needs signal_pnl, one value for each signal")
         return signal_pnl
 
-    def __call__(self, block: Block, signal_pnl: Row) -> Row:
-        """Take in one row. Raises ValueError when the number of signals has changed."""
-        self._rows.push(self.observe(block, signal_pnl))
-        if not self._rows.is_full or len(block) == 0:
-            return np.full(block.shape[1], np.nan)
+    def __call__(self, block: Block, signal_pnl: Row | None = None) -> Row:
+        """Take in one row.
+
+        Raises ValueError when the number of signals has changed and when `signal_pnl` has another,
+        TypeError where it is needed and missing.
+        """
+        block = as_block(self.name, block)
+        if signal_pnl is not None:
+            (signal_pnl,) = as_rows(self.name, 1, (signal_pnl,))
+            if len(signal_pnl) != len(block):
+                raise ValueError(
+                    f"{self.name}: signal_pnl has {len(signal_pnl)} values for {len(block)} signals"
+                )
         with np.errstate(all="ignore"):
+            self._rows.push(self.observe(block, signal_pnl))
+            if not self._rows.is_full or len(block) == 0:
+                return np.full(block.shape[1], np.nan)
             shares = self._shares(self._statistic(self._rows.rows))
-            total = shares.sum()
+            total = sum_of(shares)
             if total == 0.0:
-                return np.mean(block, axis=0)
+                return mean(block)
             # A signal without a share must not bring its NaN cells in.
             taken = shares > 0.0
-            return np.add.reduce(block[taken] * (shares[taken] / total)[:, np.newaxis], axis=0)
+            return sum_of_rows(block[taken] * (shares[taken] / total)[:, np.newaxis])
 
     def _shares(self, statistic: Row) -> Row:
         positive = statistic > 0.0
@@ -135,11 +163,23 @@ class WeightedByTurnover(WeightedReduction):
         super().__init__(window, stat_name, pnl_column, invert)
         self._held: Block | None = None
 
-    def observe(self, block: Block, signal_pnl: Row) -> Row:
+    def observe(self, block: Block, signal_pnl: Row | None) -> Row:
         held = np.nan_to_num(block, nan=0.0)
-        change = held if self._held is None else held - self._held
+        if self._held is None:
+            change = held
+        elif len(held) != len(self._held):
+            raise ValueError(
+                f"row has {len(held)} values; the window holds rows of {len(self._held)}"
+            )
+        elif held.shape != self._held.shape:
+            raise ValueError(
+                f"signals have {held.shape[1]} weights; "
+                f"those of the row before had {self._held.shape[1]}"
+            )
+        else:
+            change = held - self._held
         self._held = held
-        return np.abs(change).sum(axis=1)
+        return np.array([sum_of(row) for row in np.abs(change)])
 
     def get_state(self) -> SavedState:
         state = super().get_state()
@@ -149,7 +189,10 @@ class WeightedByTurnover(WeightedReduction):
     def restore(self, state_data: dict[str, Any]) -> None:
         super().restore(state_data)
         held = state_data["held"]
-        self._held = None if held is None else np.asarray(held, dtype=np.float64)
+        signals = self._rows.rows.shape[1]
+        if len(held or ()) != signals:
+            raise ValueError(f"{len(held or ())} rows of weights are held for {signals} signals")
+        self._held = np.asarray(held, dtype=np.float64) if held else None
 
 
 def _weighted_entry(

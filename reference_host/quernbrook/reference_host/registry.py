@@ -6,10 +6,19 @@ registry's own typed state and convert every state to it before a restore.
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Mapping
+from dataclasses import replace
+from importlib import import_module
 from typing import Any
 
-from quernbrook.reference_host import arithmetic, cross_sectional, reductions, rolling
+from quernbrook.reference_host import (
+    arithmetic,
+    cross_sectional,
+    logic,
+    reductions,
+    rolling,
+    shares,
+)
 from quernbrook.reference_host.entries import FunctionEntry, name_of
 from quernbrook.simulator_engine._types import FunctionExecutionError
 
@@ -40,6 +49,17 @@ class FunctionRegistry:
     def names(self) -> list[str]:
         """Return the names of all functions, sorted."""
         return sorted(self._entries)
+
+    @property
+    def compiled(self) -> frozenset[str]:
+        """The names of the functions whose instances are in machine code."""
+        return frozenset(name for name, entry in self._entries.items() if entry.compiled)
+
+    def __repr__(self) -> str:
+        return (
+            f"<{type(self).__name__}: {len(self._entries)} functions, "
+            f"{len(self.compiled)} in machine code>"
+        )
 
     def has(self, name: str) -> bool:
         return name in self._entries
@@ -98,13 +118,37 @@ class FunctionRegistry:
         return instance
 
 
-def default_registry() -> FunctionRegistry:
-    """Return a new registry with all functions of the library."""
-    return FunctionRegistry(
-        (
-            *arithmetic.FUNCTIONS,
-            *cross_sectional.FUNCTIONS,
-            *reductions.FUNCTIONS,
-            *rolling.FUNCTIONS,
-        )
+def default_registry(*, compiled: bool | None = None) -> FunctionRegistry:
+    """Return a new registry with all functions of the library.
+
+    Functions in machine code are taken where the distribution quernbrook-row-kernels is installed.
+    They take the same parameters, give the same results and go on from the same states, the
+    functions along time but for rounding (see the page on the function library). `compiled` insists:
+    True on them, with an ImportError where they are missing, False on the plain definitions here.
+    """
+    entries = (
+        *arithmetic.FUNCTIONS,
+        *logic.FUNCTIONS,
+        *cross_sectional.FUNCTIONS,
+        *shares.FUNCTIONS,
+        *reductions.FUNCTIONS,
+        *rolling.FUNCTIONS,
     )
+    types = _compiled_types(compiled)
+    return FunctionRegistry(
+        replace(entry, build=types[entry.name], compiled=True) if entry.name in types else entry
+        for entry in entries
+    )
+
+
+def _compiled_types(compiled: bool | None) -> Mapping[str, type]:
+    if compiled is False:
+        return {}
+    try:
+        # Not at the top: whoever makes no registry pays nothing for it.
+        row_kernels = import_module("quernbrook.row_kernels")
+    except ModuleNotFoundError as error:
+        if compiled or error.name != "quernbrook.row_kernels":
+            raise
+        return {}
+    return row_kernels.FUNCTIONS

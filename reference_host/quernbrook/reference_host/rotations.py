@@ -9,6 +9,25 @@ import numpy as np
 from quernbrook.reference_host.arrays import Row
 
 
+def as_rows(name: str, arity: int, rows: tuple[Any, ...]) -> list[Row]:
+    """The arguments of a call as float64 rows.
+
+    Raises TypeError for another number of them than `arity`, ValueError for other dimensions and
+    for different widths.
+    """
+    if len(rows) != arity:
+        raise TypeError(f"{name} takes {arity} input(s); got {len(rows)}")
+    arrays = [np.asarray(row, dtype=np.float64) for row in rows]
+    for array in arrays:
+        if array.ndim != 1:
+            raise ValueError(f"{name}: a row must have 1 dimension(s); got {array.ndim}")
+    widths = [array.size for array in arrays]
+    if len(set(widths)) > 1:
+        text = ", ".join(str(width) for width in widths)
+        raise ValueError(f"{name}: rows have different widths: {text}")
+    return arrays
+
+
 class StatelessRotation:
     """A rotation that is a plain function of the rows of one time step.
 
@@ -24,9 +43,7 @@ class StatelessRotation:
         self._compute = compute
 
     def __call__(self, *rows: Row, context: Any = None) -> Row:
-        """Raises TypeError for another number of rows than `arity`."""
-        # A ufunc would take a surplus row for its output and overwrite it.
-        if len(rows) != self.arity:
-            raise TypeError(f"{self.name} takes {self.arity} input(s); got {len(rows)}")
+        """Take array-likes of one width and return a new row. Raises as `as_rows` does."""
+        arrays = as_rows(self.name, self.arity, rows)
         with np.errstate(all="ignore"):
-            return self._compute(*rows)
+            return self._compute(*arrays)

@@ -7,6 +7,7 @@ from typing import Any
 import numpy as np
 from quernbrook.reference_host.arrays import Block, Row
 from quernbrook.reference_host.states import SavedState
+from quernbrook.reference_host.sums import sum_of_rows
 
 
 class RollingWindow:
@@ -100,7 +101,7 @@ class RollingInstance:
 
 def mean(rows: Block) -> Row:
     """The mean of each column."""
-    return np.add.reduce(rows, axis=0) / len(rows)
+    return sum_of_rows(rows) / len(rows)
 
 
 def deviations(rows: Block) -> Block:

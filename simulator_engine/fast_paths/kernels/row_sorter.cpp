@@ -124,7 +124,9 @@ RowSorter::Census RowSorter::take_census(const double* cells, std::size_t column
   return census;
 }
 
-bool RowSorter::sort(const double* cells, const double* target) {
+bool RowSorter::sort(const double* cells, const double* target, bool keeps_ties) {
+  keeps_ties_ = keeps_ties;
+  has_ties_ = false;
   census_ = take_census(cells, columns_);
   Outcome outcome = Outcome::crowded;
   if (rows_by_bits_ > 0) {
@@ -145,7 +147,7 @@ bool RowSorter::sort(const double* cells, const double* target) {
   }
   if (outcome == Outcome::crowded) outcome = sort_by_bits(cells);
   if (outcome == Outcome::crowded) outcome = sort_by_comparison(cells);
-  return outcome == Outcome::sorted;
+  return outcome == Outcome::sorted && !has_ties_;
 }
 
 // The image is linear in the value: best where values spread evenly, whatever their size.
@@ -238,13 +240,14 @@ RowSorter::Outcome RowSorter::sort_by_comparison(const double* cells) {
   const auto tie = std::adjacent_find(begin, end, [&](std::uint32_t left, std::uint32_t right) {
     return values_[left] == values_[right];
   });
-  return tie == end ? Outcome::sorted : Outcome::tied;
+  has_ties_ = tie != end;
+  return has_ties_ && !keeps_ties_ ? Outcome::tied : Outcome::sorted;
 }
 
 // Sorts the finite values that share an image by insertion, unless they are too many for that.
 template <class Key>
 RowSorter::Outcome RowSorter::settle_neighbours(Key* keys, Key column_mask,
-                                                const double* cells) const noexcept {
+                                                const double* cells) noexcept {
   const auto value = [=](Key key) { return cells[key & column_mask]; };
   const auto share_image = [=](Key left, Key right) { return (left ^ right) <= column_mask; };
   constexpr std::size_t block = 32;
@@ -268,7 +271,11 @@ RowSorter::Outcome RowSorter::settle_neighbours(Key* keys, Key column_mask,
       const Key key = keys[group_end];
       std::size_t hole = group_end;
       for (; hole > place && value(keys[hole - 1]) >= value(key); --hole) {
-        if (value(keys[hole - 1]) == value(key)) return Outcome::tied;
+        if (value(keys[hole - 1]) == value(key)) {
+          if (!keeps_ties_) return Outcome::tied;
+          has_ties_ = true;
+          break;
+        }
         if (--comparisons == 0) return Outcome::crowded;
         keys[hole] = keys[hole - 1];
       }

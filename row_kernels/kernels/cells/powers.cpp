@@ -1,0 +1,34 @@
+#include <cmath>
+
+#include "cells/cell_function.hpp"
+#include "cells/cells.hpp"
+#include "nan.hpp"
+
+namespace quernbrook::row_kernels {
+namespace {
+
+struct Logarithm {
+  double operator()(double x) const noexcept { return x > 0.0 ? std::log(x) : nan; }
+};
+
+struct Power {
+  double operator()(double base, double exponent) const noexcept {
+    // The C library's are 1 for the power 0 and for the base 1, beside a NaN, too.
+    return is_nan(base) || is_nan(exponent) ? nan : std::pow(base, exponent);
+  }
+};
+
+struct SignedPower {
+  double operator()(double base, double exponent) const noexcept {
+    const double power = Power{}(std::fabs(base), exponent);
+    return base > 0.0 ? power : base < 0.0 ? -power : 0.0 * power;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<RowFunction> make_logarithm() { return make_cells<Logarithm, 1>(); }
+std::unique_ptr<RowFunction> make_power() { return make_cells<Power, 2>(); }
+std::unique_ptr<RowFunction> make_signed_power() { return make_cells<SignedPower, 2>(); }
+
+}  // namespace quernbrook::row_kernels
