@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from typing import Any
+
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionEntry, Parameter
 from quernbrook.reference_host.entries import REQUIRED
@@ -12,28 +14,40 @@ from quernbrook.workbench.names import suggestion
 
 
 def build(call: Call, name: str, scope: Scope) -> Node:
-    """Raises Fault."""
+    """Raises Fault.
+
+    An argument with a name becomes a literal child where literal children fill its parameter, and
+    configuration otherwise. Windows are among the former: warm-up rows are counted by them.
+    """
     entry = scope.registry.get_entry(name)
     children = [scope.argument(operand) for operand in call.operands]
-    if call.keywords:
-        children += _literals(call, entry.param_schema, children)
-    return Node(kind_of(entry), name, children, call.config)
+    config = dict(call.config or {})
+    given = _given(call, entry.param_schema)
+    filled_by_children = {
+        key: parameter for key, parameter in entry.param_schema.items() if parameter.type in LITERALS
+    }
+    for key in given.keys() - filled_by_children.keys():
+        if key in config:
+            raise Fault(f"'{key}' is given twice", given[key].at)
+        config[key] = _checked(given[key], entry.param_schema[key])
+    children += _literals(call, filled_by_children, given, children)
+    return Node(kind_of(entry), name, children, config or None)
 
 
 def kind_of(entry: FunctionEntry) -> str:
     return "reduction" if entry.family == "reduction" else "rotation"
 
 
-def _literals(call: Call, schema: dict[str, Parameter], children: list[Node]) -> list[Node]:
+def _literals(
+    call: Call, schema: dict[str, Parameter], given: dict[str, Keyword], children: list[Node]
+) -> list[Node]:
     """Children for the arguments with names.
 
     Literal children fill the parameters in the order of the schema, so that whatever stands before
     the last one given is filled with its default.
     """
-    given = _given(call, schema)
     filled = sum(child.type in LITERALS for child in children)
-    names = list(schema)
-    last = max(names.index(name) for name in given)
+    last = max((place for place, name in enumerate(schema) if name in given), default=-1)
     literals = []
     for place, (name, parameter) in enumerate(schema.items()):
         if place < filled and name in given:
@@ -56,17 +70,22 @@ def _given(call: Call, schema: dict[str, Parameter]) -> dict[str, Keyword]:
 
 
 def _literal(call: Call, name: str, parameter: Parameter, keyword: Keyword | None) -> Node:
-    if keyword is None:
-        if parameter.default is REQUIRED:
-            raise Fault(f"{call.name} needs the parameter '{name}', too", call.at)
-        return Node(parameter.type, parameter.default)
+    if keyword is not None:
+        return Node(parameter.type, _checked(keyword, parameter))
+    if parameter.default is REQUIRED:
+        raise Fault(f"{call.name} needs the parameter '{name}', too", call.at)
+    return Node(parameter.type, parameter.default)
+
+
+def _checked(keyword: Keyword, parameter: Parameter) -> Any:
     value = _value(keyword)
     if not parameter.accepts(value):
-        raise Fault(f"'{name}' must be {parameter.type}; got {value!r}", keyword.operand.at)
-    return Node(parameter.type, float(value) if parameter.type == "float" else value)
+        text = f"'{keyword.name}' must be {parameter.type}; got {value!r}"
+        raise Fault(text, keyword.operand.at)
+    return float(value) if parameter.type in ("float", "number") else value
 
 
-def _value(keyword: Keyword) -> object:
+def _value(keyword: Keyword) -> Any:
     operand = keyword.operand
     if isinstance(operand, Number):
         return operand.value

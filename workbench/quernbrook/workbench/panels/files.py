@@ -34,8 +34,8 @@ def write_panel(panel: Panel, folder: Path) -> None:
 
 
 def write_frame(frame: pd.DataFrame, path: Path) -> None:
-    """Write a wide table to a Parquet file; its index goes with it."""
-    frame.to_parquet(path, engine="pyarrow")
+    """Write a wide table with its dates to a Parquet file, where symbols are texts."""
+    frame.rename(columns=str).to_parquet(path, engine="pyarrow")
 
 
 def _read(folder: Path, name: str) -> pd.DataFrame:
