@@ -9,5 +9,6 @@ void define_arithmetic(nanobind::module_& module);
 void define_logic(nanobind::module_& module);
 void define_rows(nanobind::module_& module);
 void define_signals(nanobind::module_& module);
+void define_time(nanobind::module_& module);
 
 }  // namespace quernbrook::row_kernels::binding

@@ -18,4 +18,5 @@ NB_MODULE(_kernels, module) {
   define_logic(module);
   define_rows(module);
   define_signals(module);
+  define_time(module);
 }

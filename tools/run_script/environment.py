@@ -28,8 +28,12 @@ STATE_FILE = VENV / "run-state.json"
 LOGS = ROOT / "build" / "logs"
 # A folder for each interpreter: objects of one are of no use to another.
 NATIVE_BUILD = ROOT / "build" / f"{sys.implementation.cache_tag}-{sysconfig.get_platform()}"
+ROW_KERNEL_BUILD = NATIVE_BUILD.with_name(f"{NATIVE_BUILD.name}-row-kernels")
 NATIVE_SOURCES = ("pyproject.toml", "CMakeLists.txt", "simulator_engine")
 HOST = ROOT / "reference_host"
+ROW_KERNELS = ROOT / "row_kernels"
+# Its own sources, and what it shares with the module.
+ROW_KERNEL_SOURCES = (ROW_KERNELS, ROOT / "simulator_engine")
 # CMake reads these once, when it configures a build folder.
 TOOLCHAIN_VARIABLES = ("CXX", "CXXFLAGS", "LDFLAGS", "CMAKE_ARGS", "SKBUILD_CMAKE_DEFINE")
 
@@ -47,6 +51,7 @@ def prepare(groups: Sequence[str]) -> None:
         toolchain = {name: os.environ.get(name, "") for name in TOOLCHAIN_VARIABLES}
         native = digest_of([ROOT / name for name in NATIVE_SOURCES])
         host = digest_of([HOST])
+        row_kernels = digest_of(ROW_KERNEL_SOURCES)
 
         missing = {
             group for group in groups if state["requirements"].get(group) != requirements[group]
@@ -55,11 +60,12 @@ def prepare(groups: Sequence[str]) -> None:
             state["native"] != native or state["toolchain"] != toolchain or "build" in missing
         )
         host_due = state["host"] != host
-        if not (missing or native_due or host_due):
+        row_kernels_due = native_due or state["row_kernels"] != row_kernels
+        if not (missing or native_due or host_due or row_kernels_due):
             return
 
         # Before minutes of downloads, not after them.
-        command = compiler.find() if native_due else ""
+        command = compiler.find() if row_kernels_due else ""
         if not state["usable"]:
             make_venv()
         if missing:
@@ -69,8 +75,13 @@ def prepare(groups: Sequence[str]) -> None:
         if native_due:
             if state["toolchain"] != toolchain:
                 shutil.rmtree(NATIVE_BUILD, ignore_errors=True)
+                shutil.rmtree(ROW_KERNEL_BUILD, ignore_errors=True)
             install_native(command, state)
             state |= {"native": native, "toolchain": toolchain}
+            save(state)
+        if row_kernels_due:
+            install_row_kernels(command, state)
+            state["row_kernels"] = row_kernels
             save(state)
         if host_due:
             install_host(state)
@@ -99,6 +110,7 @@ def read_state() -> State:
         "native": None,
         "toolchain": None,
         "host": None,
+        "row_kernels": None,
         "distributions": [],
     }
     if not runs_on_this_interpreter():
@@ -180,6 +192,13 @@ def install_native(command: str, state: State) -> None:
     build_dir = f"--config-settings=build-dir={NATIVE_BUILD}"
     arguments = ["--no-build-isolation", build_dir, str(ROOT)]
     pip_install(arguments, LOGS / "native.log", state, CXX=command)
+
+
+def install_row_kernels(command: str, state: State) -> None:
+    note(f"building the row kernels with {command}")
+    build_dir = f"--config-settings=build-dir={ROW_KERNEL_BUILD}"
+    arguments = ["--no-build-isolation", build_dir, str(ROW_KERNELS)]
+    pip_install(arguments, LOGS / "row_kernels.log", state, CXX=command)
 
 
 def install_host(state: State) -> None:

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "time/loops/statistics.hpp"
+
+namespace quernbrook::row_kernels {
+
+/// The instruction sets that the loops are compiled for: what the build is for, x86-64-v3 and
+/// x86-64-v4. Results are the same bits.
+enum class InstructionSet { baseline, avx2, avx512 };
+
+/// The widest that this processor has.
+InstructionSet widest_instruction_set() noexcept;
+
+/// That which new functions use: at first the widest.
+InstructionSet instruction_set() noexcept;
+
+/// Has new functions use another, to compare them; not one wider than the widest.
+void use_instruction_set(InstructionSet set) noexcept;
+
+/// The loops for the one in use.
+const Statistics& statistics_loops() noexcept;
+
+}  // namespace quernbrook::row_kernels

@@ -1,0 +1,114 @@
+#pragma once
+
+// Arithmetic on neighbouring columns in one register of the widest instruction set that this
+// translation unit is compiled for. QUERNBROOK_INSTRUCTION_SET names that set and the namespace, so
+// that no function compiled for one is linked where another is meant. For the same reason nothing
+// here calls a function of the standard library that isn't inlined for certain.
+
+#include <cstddef>
+#include <cstdint>
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
+
+namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
+
+#if defined(__AVX512F__)
+inline constexpr std::size_t lane_count = 8;
+#elif defined(__AVX2__)
+inline constexpr std::size_t lane_count = 4;
+#else
+inline constexpr std::size_t lane_count = 2;
+#endif
+
+using Lanes [[gnu::vector_size(8 * lane_count)]] = double;
+using Bits [[gnu::vector_size(8 * lane_count)]] = std::int64_t;
+
+inline Lanes load(const double* cells) noexcept {
+  Lanes lanes;
+  __builtin_memcpy(&lanes, cells, sizeof lanes);
+  return lanes;
+}
+
+inline void store(double* cells, Lanes lanes) noexcept {
+  __builtin_memcpy(cells, &lanes, sizeof lanes);
+}
+
+inline Lanes all(double value) noexcept { return Lanes{} + value; }
+
+/// `chosen` where the condition holds, the other elsewhere.
+inline Lanes select(Bits condition, Lanes chosen, Lanes other) noexcept {
+  return condition ? chosen : other;
+}
+
+inline Lanes square_root(Lanes lanes) noexcept {
+#if defined(__AVX512F__)
+  return _mm512_sqrt_pd(lanes);
+#elif defined(__AVX2__)
+  return _mm256_sqrt_pd(lanes);
+#elif defined(__SSE2__)
+  return _mm_sqrt_pd(lanes);
+#else
+  for (std::size_t lane = 0; lane < lane_count; ++lane) lanes[lane] = __builtin_sqrt(lanes[lane]);
+  return lanes;
+#endif
+}
+
+/// Of finite numbers: neither NaN nor infinite.
+inline Bits is_finite(Lanes lanes) noexcept { return lanes - lanes == Lanes{}; }
+
+/// The upper half of the significand, so that the product of two such numbers is exact.
+inline Lanes upper_half(Lanes lanes) noexcept {
+  Bits bits;
+  __builtin_memcpy(&bits, &lanes, sizeof bits);
+  bits &= ~((std::int64_t{1} << 27) - 1);
+  __builtin_memcpy(&lanes, &bits, sizeof bits);
+  return lanes;
+}
+
+/// A sum that is not rounded: `value` is the rounded one, `error` what it lacks (Ogita, Rump and
+/// Oishi 2005). Where `value` is infinite or NaN, `error` may be NaN.
+struct LongLanes {
+  Lanes value;
+  Lanes error;
+
+  /// Adds a term of any size, without loss (Knuth 1969).
+  void add(Lanes term) noexcept {
+    const Lanes sum = value + term;
+    const Lanes added = sum - value;
+    error += (value - (sum - added)) + (term - added);
+    value = sum;
+  }
+
+  void add(const LongLanes& other) noexcept {
+    add(other.value);
+    error += other.error;
+  }
+
+  /// Adds a term of the same sign, at a third of the cost. Where a term exceeds the value, up to
+  /// half a unit of its last place is lost: at most one such unit in all, as values double then.
+  void add_growing(Lanes term) noexcept {
+    const Lanes sum = value + term;
+    error += term - (sum - value);
+    value = sum;
+  }
+
+  /// Rounded, infinities included.
+  Lanes rounded() const noexcept {
+    const Lanes sum = value + error;
+    return select(error == error, sum, value);
+  }
+};
+
+/// The sum of two, rounded: within one and a half units of the last place of what they stand for.
+inline Lanes rounded_sum(const LongLanes& left, const LongLanes& right) noexcept {
+  return LongLanes{left.value + right.value, left.error + right.error}.rounded();
+}
+
+/// `scale` times `number` without loss, for whole scales below 2^26.
+inline LongLanes exact_multiple(double scale, const LongLanes& number) noexcept {
+  const Lanes upper = upper_half(number.value);
+  return {scale * upper, scale * (number.value - upper) + scale * number.error};
+}
+
+}  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET

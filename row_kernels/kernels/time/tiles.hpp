@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+
+#include "time/plan.hpp"
+
+namespace quernbrook::row_kernels {
+
+struct FreeCells {
+  void operator()(double* cells) const noexcept { std::free(cells); }
+};
+
+/// Memory that begins on a cache line.
+using AlignedCells = std::unique_ptr<double[], FreeCells>;
+
+/// Throws std::bad_alloc.
+AlignedCells allocate_cells(std::size_t size);
+
+/// How the columns of rows fall into tiles. The last tile ends with the last column, so that it may
+/// share columns with the one before, which then get the same bits twice. Only rows narrower than a
+/// tile leave cells of it unused.
+class Tiles {
+ public:
+  explicit Tiles(std::ptrdiff_t column_count) noexcept
+      : column_count_(static_cast<std::size_t>(column_count)) {}
+
+  std::size_t count() const noexcept { return (column_count_ + tile_columns - 1) / tile_columns; }
+  bool is_narrow() const noexcept { return column_count_ < tile_columns; }
+
+  /// The first column of a tile.
+  std::size_t column(std::size_t tile) const noexcept {
+    const std::size_t column = tile * tile_columns;
+    return column + tile_columns <= column_count_ || is_narrow() ? column
+                                                                 : column_count_ - tile_columns;
+  }
+
+  /// The number of its columns.
+  std::size_t width() const noexcept { return is_narrow() ? column_count_ : tile_columns; }
+
+ private:
+  std::size_t column_count_;
+};
+
+}  // namespace quernbrook::row_kernels

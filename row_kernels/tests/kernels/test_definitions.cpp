@@ -1,0 +1,118 @@
+// Every value against its definition in quadruple precision.
+
+#include <doctest/doctest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "panels.hpp"
+#include "time_functions.hpp"
+
+namespace row_kernel_tests {
+namespace {
+
+double unit_in_last_place(double value) {
+  const double size = std::fabs(value);
+  return std::nextafter(size, infinity) - size;
+}
+
+bool is_close(double actual, const Expected& expected) {
+  const auto rounded = static_cast<double>(expected.value);
+  if (std::isnan(rounded)) return std::isnan(actual);
+  if (!std::isfinite(rounded)) return actual == rounded;
+  if (!std::isfinite(actual)) return false;
+  const Wide error = actual - expected.value;
+  // Errors of that which cancels are a unit in the last place of what it is made of.
+  const Wide allowed = 4 * static_cast<Wide>(unit_in_last_place(rounded)) +
+                       4 * static_cast<Wide>(0x1p-53) * expected.scale;
+  return -allowed <= error && error <= allowed;
+}
+
+std::vector<double> column_of(const Panel& panel, std::size_t first, std::size_t last,
+                              std::size_t column) {
+  std::vector<double> values;
+  for (std::size_t row = first; row <= last; ++row) values.push_back(panel.at(row, column));
+  return values;
+}
+
+bool has_nan(const std::vector<double>& values) {
+  return std::any_of(values.begin(), values.end(), [](double value) { return std::isnan(value); });
+}
+
+bool is_all_finite(const std::vector<double>& values) {
+  return std::all_of(values.begin(), values.end(),
+                     [](double value) { return std::isfinite(value); });
+}
+
+// The first cell that is wrong, as a text.
+std::string first_fault(const TimeFunction& function, std::size_t window, const Panel& first,
+                        const Panel& second, std::size_t stride = 1) {
+  const auto instance = function.make(window);
+  Panel result(first.rows, first.columns);
+  const auto columns = static_cast<std::ptrdiff_t>(first.columns);
+  const Rows arguments[] = {{first.cells.data(), columns}, {second.cells.data(), columns}};
+  instance->run(arguments, static_cast<std::ptrdiff_t>(first.rows), columns, result.cells.data());
+  const std::size_t held = instance->capacity();
+  for (std::size_t row = 0; row < first.rows; row += stride) {
+    for (std::size_t column = 0; column < first.columns; ++column) {
+      const double actual = result.at(row, column);
+      Expected expected{nan, 0};
+      if (row + 1 >= held) {
+        const std::vector<double> values = column_of(first, row + 1 - held, row, column);
+        const std::vector<double> others = column_of(second, row + 1 - held, row, column);
+        const bool is_one = function.arguments == 1;
+        // A value in between doesn't matter to the ends.
+        const bool are_ends = held > window;
+        if (are_ends) {
+          if (!std::isnan(values.front()) &&
+              (function.name == "delay" || !std::isnan(values.back())))
+            expected = function.define(values, others);
+        } else if (!has_nan(values) && (is_one || !has_nan(others))) {
+          expected = function.define(values, others);
+          // Infinities are the business of IEEE arithmetic; that they leave no trace is tested
+          // here.
+          if (!is_all_finite(values) || (!is_one && !is_all_finite(others))) {
+            if (!std::isfinite(actual)) continue;
+            if (!std::isfinite(static_cast<double>(expected.value))) continue;
+          }
+        }
+      }
+      if (!is_close(actual, expected)) {
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "%s, window %zu, row %zu, column %zu: %.17g instead of %.17g (scale %g)",
+                      function.name.c_str(), window, row, column, actual,
+                      static_cast<double>(expected.value), static_cast<double>(expected.scale));
+        return text;
+      }
+    }
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST_CASE("each value is that of its definition") {
+  for (const TimeFunction& function : time_functions()) {
+    for (std::size_t window = 1; window <= 60; window += window < 12 ? 1 : 7) {
+      const auto seed = static_cast<unsigned>(window);
+      const Panel first = random_panel(400, 19, seed);
+      Panel second = random_panel(400, 19, seed + 1000);
+      CHECK(first_fault(function, window, first, second) == "");
+    }
+  }
+}
+
+TEST_CASE("long windows") {
+  for (const TimeFunction& function : time_functions()) {
+    for (const std::size_t window : {100u, 250u, 1000u, 5000u}) {
+      const auto seed = static_cast<unsigned>(window);
+      const Panel first = random_panel(2 * window + 300, 8, seed, false);
+      const Panel second = random_panel(2 * window + 300, 8, seed + 1, false);
+      CHECK(first_fault(function, window, first, second, window / 10 + 1) == "");
+    }
+  }
+}
+
+}  // namespace row_kernel_tests
