@@ -16,7 +16,18 @@ ROTATIONS = sorted({*REGISTERED} - {*REDUCTIONS})
 NOTATIONS = (*notation.BINARY, *notation.UNARY, notation.CHOICE, *notation.CALLS)
 
 texts = st.text(max_size=6) | st.sampled_from(
-    ["close", "Close", "returns", "adv20", "ADV5", "true", "sector", "IndClass.sector", 'a"b\\', "rank"]
+    [
+        "close",
+        "Close",
+        "returns",
+        "adv20",
+        "ADV5",
+        "true",
+        "sector",
+        "IndClass.sector",
+        'a"b\\',
+        "rank",
+    ]
 )
 identities = st.none() | st.none() | texts
 finite = st.floats(allow_nan=False, allow_infinity=False)

@@ -159,9 +159,7 @@ def test_functions_of_another_registry() -> None:
     entry = FunctionEntry("My_Clip", "mine", build=lambda limit, side: None, param_schema=schema)
     registry = FunctionRegistry([entry])
     graph = parse_formula('my_clip(close, side="up")', registry=registry)
-    expected = Node(
-        "rotation", "My_Clip", [CLOSE, Node("float", 3.0), Node("string", "up")]
-    )
+    expected = Node("rotation", "My_Clip", [CLOSE, Node("float", 3.0), Node("string", "up")])
     assert same_graph(graph, expected)
     assert format_formula(graph, registry=registry) == 'My_Clip(close, 3.0, "up")'
     assert format_formula(graph) == 'rotation("My_Clip", close, 3.0, "up")'

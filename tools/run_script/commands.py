@@ -24,9 +24,14 @@ def demo(arguments: Sequence[str]) -> int:
     return python("demo", *arguments)
 
 
+def alphas(arguments: Sequence[str]) -> int:
+    prepare(["build", "workbench"])
+    return python("-m", "quernbrook.workbench.alphas", *arguments)
+
+
 def test(arguments: Sequence[str]) -> int:
     # The tests run the demonstration and the code in the guide, too.
-    prepare(["build", "test", "demo", "docs"])
+    prepare(["build", "test", "demo", "docs", "workbench"])
     kernels = 0
     if not arguments and (KERNEL_TESTS / "CMakeLists.txt").is_file():
         ensure_doctest()
@@ -108,7 +113,7 @@ def build_revision(commit: str) -> Path:
 def check(arguments: Sequence[str]) -> int:
     if arguments:
         return long_check(arguments)
-    prepare(["build", "test", "demo", "docs", "check"])
+    prepare(["build", "test", "demo", "docs", "workbench", "check"])
     steps: dict[str, Callable[[], int]] = {
         "ruff check": lambda: python("-m", "ruff", "check"),
         "ruff format": lambda: python("-m", "ruff", "format", "--check"),
@@ -134,7 +139,7 @@ def long_check(arguments: Sequence[str]) -> int:
     unknown = [argument for argument in arguments if argument not in checks]
     if unknown:
         raise Failure(f"check takes --sanitize and --long; got {' '.join(unknown)}.")
-    prepare(["build", "test", "demo", "docs", "check"])
+    prepare(["build", "test", "demo", "docs", "workbench", "check"])
     return max(checks[argument]() for argument in arguments)
 
 
@@ -206,7 +211,7 @@ def tool(name: str, *arguments: str, **variables: str) -> int:
     return subprocess.run([PYTHON.parent / name, *arguments], cwd=ROOT, env=env).returncode
 
 
-COMMANDS = {"demo": demo, "test": test, "bench": bench, "check": check}
+COMMANDS = {"demo": demo, "alphas": alphas, "test": test, "bench": bench, "check": check}
 
 
 def main() -> int:

@@ -31,6 +31,7 @@ NATIVE_BUILD = ROOT / "build" / f"{sys.implementation.cache_tag}-{sysconfig.get_
 ROW_KERNEL_BUILD = NATIVE_BUILD.with_name(f"{NATIVE_BUILD.name}-row-kernels")
 NATIVE_SOURCES = ("pyproject.toml", "CMakeLists.txt", "simulator_engine")
 HOST = ROOT / "reference_host"
+WORKBENCH = ROOT / "workbench"
 ROW_KERNELS = ROOT / "row_kernels"
 # Its own sources, and what it shares with the module.
 ROW_KERNEL_SOURCES = (ROW_KERNELS, ROOT / "simulator_engine")
@@ -50,7 +51,7 @@ def prepare(groups: Sequence[str]) -> None:
         requirements = {group: digest_of([requirement_file(group)]) for group in groups}
         toolchain = {name: os.environ.get(name, "") for name in TOOLCHAIN_VARIABLES}
         native = digest_of([ROOT / name for name in NATIVE_SOURCES])
-        host = digest_of([HOST])
+        host = digest_of([HOST, WORKBENCH])
         row_kernels = digest_of(ROW_KERNEL_SOURCES)
 
         missing = {
@@ -202,8 +203,10 @@ def install_row_kernels(command: str, state: State) -> None:
 
 
 def install_host(state: State) -> None:
-    note("installing the reference host")
-    pip_install(["--no-build-isolation", str(HOST)], LOGS / "host.log", state)
+    note("installing the reference host and the workbench")
+    # What the workbench needs stands in a group of its own, since few commands use it.
+    arguments = ["--no-build-isolation", "--no-deps", str(HOST), str(WORKBENCH)]
+    pip_install(arguments, LOGS / "host.log", state)
 
 
 def pip_install(arguments: Sequence[str], log: Path, state: State, **variables: str) -> None:

@@ -40,9 +40,7 @@ def alpha_001(m: Market) -> Frame:
 
 @formula(2)
 def alpha_002(m: Market) -> Frame:
-    return -1 * correlation(
-        rank(delta(log(m.volume), 2)), rank(ratio(m.close - m.open, m.open)), 6
-    )
+    return -1 * correlation(rank(delta(log(m.volume), 2)), rank(ratio(m.close - m.open, m.open)), 6)
 
 
 @formula(3)

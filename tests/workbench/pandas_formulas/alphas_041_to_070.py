@@ -112,9 +112,7 @@ def alpha_053(m: Market) -> Frame:
 
 @formula(54)
 def alpha_054(m: Market) -> Frame:
-    return ratio(
-        -1 * ((m.low - m.close) * power(m.open, 5)), (m.low - m.high) * power(m.close, 5)
-    )
+    return ratio(-1 * ((m.low - m.close) * power(m.open, 5)), (m.low - m.high) * power(m.close, 5))
 
 
 @formula(55)

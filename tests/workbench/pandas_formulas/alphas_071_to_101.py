@@ -171,9 +171,7 @@ def alpha_084(m: Market) -> Frame:
 @formula(85)
 def alpha_085(m: Market) -> Frame:
     price = m.high * 0.876703 + m.close * (1 - 0.876703)
-    ranks = correlation(
-        ts_rank((m.high + m.low) / 2, 3.70596), ts_rank(m.volume, 10.1595), 7.11408
-    )
+    ranks = correlation(ts_rank((m.high + m.low) / 2, 3.70596), ts_rank(m.volume, 10.1595), 7.11408)
     return power(rank(correlation(price, m.adv(30), 9.61331)), rank(ranks))
 
 
@@ -257,9 +255,7 @@ def alpha_094(m: Market) -> Frame:
 
 @formula(95)
 def alpha_095(m: Market) -> Frame:
-    together = correlation(
-        sum_((m.high + m.low) / 2, 19.1351), sum_(m.adv(40), 19.1351), 12.8742
-    )
+    together = correlation(sum_((m.high + m.low) / 2, 19.1351), sum_(m.adv(40), 19.1351), 12.8742)
     return less(rank(m.open - ts_min(m.open, 12.4105)), ts_rank(power(rank(together), 5), 11.7584))
 
 
@@ -296,9 +292,7 @@ def alpha_098(m: Market) -> Frame:
 
 @formula(99)
 def alpha_099(m: Market) -> Frame:
-    together = correlation(
-        sum_((m.high + m.low) / 2, 19.8975), sum_(m.adv(60), 19.8975), 8.8136
-    )
+    together = correlation(sum_((m.high + m.low) / 2, 19.8975), sum_(m.adv(60), 19.8975), 8.8136)
     return less(rank(together), rank(correlation(m.low, m.volume, 6.28259))) * -1
 
 

@@ -49,20 +49,21 @@ def ratio(x: Operand, y: Frame) -> Frame:
 
 def power(x: Frame, exponent: Operand) -> Frame:
     # NumPy has 1 for the power 0 and for the base 1, beside a NaN, too.
+    is_known = (x * exponent).notna()
     with np.errstate(all="ignore"):
-        return (x**exponent).where(x.notna() & (exponent == exponent))
+        return (x**exponent).where(is_known)
 
 
 def signedpower(x: Frame, exponent: Operand) -> Frame:
-    return np.sign(x) * power(x.abs(), exponent)
+    return sign(x) * power(x.abs(), exponent)
 
 
 def log(x: Frame) -> Frame:
-    return np.log(x.where(x > 0))
+    return x.where(x > 0).transform(np.log)
 
 
 def sign(x: Frame) -> Frame:
-    return np.sign(x)
+    return x.transform(np.sign)
 
 
 def where(condition: Frame, x: Operand, y: Operand) -> Frame:
@@ -72,12 +73,14 @@ def where(condition: Frame, x: Operand, y: Operand) -> Frame:
 
 
 def less(x: Operand, y: Operand) -> Frame:
-    # A difference has a sign or is NaN; infinities don't come up.
-    return _truth(y - x, lambda difference: difference > 0)
+    # A difference of finite numbers has the sign that the comparison has.
+    difference = y - x
+    assert isinstance(difference, pd.DataFrame)
+    return (difference > 0).astype(float).where(difference.notna())
 
 
 def equal(x: Frame, y: float) -> Frame:
-    return _truth(x - y, lambda difference: difference == 0)
+    return (x == y).astype(float).where(x.notna())
 
 
 def either(x: Frame, y: Frame) -> Frame:
@@ -94,10 +97,6 @@ def maximum(x: Frame, y: Frame) -> Frame:
     return x.where((x >= y) | y.isna(), y)
 
 
-def _truth(difference: Frame, holds: Callable[[Frame], Frame]) -> Frame:
-    return holds(difference).astype(float).where(difference.notna())
-
-
 # --- across shares -------------------------------------------------------------------------------
 
 
@@ -112,13 +111,13 @@ def scale(x: Frame) -> Frame:
 
 
 def indneutralize(x: Frame, groups: Frame) -> Frame:
-    return x.apply(lambda row: _demeaned(row, groups.loc[row.name]), axis=1)
-
-
-def _demeaned(row: pd.Series, groups: pd.Series) -> pd.Series:
-    # Measured from one of the group, equal values give exact zeros.
-    shifted = row - row.groupby(groups).transform("first")
-    return shifted - shifted.groupby(groups).transform("mean")
+    result = x * np.nan
+    for group in np.unique(groups):
+        members = x.where(groups == group)
+        # Measured from one of the group, equal values give exact zeros.
+        shifted = members.sub(members.bfill(axis=1).iloc[:, 0], axis=0)
+        result = result.fillna(shifted.sub(shifted.mean(axis=1), axis=0))
+    return result
 
 
 # --- along time ----------------------------------------------------------------------------------

@@ -4,7 +4,8 @@ from __future__ import annotations
 
 import json
 import math
-from collections.abc import Iterable, Mapping
+import operator
+from collections.abc import Callable, Iterable, Mapping
 from importlib import resources
 from typing import Any
 
@@ -29,6 +30,12 @@ VERSION = 1
 
 # JSON has no numbers for these.
 _NOT_FINITE = {"NaN": math.nan, "Infinity": math.inf, "-Infinity": -math.inf}
+_CONVERSIONS: dict[str, Callable[[Any], Any]] = {
+    "int": operator.index,
+    "float": float,
+    "string": str,
+    "bool": bool,
+}
 _LITERAL_TYPES: dict[str, tuple[type, ...]] = {
     "int": (int,),
     "float": (int, float),
@@ -83,7 +90,7 @@ def _written_name(visit: Visit) -> Any:
     if node.type not in LITERALS:
         return node.node
     try:
-        value = {"int": int, "float": float, "string": str, "bool": bool}[node.type](node.node)
+        value: Any = _CONVERSIONS[node.type](node.node)
     except (TypeError, ValueError):
         text = f"a literal of kind {node.type} can't hold {node.node!r}"
         raise GraphError(visit.place, text) from None
@@ -117,7 +124,8 @@ def graph_from_json(
     fields = _object("", document, required=("version", "graph"), optional=("$schema",))
     if isinstance(fields["version"], bool) or fields["version"] != VERSION:
         raise GraphJsonError("/version", f"expected {VERSION}; got {fields['version']!r}")
-    return _Reader(library() if registry is None else registry, known).node("/graph", fields["graph"])
+    reader = _Reader(library() if registry is None else registry, known)
+    return reader.node("/graph", fields["graph"])
 
 
 class _Reader:
@@ -172,7 +180,8 @@ def _literal(pointer: str, kind: str, value: Any) -> Any:
     if kind == "int" and isinstance(value, float) and value.is_integer():
         # JSON doesn't tell 2.0 from 2.
         return int(value)
-    if not isinstance(value, _LITERAL_TYPES[kind]) or isinstance(value, bool) != (kind == "bool"):
+    is_of_kind = isinstance(value, _LITERAL_TYPES[kind])
+    if not is_of_kind or isinstance(value, bool) != (kind == "bool"):
         raise GraphJsonError(pointer, f"a literal of kind {kind} can't hold {value!r}")
     return float(value) if kind == "float" else value
 

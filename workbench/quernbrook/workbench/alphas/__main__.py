@@ -37,9 +37,9 @@ def _options(arguments: Sequence[str] | None) -> argparse.Namespace:
         "--data",
         type=Path,
         metavar="FOLDER",
-        help="a wide Parquet or CSV file a field, dates by symbols: open, high, low, close, volume, "
-        "vwap, cap, and sector, industry, subindustry as numbers (default: 2,000 days of 500 "
-        "shares that never were, always the same)",
+        help="a wide Parquet or CSV file a field, dates by symbols: open, high, low, close, "
+        "volume, vwap, cap, and sector, industry, subindustry as numbers (default: 2,000 days of "
+        "500 shares that never were, always the same)",
     )
     parser.add_argument(
         "--out",

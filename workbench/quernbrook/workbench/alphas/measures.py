@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 
 import numpy as np
+from numpy.typing import NDArray
 from quernbrook.workbench.panels.panel import Matrix
 
 # Correlations are taken over so many days at most, evenly spread.
@@ -21,11 +22,10 @@ def holdings(values: Matrix) -> Matrix:
 
     A row without two different values holds nothing.
     """
-    with np.errstate(invalid="ignore"):
-        held = np.where(np.isfinite(values), values, np.nan)
-    is_held = ~np.isnan(held)
+    is_held: NDArray[np.bool_] = np.isfinite(values)
+    held = np.where(is_held, values, 0.0)
     counts = np.maximum(is_held.sum(axis=1, keepdims=True), 1)
-    centred = np.where(is_held, held - np.nansum(held, axis=1, keepdims=True) / counts, 0.0)
+    centred = np.where(is_held, held - held.sum(axis=1, keepdims=True) / counts, 0.0)
     sizes = np.abs(centred).sum(axis=1, keepdims=True)
     return np.divide(centred, sizes, out=np.zeros_like(centred), where=sizes > 0.0)
 
@@ -35,7 +35,7 @@ def turnover(held: Matrix) -> float:
 
     Over the days that hold something and follow one that does; NaN if there is none.
     """
-    has_any = held.any(axis=1)
+    has_any = np.any(held != 0.0, axis=1)
     counted = has_any[1:] & has_any[:-1]
     changes = np.abs(np.diff(held, axis=0)).sum(axis=1)[counted]
     return float(changes.mean()) if changes.size else float("nan")

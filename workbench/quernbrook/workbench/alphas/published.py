@@ -27,7 +27,8 @@ def published_graphs() -> dict[int, Node]:
 
 def fields_of(graphs: Mapping[int, Node]) -> list[str]:
     """The fields that the graphs read, in the order of `FIELDS`."""
-    used = {node.node for graph in graphs.values() for node in _nodes(graph) if node.type == "feature"}
+    nodes = (node for graph in graphs.values() for node in _nodes(graph))
+    used = {node.node for node in nodes if node.type == "feature"}
     return [name for name in FIELDS if name in used]
 
 

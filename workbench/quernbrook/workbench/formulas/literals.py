@@ -48,8 +48,9 @@ def argument(node: Node) -> Text:
 
 def row(node: Node) -> Text:
     """A float literal as an operand of a sign, where every number is a float. Raises TypeError."""
-    value = _value(node)
-    if value.is_integer() and abs(value) < 1e15 and (value != 0 or math.copysign(1, value) > 0):
+    value = float(_value(node))
+    is_negative_zero = value == 0.0 and math.copysign(1.0, value) < 0.0
+    if value.is_integer() and abs(value) < 1e15 and not is_negative_zero:
         return _signed(int(value))
     return argument(node)
 

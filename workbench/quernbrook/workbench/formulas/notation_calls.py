@@ -19,7 +19,8 @@ def build(call: Call, function: Notation, scope: Scope) -> Node:
     if call.config is not None:
         raise Fault(f"configuration goes with the registered name, {function.function}", call.at)
     operands = _operands(call, function)
-    if function.name in notation.ALONG_TIME and len(operands) == 2 and isinstance(operands[1], Number):
+    has_number = len(operands) == 2 and isinstance(operands[1], Number)
+    if has_number and function.name in notation.ALONG_TIME:
         function = BY_NAME[notation.ALONG_TIME[function.name]]
     fewest = function.rows + function.has_window
     if not fewest <= len(operands) <= len(function.signature):

@@ -6,7 +6,7 @@ from collections.abc import Sequence
 from functools import lru_cache
 
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
-from quernbrook.workbench.formulas import literals, notation, notation_calls, signs
+from quernbrook.workbench.formulas import literals, notation, signs
 from quernbrook.workbench.formulas.notation import Notation
 from quernbrook.workbench.formulas.reader import parse_formula
 from quernbrook.workbench.formulas.signs import ATOM, Text

@@ -26,6 +26,7 @@ from quernbrook.workbench.formulas.operands import (
 from quernbrook.workbench.formulas.scope import Scope
 from quernbrook.workbench.formulas.syntax_errors import syntax_error
 
+
 def parse_formula(
     text: str,
     *,

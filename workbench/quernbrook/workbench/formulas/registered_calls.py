@@ -23,9 +23,8 @@ def build(call: Call, name: str, scope: Scope) -> Node:
     children = [scope.argument(operand) for operand in call.operands]
     config = dict(call.config or {})
     given = _given(call, entry.param_schema)
-    filled_by_children = {
-        key: parameter for key, parameter in entry.param_schema.items() if parameter.type in LITERALS
-    }
+    parameters = entry.param_schema.items()
+    filled_by_children = {key: one for key, one in parameters if one.type in LITERALS}
     for key in given.keys() - filled_by_children.keys():
         if key in config:
             raise Fault(f"'{key}' is given twice", given[key].at)

@@ -99,6 +99,7 @@ def _halts(rng: np.random.Generator, shape: tuple[int, int]) -> Mask:
 
 def _simulate(rng: np.random.Generator, sector: Matrix, is_halted: Mask) -> _Days:
     day_count, share_count = is_halted.shape
+    shape = (day_count, share_count)
     wave = np.exp(_autoregression(rng, (day_count, 1), persistence=0.97, deviation=0.35))
     sectors = sector.astype(np.intp)
     sector_moves = _fat_tails(rng, (day_count, int(sectors.max()) + 1)) * _SECTOR_VOLATILITY
@@ -106,8 +107,8 @@ def _simulate(rng: np.random.Generator, sector: Matrix, is_halted: Mask) -> _Day
     common = wave * (market_moves + np.take(sector_moves, sectors, axis=1))
     exposure = rng.normal(1.0, 0.25, share_count)
     own_volatility = _OWN_VOLATILITY * rng.lognormal(0.0, 0.3, share_count)
-    own = wave * _fat_tails(rng, is_halted.shape) * own_volatility
-    overnight_own = wave * _fat_tails(rng, is_halted.shape) * own_volatility
+    own = wave * _fat_tails(rng, shape) * own_volatility
+    overnight_own = wave * _fat_tails(rng, shape) * own_volatility
     traded = ~is_halted
     overnight = np.sqrt(_OVERNIGHT_SHARE) * (0.5 * exposure * common + overnight_own) * traded
     intraday = np.sqrt(1.0 - _OVERNIGHT_SHARE) * (exposure * common + own) * traded
@@ -133,7 +134,8 @@ def _prices(rng: np.random.Generator, days: _Days, is_halted: Mask) -> dict[str,
 
 
 def _volumes(rng: np.random.Generator, days: _Days, shares: Matrix, is_halted: Mask) -> Matrix:
-    mood = _autoregression(rng, is_halted.shape, persistence=0.8, deviation=0.4)
+    day_count, share_count = is_halted.shape
+    mood = _autoregression(rng, (day_count, share_count), persistence=0.8, deviation=0.4)
     # Days of large moves are days of much trade.
     excitement = np.abs(days.overnight + days.intraday) / days.wave
     volume = shares * 0.004 * np.exp(mood + 0.25 * excitement)

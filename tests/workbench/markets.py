@@ -1,0 +1,42 @@
+"""Panels on which the formulas are tested."""
+
+from __future__ import annotations
+
+import numpy as np
+from quernbrook.workbench.panels import Panel, synthetic_panel
+
+# Enough for the longest chain of windows.
+DAYS = 320
+
+# They rank differences of weighted prices from their group's mean.
+HANGING_ON_ROUNDING = frozenset({59, 79, 80, 97})
+
+
+def rough_market() -> Panel:
+    """Gaps, halts and late listings; days of equal prices within a share, but not between shares.
+
+    Where prices of two shares move alike, the order of their differences from a group's mean hangs
+    on the last bits, which no two programs share.
+    """
+    panel = synthetic_panel(20, DAYS, seed=1)
+    factors = np.random.default_rng(2).uniform(0.9, 1.1, 20)
+    for name in ("open", "high", "low", "close", "vwap", "cap"):
+        panel.fields[name][:] *= factors
+    return panel
+
+
+def even_market() -> Panel:
+    """Equal prices, within a share and between shares, and nothing that is missing.
+
+    Prices are multiples of an eighth, groups have a power of two members, and ranks of 17 shares
+    are sixteenths: sums and means of them are exact, so that what is equal on paper is equal in
+    every program. Only weighted prices (`HANGING_ON_ROUNDING`) still round.
+    """
+    panel = synthetic_panel(17, DAYS, seed=3, gaps=False, late_listings=False)
+    for name in ("open", "high", "low", "close", "vwap"):
+        values = panel.fields[name]
+        values[:] = np.maximum(np.round(values / np.nanmean(values, axis=0) * 80.0) / 8.0, 1.0)
+    for name, size in (("sector", 8), ("industry", 4), ("subindustry", 2)):
+        panel.fields[name][:] = np.arange(17) // size
+    panel.fields["cap"][:] = panel.fields["close"] * 2.0**20
+    return panel
