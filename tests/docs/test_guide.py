@@ -57,6 +57,7 @@ def test_there_are_pages() -> None:
     assert {page.relative_to(DOCS).as_posix() for page in PAGES} >= {
         "index.md",
         "guide/filters.md",
+        "guide/formulas.md",
         "guide/functions.md",
         "guide/graphs.md",
         "guide/reductions.md",

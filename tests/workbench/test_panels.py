@@ -23,6 +23,7 @@ def frame(**columns: list[object]) -> pd.DataFrame:
     return pd.DataFrame(columns, index=DATES)
 
 
+SECTOR = frame(AA=["tech"] * 3, BB=["oil"] * 3)
 CLOSE = frame(AA=[1.0, 2.0, 3.0], BB=[4.0, np.nan, 6.0])
 
 
@@ -55,7 +56,7 @@ def test_float64_in_one_block_is_not_copied() -> None:
         ({"close": CLOSE, "open": CLOSE[["AA"]]}, "field 'open' lacks the symbol BB, which 'close' has"),
         ({"close": CLOSE[["AA"]], "open": CLOSE}, "field 'close' lacks the symbol BB, which 'open' has"),
         ({"close": CLOSE, "open": CLOSE.iloc[1:]}, "field 'open' lacks the date 2024-01-02 00:00:00, which 'close' has"),
-        ({"close": CLOSE, "sector": frame(AA=["tech"] * 3, BB=["oil"] * 3)}, "field 'sector': 'AA' holds no numbers but object"),
+        ({"close": CLOSE, "sector": SECTOR}, f"field 'sector': 'AA' holds no numbers but {SECTOR.dtypes['AA']}"),
     ],
 )  # fmt: skip
 def test_what_makes_no_panel(frames: dict[str, pd.DataFrame], message: str) -> None:
