@@ -31,6 +31,17 @@ const std::vector<std::pair<std::string, Make>> functions = {
     {"minimum", make_minimum},
     {"maximum_age", make_maximum_age},
     {"minimum_age", make_minimum_age},
+    {"variance", [](std::size_t window) { return make_variance(window); }},
+    {"standard_deviation", [](std::size_t window) { return make_standard_deviation(window); }},
+    {"z_score", make_z_score},
+    {"covariance", [](std::size_t window) { return make_covariance(window); }},
+    {"correlation", make_correlation},
+    {"skewness", [](std::size_t window) { return make_skewness(window); }},
+    {"kurtosis", [](std::size_t window) { return make_kurtosis(window); }},
+    {"decaying_mean", make_decaying_mean},
+    {"slope", make_slope},
+    {"intercept", make_intercept},
+    {"residual", make_residual},
 };
 
 double nanoseconds_a_cell(const Make& make, std::size_t window, const std::vector<double>& first,

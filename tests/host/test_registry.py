@@ -17,30 +17,9 @@ from quernbrook.reference_host import (
 from quernbrook.simulator_engine._registry_protocols import RegistryProtocol
 from quernbrook.simulator_engine._types import FunctionExecutionError
 
-STATELESS = [
-    "latitudinal_demean",
-    "latitudinal_rank",
-    "latitudinal_scale",
-    "latitudinal_zscore",
-    "numerical_add",
-    "numerical_divide",
-    "numerical_multiply",
-    "numerical_negate",
-    "numerical_subtract",
-    "reduction_mean",
-]
-STATEFUL = [
-    "longitudinal_delay",
-    "longitudinal_delta",
-    "longitudinal_mean",
-    "longitudinal_std",
-    "longitudinal_sum",
-    "longitudinal_zscore",
-    "weighted_by_pnl",
-    "weighted_by_sharpe",
-    "weighted_by_turnover",
-    "weighted_by_vol",
-]
+ENTRIES = [default_registry(compiled=False).get_entry(name) for name in default_registry()]
+STATELESS = [entry.name for entry in ENTRIES if not entry.stateful]
+STATEFUL = [entry.name for entry in ENTRIES if entry.stateful]
 
 
 class Doubler:
@@ -54,9 +33,9 @@ class Doubler:
         return row * self.factor
 
 
-@pytest.fixture
-def registry() -> FunctionRegistry:
-    return default_registry()
+@pytest.fixture(params=["compiled", "plain"])
+def registry(request: pytest.FixtureRequest) -> FunctionRegistry:
+    return default_registry(compiled=request.param == "compiled")
 
 
 @pytest.mark.parametrize("name", STATELESS + STATEFUL)
@@ -93,6 +72,17 @@ def test_registry_module_declares_no_typed_state() -> None:
     assert not hasattr(module, "FunctionState")
 
 
+def test_library() -> None:
+    assert len(STATELESS) == 32
+    assert {name.split("_")[0] for name in STATELESS} == {"latitudinal", "numerical", "reduction"}
+    assert {name.split("_")[0] for name in STATEFUL} == {"longitudinal", "weighted"}
+
+
+def test_iteration_gives_the_names(registry: FunctionRegistry) -> None:
+    assert all(registry.has(name) for name in registry)
+    assert len(list(registry)) == len(STATELESS) + len(STATEFUL)
+
+
 def test_unknown_name(registry: FunctionRegistry) -> None:
     assert not registry.has("no_such")
     assert not registry.has_factory("no_such")
@@ -124,6 +114,8 @@ def test_own_function_replaces_one_of_the_library_in_its_registry_only(
     ("name", "config", "reason"),
     [
         ("numerical_add", {"window": 3}, "unknown parameter(s): window; known: none"),
+        ("numerical_less", {"ieee": 1}, "parameter 'ieee' must be flag; got 1"),
+        ("latitudinal_relative_rank", {"lone": True}, "parameter 'lone' must be number; got True"),
         ("longitudinal_mean", {"b": 1, "a": 2}, "unknown parameter(s): a, b; known: window"),
         ("longitudinal_mean", {}, "missing parameter: window"),
         ("longitudinal_mean", {"window": 2.0}, "parameter 'window' must be int; got 2.0"),
@@ -161,7 +153,7 @@ def drive(instance: Any, step: int) -> np.ndarray:
     if instance.name.startswith("longitudinal_"):
         row = rng.normal(size=5)
         row[rng.random(5) < 0.1] = np.nan
-        return instance(row)
+        return instance(*[row, row[::-1]][: instance.arity])
     block = rng.normal(size=(3, 5))
     block[rng.random((3, 5)) < 0.1] = np.nan
     return instance(block, signal_pnl=rng.normal(size=3))
@@ -193,7 +185,8 @@ def test_state_is_a_snapshot(registry: FunctionRegistry) -> None:
     instance(np.array([1.0]))
     saved = instance.get_state()
     instance(np.array([2.0]))
-    assert saved == SavedState("longitudinal_mean", {"count": 1, "window": 2, "buffer": [[1.0]]})
+    assert saved.name == "longitudinal_mean"
+    assert saved.state_data == {"count": 1, "window": 2, "buffer": [[1.0]]}
 
 
 def test_raw_state_data_restores(registry: FunctionRegistry) -> None:

@@ -1,4 +1,4 @@
-"""Rotations against plain NumPy formulas."""
+"""The plain definitions of rotations against NumPy formulas."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ WINDOW_FORMULAS: dict[str, Callable[[np.ndarray], np.ndarray]] = {
 
 
 def make(name: str, **config: Any) -> Any:
-    return default_registry().create_instance(name, **config)
+    return default_registry(compiled=False).create_instance(name, **config)
 
 
 def apply(name: str, *rows: list[float], **config: Any) -> np.ndarray:

@@ -6,7 +6,7 @@ registry's own typed state and convert every state to it before a restore.
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Mapping
+from collections.abc import Iterable, Iterator, Mapping
 from dataclasses import replace
 from importlib import import_module
 from typing import Any
@@ -17,6 +17,9 @@ from quernbrook.reference_host import (
     logic,
     reductions,
     rolling,
+    rolling_moments,
+    rolling_order,
+    rolling_trend,
     shares,
 )
 from quernbrook.reference_host.entries import FunctionEntry, name_of
@@ -49,6 +52,10 @@ class FunctionRegistry:
     def names(self) -> list[str]:
         """Return the names of all functions, sorted."""
         return sorted(self._entries)
+
+    def __iter__(self) -> Iterator[str]:
+        """The names of all functions."""
+        return iter(self._entries)
 
     @property
     def compiled(self) -> frozenset[str]:
@@ -133,6 +140,9 @@ def default_registry(*, compiled: bool | None = None) -> FunctionRegistry:
         *shares.FUNCTIONS,
         *reductions.FUNCTIONS,
         *rolling.FUNCTIONS,
+        *rolling_moments.FUNCTIONS,
+        *rolling_order.FUNCTIONS,
+        *rolling_trend.FUNCTIONS,
     )
     types = _compiled_types(compiled)
     return FunctionRegistry(

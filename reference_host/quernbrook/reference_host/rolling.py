@@ -1,4 +1,4 @@
-"""Operations along time over a rolling window of rows.
+"""Operations along time over a rolling window: sums, means, deviations, values of earlier rows.
 
 No instance gives a value before its window is full: until then a row of NaN. A NaN in the rows
 that a value is made of makes the value NaN, in its own column only.
@@ -6,30 +6,40 @@ that a value is made of makes the value NaN, in its own column only.
 
 from __future__ import annotations
 
-from typing import Any
+from typing import Any, ClassVar
 
 import numpy as np
 from quernbrook.reference_host.arrays import Block, Row
 from quernbrook.reference_host.entries import FunctionEntry, Parameter
+from quernbrook.reference_host.rotations import as_rows
 from quernbrook.reference_host.window import RollingInstance, deviations, mean, root_mean_square
 
 
 class RollingRotation(RollingInstance):
-    """Base of the rolling functions; a subclass gives `name` and `compute`."""
+    """Base of the functions along time; a subclass gives `name` and `compute`."""
 
-    arity = 1
+    arity: ClassVar[int] = 1
+
+    def __init__(self, window: int) -> None:
+        super().__init__(window, self.arity)
 
     def compute(self, rows: Block) -> Row:
         """Return a new row from the full window, its oldest row first."""
         raise NotImplementedError
 
-    def __call__(self, row: Row, *, context: Any = None) -> Row:
-        """Take in one row. Raises ValueError when its width has changed."""
-        self._rows.push(row)
+    def __call__(self, *rows: Row, context: Any = None) -> Row:
+        """Take in one row of each input.
+
+        Raises TypeError for another number of rows than `arity`, ValueError for different widths,
+        and when the width has changed.
+        """
+        arrays = as_rows(self.name, self.arity, rows)
+        for window, array in zip(self._windows, arrays, strict=True):
+            window.push(array)
         if not self._rows.is_full:
-            return np.full(row.shape, np.nan)
+            return np.full(arrays[0].shape, np.nan)
         with np.errstate(all="ignore"):
-            return self.compute(self._rows.rows)
+            return self.compute(*(window.rows for window in self._windows))
 
 
 class LongitudinalSum(RollingRotation):
@@ -39,6 +49,15 @@ class LongitudinalSum(RollingRotation):
 
     def compute(self, rows: Block) -> Row:
         return np.add.reduce(rows, axis=0)
+
+
+class LongitudinalProduct(RollingRotation):
+    """The product over the window."""
+
+    name = "longitudinal_product"
+
+    def compute(self, rows: Block) -> Row:
+        return np.multiply.reduce(rows, axis=0)
 
 
 class LongitudinalMean(RollingRotation):
@@ -93,17 +112,24 @@ class LongitudinalDelta(RollingRotation):
         return rows[-1] - rows[0]
 
 
-FUNCTIONS = tuple(
-    FunctionEntry(
+def rolling_entry(
+    function: type[RollingRotation], own_parameters: dict[str, Parameter] | None = None
+) -> FunctionEntry:
+    return FunctionEntry(
         function.name,
         "longitudinal",
         build=function,
-        param_schema={"window": Parameter("int")},
+        param_schema={"window": Parameter("int"), **(own_parameters or {})},
         stateful=True,
         library=True,
     )
+
+
+FUNCTIONS = tuple(
+    rolling_entry(function)
     for function in (
         LongitudinalSum,
+        LongitudinalProduct,
         LongitudinalMean,
         LongitudinalStd,
         LongitudinalZscore,

@@ -65,29 +65,36 @@ class RollingWindow:
 
 
 class RollingInstance:
-    """Base of the stateful instances, which hold the `extra_rows + window` newest rows.
+    """Base of the stateful instances, which hold the `extra_rows + window` newest rows of each input.
 
     The state is plain data, "count" (of all rows seen), "window" and "buffer" (the rows, oldest
-    first), which JSON keeps to the last bit, infinities included; a NaN stays some NaN.
+    first), which JSON keeps to the last bit, infinities included; a NaN stays some NaN. With several
+    inputs there is a list of one such buffer for each instead, "buffers".
     """
 
     name: str
     extra_rows = 0
     stateful = True
 
-    def __init__(self, window: int) -> None:
+    def __init__(self, window: int, inputs: int = 1) -> None:
         """Raises ValueError for a window below 1."""
         if window < 1:
             raise ValueError(f"window must be at least 1; got {window}")
         self.window = window
-        self._rows = RollingWindow(self.extra_rows + window)
+        self._windows = [RollingWindow(self.extra_rows + window) for _ in range(inputs)]
+
+    @property
+    def _rows(self) -> RollingWindow:
+        """The window of the first input."""
+        return self._windows[0]
 
     def get_state(self) -> SavedState:
-        data = {
-            "count": self._rows.count,
-            "window": self.window,
-            "buffer": self._rows.rows.tolist(),
-        }
+        data: dict[str, Any] = {"count": self._rows.count, "window": self.window}
+        buffers = [window.rows.tolist() for window in self._windows]
+        if len(buffers) == 1:
+            data["buffer"] = buffers[0]
+        else:
+            data["buffers"] = buffers
         return SavedState(self.name, data)
 
     def restore(self, state_data: dict[str, Any]) -> None:
@@ -96,7 +103,16 @@ class RollingInstance:
             raise ValueError(
                 f"saved with window {state_data['window']}, configured with {self.window}"
             )
-        self._rows.restore(state_data["count"], state_data["buffer"])
+        count, inputs = state_data["count"], len(self._windows)
+        buffers = [state_data["buffer"]] if inputs == 1 else state_data["buffers"]
+        if len(buffers) != inputs:
+            raise ValueError(f"{len(buffers)} buffers for {inputs} inputs")
+        windows = [RollingWindow(window.size) for window in self._windows]
+        for window, buffer in zip(windows, buffers, strict=True):
+            window.restore(count, buffer)
+        if len({window.rows.shape[1] for window in windows}) > 1:
+            raise ValueError("buffers hold rows of different widths")
+        self._windows = windows
 
 
 def mean(rows: Block) -> Row:

@@ -30,8 +30,9 @@ QUERNBROOK_WIDEST_REGISTERS void subtract_from(double* row, double subtrahend,
   for (std::size_t place = 0; place < count; ++place) row[place] -= subtrahend;
 }
 
-QUERNBROOK_WIDEST_REGISTERS void square(double* values, std::size_t count) noexcept {
-  for (std::size_t place = 0; place < count; ++place) values[place] *= values[place];
+QUERNBROOK_WIDEST_REGISTERS void square(const double* __restrict values,
+                                        double* __restrict squares, std::size_t count) noexcept {
+  for (std::size_t place = 0; place < count; ++place) squares[place] = values[place] * values[place];
 }
 
 QUERNBROOK_WIDEST_REGISTERS void divide(double* row, double divisor, std::size_t count) noexcept {
@@ -60,8 +61,8 @@ class ZScore {
   void operator()(const double* row, double* result) noexcept {
     const std::size_t numbers = demean(row, result, scratch_.get(), columns_);
     if (numbers == 0) return;
-    take_numbers(row, result, scratch_.get(), columns_);
-    square(scratch_.get(), numbers);
+    square(result, scratch_.get(), columns_);
+    if (numbers < columns_) take_numbers(row, scratch_.get(), scratch_.get(), columns_);
     const double variance = pairwise_sum(scratch_.get(), numbers) / static_cast<double>(numbers);
     const double deviation = std::sqrt(variance);
     if (deviation != 0.0) divide(result, deviation, columns_);

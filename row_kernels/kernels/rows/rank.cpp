@@ -6,6 +6,7 @@
 #include "instruction_sets.hpp"
 #include "nan.hpp"
 #include "rows/across_function.hpp"
+#include "rows/narrow_rank.hpp"
 #include "rows/rows.hpp"
 
 namespace quernbrook::row_kernels {
@@ -96,8 +97,33 @@ class Rank {
   std::unique_ptr<double[]> ranks_;
 };
 
+class RankOfAnyWidth final : public RowFunction {
+ public:
+  explicit RankOfAnyWidth(double lone) : lone_(lone), wide_(make_across<Rank, 1>(lone)) {}
+
+  std::size_t argument_count() const noexcept override { return 1; }
+
+  void run(const Rows* arguments, std::ptrdiff_t row_count, std::ptrdiff_t column_count,
+           double* result) override {
+    const auto columns = static_cast<std::size_t>(column_count);
+    if (columns > narrow) {
+      wide_->run(arguments, row_count, column_count, result);
+      return;
+    }
+    for (std::ptrdiff_t row = 0; row < row_count; ++row) {
+      rank_narrow(arguments[0].row(row), lone_, result + row * column_count, columns);
+    }
+  }
+
+ private:
+  double lone_;
+  std::unique_ptr<RowFunction> wide_;
+};
+
 }  // namespace
 
-std::unique_ptr<RowFunction> make_rank(double lone) { return make_across<Rank, 1>(lone); }
+std::unique_ptr<RowFunction> make_rank(double lone) {
+  return std::make_unique<RankOfAnyWidth>(lone);
+}
 
 }  // namespace quernbrook::row_kernels

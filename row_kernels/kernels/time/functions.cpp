@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 
 #include "time/instruction_set.hpp"
@@ -23,15 +24,37 @@ std::size_t usual_part_length(std::size_t window) {
 }
 
 std::unique_ptr<WindowFunction> in_parts(std::size_t window, std::size_t part_length,
-                                         double divisor, const TileLoops& loops) {
-  const std::size_t parts = (window + part_length - 1) / part_length;
-  const Plan plan{window, part_length, parts, window - (parts - 1) * part_length, divisor};
+                                         const TileLoops& loops, double factor = 1.0,
+                                         double term = 0.0) {
+  Plan plan{.window = window, .factor = factor, .term = term};
+  plan.part_length = part_length;
+  plan.part_count = (window + part_length - 1) / part_length;
+  plan.last_part_length = window - (plan.part_count - 1) * part_length;
   return std::make_unique<TiledFunction>(window, plan, loops);
 }
 
 std::unique_ptr<WindowFunction> simple(std::size_t window, const TileLoops& loops) {
   require_window(window);
-  return in_parts(window, usual_part_length(window), static_cast<double>(window), loops);
+  return in_parts(window, usual_part_length(window), loops);
+}
+
+// For centres that are the mean of other parts, which leaves a third of the window to one part.
+std::unique_ptr<WindowFunction> centred(std::size_t window, const TileLoops& loops,
+                                        double factor = 1.0, double term = 0.0) {
+  return in_parts(window, std::min((window + 2) / 3, usual_part_length(window)), loops, factor,
+                  term);
+}
+
+// Where a window of 1 gives `value`.
+std::unique_ptr<WindowFunction> lone(const TileLoops& loops, double value) {
+  return in_parts(1, 1, loops, 1.0, value);
+}
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+// Of squared deviations.
+double divisor(std::size_t window, Of of) {
+  return static_cast<double>(of == Of::population ? window : window - 1);
 }
 
 std::unique_ptr<WindowFunction> of_ends(std::size_t window, const TileLoops& loops) {
@@ -71,6 +94,80 @@ std::unique_ptr<WindowFunction> make_maximum_age(std::size_t window) {
 
 std::unique_ptr<WindowFunction> make_minimum_age(std::size_t window) {
   return simple(window, statistics_loops().minimum_age);
+}
+
+std::unique_ptr<WindowFunction> make_variance(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, of == Of::sample ? nan : 0.0);
+  return centred(window, statistics_loops().variance, divisor(window, of));
+}
+
+std::unique_ptr<WindowFunction> make_standard_deviation(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, of == Of::sample ? nan : 0.0);
+  return centred(window, statistics_loops().standard_deviation, divisor(window, of));
+}
+
+std::unique_ptr<WindowFunction> make_z_score(std::size_t window) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, 0.0);
+  return centred(window, statistics_loops().z_score, divisor(window, Of::population));
+}
+
+std::unique_ptr<WindowFunction> make_covariance(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_pair, of == Of::sample ? nan : 0.0);
+  return centred(window, statistics_loops().covariance,
+                 1.0 / (static_cast<double>(window) * divisor(window, of)));
+}
+
+std::unique_ptr<WindowFunction> make_correlation(std::size_t window) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_pair, nan);
+  return centred(window, statistics_loops().correlation);
+}
+
+// From sums over the window: the divisors of the moments are in the factors.
+std::unique_ptr<WindowFunction> make_skewness(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  const auto n = static_cast<double>(window);
+  double factor = std::sqrt(n);
+  if (of == Of::sample) factor = window < 3 ? nan : n * std::sqrt(n - 1.0) / (n - 2.0);
+  return centred(window, statistics_loops().skewness, factor);
+}
+
+std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of of) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  const auto n = static_cast<double>(window);
+  double factor = n;
+  double term = -3.0;
+  if (of == Of::sample) {
+    const double divisor = (n - 2.0) * (n - 3.0);
+    factor = window < 4 ? nan : n * (n - 1.0) * (n + 1.0) / divisor;
+    term = -3.0 * (n - 1.0) * (n - 1.0) / divisor;
+  }
+  return centred(window, statistics_loops().kurtosis, factor, term);
+}
+
+std::unique_ptr<WindowFunction> make_decaying_mean(std::size_t window) {
+  return simple(window, statistics_loops().decaying_mean);
+}
+
+std::unique_ptr<WindowFunction> make_slope(std::size_t window) {
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  return simple(window, statistics_loops().slope);
+}
+
+std::unique_ptr<WindowFunction> make_intercept(std::size_t window) {
+  if (window == 1) return make_sum(1);
+  return simple(window, statistics_loops().intercept);
+}
+
+std::unique_ptr<WindowFunction> make_residual(std::size_t window) {
+  if (window == 1) return lone(statistics_loops().lone_value, 0.0);
+  return simple(window, statistics_loops().residual);
 }
 
 }  // namespace quernbrook::row_kernels

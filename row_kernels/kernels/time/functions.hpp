@@ -10,6 +10,13 @@ namespace quernbrook::row_kernels {
 /// Functions along time, each column by itself. A value is that of the newest `window` rows, the
 /// newest included; it is NaN where they hold a NaN and until there are as many. All throw
 /// std::invalid_argument for a window below 1.
+///
+/// Sums are in twice the working precision, deviations are measured from a centre near the mean,
+/// and nothing is ever subtracted that has left the window: values are within 4 units in the last
+/// place of the exact ones, or of what they are made of where that cancels, whatever came before.
+
+/// Whether the divisor of squared deviations is the number of rows, or one less.
+enum class Of { population, sample };
 
 /// The value of `window` rows ago, and the newest value less that. They remember one row more.
 std::unique_ptr<WindowFunction> make_delay(std::size_t window);
@@ -23,5 +30,32 @@ std::unique_ptr<WindowFunction> make_minimum(std::size_t window);
 /// Rows since the maximum and the minimum: 0 for the newest row, the earliest of equal ones.
 std::unique_ptr<WindowFunction> make_maximum_age(std::size_t window);
 std::unique_ptr<WindowFunction> make_minimum_age(std::size_t window);
+
+/// Exactly 0 where all values are equal; of a sample of one row NaN.
+std::unique_ptr<WindowFunction> make_variance(std::size_t window, Of divisor = Of::population);
+std::unique_ptr<WindowFunction> make_standard_deviation(std::size_t window,
+                                                        Of divisor = Of::population);
+
+/// The newest value less the mean, in population standard deviations; 0 where all are equal.
+std::unique_ptr<WindowFunction> make_z_score(std::size_t window);
+
+/// Of two arguments.
+std::unique_ptr<WindowFunction> make_covariance(std::size_t window, Of divisor = Of::population);
+/// NaN where all values of an argument are equal.
+std::unique_ptr<WindowFunction> make_correlation(std::size_t window);
+
+/// The third standardized moment, and the fourth less 3; or Fisher's adjusted ones for samples,
+/// which need windows of 3 and 4. NaN where all values are equal.
+std::unique_ptr<WindowFunction> make_skewness(std::size_t window, Of moments = Of::population);
+std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of moments = Of::population);
+
+/// The mean with weights that fall linearly with age, from `window` for the newest row to 1.
+std::unique_ptr<WindowFunction> make_decaying_mean(std::size_t window);
+
+/// Of the line of least squares over the rows: its rise a row, its value at the oldest row, and the
+/// newest value less the line's. A window of 1 has no slope (NaN); its line is level.
+std::unique_ptr<WindowFunction> make_slope(std::size_t window);
+std::unique_ptr<WindowFunction> make_intercept(std::size_t window);
+std::unique_ptr<WindowFunction> make_residual(std::size_t window);
 
 }  // namespace quernbrook::row_kernels

@@ -17,8 +17,9 @@ struct Plan {
   std::size_t part_length = 0;
   std::size_t part_count = 0;
   std::size_t last_part_length = 0;
-  /// What the statistic is divided by.
-  double divisor = 1.0;
+  /// A factor and a term, or divisor, of some statistics.
+  double factor = 1.0;
+  double term = 0.0;
 };
 
 /// The loops of one statistic over tiles of columns. A tile is one block of memory that begins with

@@ -52,7 +52,7 @@ inline Panel random_panel(std::size_t rows, std::size_t columns, unsigned seed,
           value = dice(bits) % 3;
           break;
         case 5:
-          if (dice(bits) < 15) value = dice(bits) < 500 ? 1e150 : -1e149;
+          if (dice(bits) < 15) value = dice(bits) < 500 ? 1e60 : -1e59;
           break;
         case 6:
           value = 3.0 * static_cast<double>(row) + 0.01 * value;

@@ -158,8 +158,7 @@ class Group {
       Row cells;
       for (std::size_t a = 0; a < Statistic::arguments; ++a) {
         cells.of[a] = load(next[a]);
-        // The next group's cells, which may lie too far from other rows' to be foreseen.
-        __builtin_prefetch(next[a] + tile_columns);
+        fetch_ahead<0>(next[a]);
         next[a] += stride[a];
       }
       return cells;
@@ -167,6 +166,7 @@ class Group {
 
     void write(Lanes cells) noexcept {
       store(result, cells);
+      fetch_ahead<1>(result);
       result += result_stride;
     }
   };

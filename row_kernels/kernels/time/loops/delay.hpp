@@ -1,7 +1,6 @@
 #pragma once
 
 #include "time/loops/lanes.hpp"
-#include "time/plan.hpp"
 
 namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
@@ -23,7 +22,8 @@ void advance_ends(const Plan& plan, double* tile, std::size_t place, bool, const
     double* newest = tile + place * tile_columns;
     if (++place == plan.window) place = 0;
     const double* oldest = tile + place * tile_columns;
-    __builtin_prefetch(next + tile_columns);
+    fetch_ahead<0>(next);
+    fetch_ahead<1>(result);
     for (std::size_t column = 0; column < tile_columns; column += lane_count) {
       const Lanes cells = load(next + column);
       store(newest + column, cells);

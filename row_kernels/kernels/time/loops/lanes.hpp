@@ -11,6 +11,8 @@
 #include <immintrin.h>
 #endif
 
+#include "time/plan.hpp"
+
 namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
 #if defined(__AVX512F__)
@@ -34,6 +36,13 @@ inline void store(double* cells, Lanes lanes) noexcept {
   __builtin_memcpy(cells, &lanes, sizeof lanes);
 }
 
+/// Fetches the cells of the next tile, to read or to write them: the same columns of other rows lie
+/// too far apart for the processor to foresee.
+template <int is_written>
+inline void fetch_ahead(const double* cells) noexcept {
+  __builtin_prefetch(cells + 2 * tile_columns - 1, is_written);
+}
+
 inline Lanes all(double value) noexcept { return Lanes{} + value; }
 
 /// `chosen` where the condition holds, the other elsewhere.
@@ -43,7 +52,7 @@ inline Lanes select(Bits condition, Lanes chosen, Lanes other) noexcept {
 
 inline Lanes square_root(Lanes lanes) noexcept {
 #if defined(__AVX512F__)
-  return _mm512_sqrt_pd(lanes);
+  return _mm512_maskz_sqrt_pd(0xff, lanes);  // the plain one warns in GCC 12
 #elif defined(__AVX2__)
   return _mm256_sqrt_pd(lanes);
 #elif defined(__SSE2__)
@@ -56,6 +65,20 @@ inline Lanes square_root(Lanes lanes) noexcept {
 
 /// Of finite numbers: neither NaN nor infinite.
 inline Bits is_finite(Lanes lanes) noexcept { return lanes - lanes == Lanes{}; }
+
+inline bool any(Bits condition) noexcept {
+#if defined(__AVX512F__)
+  return _mm512_movepi64_mask(reinterpret_cast<__m512i>(condition)) != 0;
+#elif defined(__AVX2__)
+  return _mm256_movemask_pd(reinterpret_cast<__m256d>(condition)) != 0;
+#elif defined(__SSE2__)
+  return _mm_movemask_pd(reinterpret_cast<__m128d>(condition)) != 0;
+#else
+  std::int64_t found = 0;
+  for (std::size_t lane = 0; lane < lane_count; ++lane) found |= condition[lane];
+  return found != 0;
+#endif
+}
 
 /// The upper half of the significand, so that the product of two such numbers is exact.
 inline Lanes upper_half(Lanes lanes) noexcept {
@@ -93,6 +116,19 @@ struct LongLanes {
     value = sum;
   }
 
+  /// Adds a square without rounding it, if all terms are such.
+  void add_square(Lanes number) noexcept {
+    const Lanes upper = upper_half(number);
+    add_growing(upper * upper);
+    error += (number - upper) * (upper + number);
+  }
+
+  /// Less a smaller number, rounded once.
+  Lanes less(Lanes smaller) const noexcept {
+    const Lanes difference = value - smaller;
+    return difference + (((value - difference) - smaller) + error);
+  }
+
   /// Rounded, infinities included.
   Lanes rounded() const noexcept {
     const Lanes sum = value + error;
@@ -105,7 +141,7 @@ inline Lanes rounded_sum(const LongLanes& left, const LongLanes& right) noexcept
   return LongLanes{left.value + right.value, left.error + right.error}.rounded();
 }
 
-/// `scale` times `number` without loss, for whole scales below 2^26.
+/// `scale` times `number` without loss, for scales of at most 26 bits.
 inline LongLanes exact_multiple(double scale, const LongLanes& number) noexcept {
   const Lanes upper = upper_half(number.value);
   return {scale * upper, scale * (number.value - upper) + scale * number.error};

@@ -1,9 +1,14 @@
 // Compiled once for each instruction set; see lanes.hpp.
 #include "time/loops/statistics.hpp"
 
+#include "time/loops/comovement.hpp"
 #include "time/loops/delay.hpp"
 #include "time/loops/extremes.hpp"
+#include "time/loops/lone_value.hpp"
+#include "time/loops/shape.hpp"
+#include "time/loops/spread.hpp"
 #include "time/loops/sum.hpp"
+#include "time/loops/trend.hpp"
 
 namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
@@ -16,6 +21,19 @@ const Statistics statistics{
     .minimum = block_loops<Minimum>,
     .maximum_age = block_loops<MaximumAge>,
     .minimum_age = block_loops<MinimumAge>,
+    .lone_value = block_loops<LoneValue<1>>,
+    .lone_pair = block_loops<LoneValue<2>>,
+    .variance = block_loops<Variance>,
+    .standard_deviation = block_loops<StandardDeviation>,
+    .z_score = block_loops<ZScore>,
+    .covariance = block_loops<Covariance>,
+    .correlation = block_loops<Correlation>,
+    .skewness = block_loops<Skewness>,
+    .kurtosis = block_loops<Kurtosis>,
+    .decaying_mean = block_loops<DecayingMean>,
+    .slope = block_loops<Slope>,
+    .intercept = block_loops<Intercept>,
+    .residual = block_loops<Residual>,
 };
 
 }  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET

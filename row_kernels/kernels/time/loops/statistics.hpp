@@ -14,6 +14,19 @@ struct Statistics {
   TileLoops minimum;
   TileLoops maximum_age;
   TileLoops minimum_age;
+  TileLoops lone_value;
+  TileLoops lone_pair;
+  TileLoops variance;
+  TileLoops standard_deviation;
+  TileLoops z_score;
+  TileLoops covariance;
+  TileLoops correlation;
+  TileLoops skewness;
+  TileLoops kurtosis;
+  TileLoops decaying_mean;
+  TileLoops slope;
+  TileLoops intercept;
+  TileLoops residual;
 };
 
 namespace baseline {

@@ -38,7 +38,7 @@ struct Sum {
 struct Mean : Sum {
   static Lanes finish(const Plan& plan, const Base& base, const Part& older, const Part& newer,
                       const Cells<1>& cells, std::size_t offset) noexcept {
-    return Sum::finish(plan, base, older, newer, cells, offset) / plan.divisor;
+    return Sum::finish(plan, base, older, newer, cells, offset) / static_cast<double>(plan.window);
   }
 };
 

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "time/loops/block_loops.hpp"
+
+namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
+
+/// Statistics of deviations measure them from a centre near the mean, so that hardly anything
+/// cancels where values lie far from zero. The centre of all windows that end in a part is the mean
+/// of the rows in their common parts. They hold two thirds of a window at least, so that the
+/// squared distance of the window's mean from the centre is at most half of its variance. Where all
+/// values are equal, means and centre are exactly that value.
+template <std::size_t arguments>
+struct Centre {
+  Lanes of[arguments]{};
+};
+
+/// The mean of a part, nearly: measured from its first row.
+template <std::size_t arguments, class Rows>
+inline Centre<arguments> mean_of_part(const Rows& rows, std::size_t length) noexcept {
+  const Cells<arguments> first = rows(0);
+  Centre<arguments> mean;
+  for (std::size_t a = 0; a < arguments; ++a) mean.of[a] = first.of[a] - first.of[a];
+  for (std::size_t row = 1; row < length; ++row) {
+    const Cells<arguments> cells = rows(row);
+    for (std::size_t a = 0; a < arguments; ++a) mean.of[a] += cells.of[a] - first.of[a];
+  }
+  for (std::size_t a = 0; a < arguments; ++a) {
+    mean.of[a] = first.of[a] + mean.of[a] / static_cast<double>(length);
+  }
+  return mean;
+}
+
+/// The mean of parts by their means, nearly: measured from that of the first.
+template <std::size_t arguments, class Total, class Others>
+inline Centre<arguments> mean_of_parts(const Others& others) noexcept {
+  Centre<arguments> first;
+  Centre<arguments> mean;
+  double count = 0.0;
+  others([&](const Total& total, std::size_t length, double) {
+    if (count == 0.0) first = total.mean;
+    const auto weight = static_cast<double>(length);
+    count += weight;
+    for (std::size_t a = 0; a < arguments; ++a) {
+      mean.of[a] += weight * (total.mean.of[a] - first.of[a]);
+    }
+  });
+  for (std::size_t a = 0; a < arguments; ++a) mean.of[a] = first.of[a] + mean.of[a] / count;
+  return mean;
+}
+
+}  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET
