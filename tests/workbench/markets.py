@@ -8,16 +8,9 @@ from quernbrook.workbench.panels import Panel, synthetic_panel
 # Enough for the longest chain of windows.
 DAYS = 320
 
-# They rank differences of weighted prices from their group's mean.
-HANGING_ON_ROUNDING = frozenset({59, 79, 80, 97})
-
 
 def rough_market() -> Panel:
-    """Gaps, halts and late listings; days of equal prices within a share, but not between shares.
-
-    Where prices of two shares move alike, the order of their differences from a group's mean hangs
-    on the last bits, which no two programs share.
-    """
+    """Gaps, halts and late listings; equal prices from day to day, but not between shares."""
     panel = synthetic_panel(20, DAYS, seed=1)
     factors = np.random.default_rng(2).uniform(0.9, 1.1, 20)
     for name in ("open", "high", "low", "close", "vwap", "cap"):
@@ -30,7 +23,7 @@ def even_market() -> Panel:
 
     Prices are multiples of an eighth, groups have a power of two members, and ranks of 17 shares
     are sixteenths: sums and means of them are exact, so that what is equal on paper is equal in
-    every program. Only weighted prices (`HANGING_ON_ROUNDING`) still round.
+    every program.
     """
     panel = synthetic_panel(17, DAYS, seed=3, gaps=False, late_listings=False)
     for name in ("open", "high", "low", "close", "vwap"):

@@ -6,6 +6,7 @@ from functools import cache
 
 import numpy as np
 import pytest
+from numpy.typing import NDArray
 from quernbrook.reference_host import default_registry
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, evaluate
 from quernbrook.workbench import format_formula, parse_formula, same_graph
@@ -20,18 +21,15 @@ from quernbrook.workbench.alphas import (
 )
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.panels.panel import Matrix
-from workbench.markets import HANGING_ON_ROUNDING, even_market, rough_market
-from workbench.pandas_formulas import FORMULAS, Market
+from workbench.markets import even_market, rough_market
+from workbench.pandas_formulas import FORMULAS, Market, noise_in_last_bits
 
 NUMBERS = range(1, 102)
 MARKETS = {"rough": cache(rough_market), "even": cache(even_market)}
 GRAPHS = published_graphs()
-COMPARED = [
-    (number, market)
-    for number in NUMBERS
-    for market in MARKETS
-    if market != "even" or number not in HANGING_ON_ROUNDING
-]
+# The largest shares of values that the last bits decide about, where they are many: of two or three
+# days the correlations of most shares are equal on paper, and then they are ranked.
+HANGING_ON_ROUNDING = {15: 0.4, 45: 0.75}
 # Where one side of a correlation of ranks stands still, these have hardly any value.
 SPARSE = {96, 97}
 
@@ -61,13 +59,30 @@ def test_a_formula_comes_back_from_its_text(number: int) -> None:
     assert format_formula(parse_formula(text)) == text
 
 
-@pytest.mark.parametrize(("number", "market"), COMPARED)
+@pytest.mark.parametrize("market", MARKETS)
+@pytest.mark.parametrize("number", NUMBERS)
 def test_a_formula_is_what_pandas_makes_of_it(number: int, market: str) -> None:
-    expected = FORMULAS[number](frames(market)).to_numpy()
+    expected = in_pandas(number, market)
     found = values(number, MARKETS[market]())
+    unexplained = differs(found, expected)
     if number not in SPARSE:
-        assert np.isfinite(expected).mean() > 0.015
-    np.testing.assert_allclose(found, expected, rtol=1e-9, atol=1e-9)
+        known = np.isfinite(expected).sum()
+        assert known > 0.015 * expected.size
+        assert unexplained.sum() <= HANGING_ON_ROUNDING.get(number, 0.08) * known
+    for seed in range(16):
+        if not unexplained.any():
+            break
+        with noise_in_last_bits(seed):
+            unexplained &= ~differs(in_pandas(number, market), expected)
+    assert not unexplained.any(), np.argwhere(unexplained)
+
+
+def in_pandas(number: int, market: str) -> Matrix:
+    return FORMULAS[number](frames(market)).to_numpy()
+
+
+def differs(found: Matrix, expected: Matrix) -> NDArray[np.bool_]:
+    return ~np.isclose(found, expected, rtol=1e-9, atol=1e-9, equal_nan=True)
 
 
 def test_the_sparse_formulas_have_values_somewhere() -> None:

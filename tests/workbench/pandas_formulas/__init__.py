@@ -7,5 +7,6 @@ from workbench.pandas_formulas import (  # noqa: F401  (each registers its formu
 )
 from workbench.pandas_formulas.formula import FORMULAS
 from workbench.pandas_formulas.operations import Market
+from workbench.pandas_formulas.rounding import noise_in_last_bits
 
-__all__ = ["FORMULAS", "Market"]
+__all__ = ["FORMULAS", "Market", "noise_in_last_bits"]

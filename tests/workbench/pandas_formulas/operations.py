@@ -1,7 +1,7 @@
 """The functions of the published formulas in pandas and NumPy, for the tests alone.
 
-Frames are dates by symbols. Windows are taken one by one, so that nothing drifts, and a NaN in a
-window makes its value NaN.
+Frames are dates by symbols. Windows are taken one by one, in extended precision, so that nothing
+drifts, and a NaN in a window makes its value NaN.
 """
 
 from __future__ import annotations
@@ -12,11 +12,10 @@ from collections.abc import Callable
 import numpy as np
 import pandas as pd
 from numpy.lib.stride_tricks import sliding_window_view
-from numpy.typing import NDArray
+from workbench.pandas_formulas.rounding import Extended, Values, added, rounded
 
 Frame = pd.DataFrame
 Operand = Frame | float
-Windows = NDArray[np.float64]  # (dates, symbols, days of a window, the newest last)
 
 
 class Market:
@@ -36,7 +35,7 @@ class Market:
         self.returns = ratio(self.close, self.close.shift(1)) - 1
 
     def adv(self, days: int) -> Frame:
-        return sum_(self.volume * self.vwap, days) / days
+        return mean(self.volume * self.vwap, days)
 
 
 # --- cell by cell --------------------------------------------------------------------------------
@@ -111,13 +110,14 @@ def scale(x: Frame) -> Frame:
 
 
 def indneutralize(x: Frame, groups: Frame) -> Frame:
-    result = x * np.nan
+    values = x.to_numpy().astype(np.longdouble)
+    result = np.full(x.shape, np.nan)
     for group in np.unique(groups):
-        members = x.where(groups == group)
-        # Measured from one of the group, equal values give exact zeros.
-        shifted = members.sub(members.bfill(axis=1).iloc[:, 0], axis=0)
-        result = result.fillna(shifted.sub(shifted.mean(axis=1), axis=0))
-    return result
+        members = (groups == group).to_numpy() & x.notna().to_numpy()
+        counts = np.maximum(members.sum(axis=1, keepdims=True), 1)
+        means = np.where(members, values, 0.0).sum(axis=1, keepdims=True) / counts
+        result = np.where(members, added(values - means, np.abs(values)), result)
+    return _like(x, result)
 
 
 # --- along time ----------------------------------------------------------------------------------
@@ -132,23 +132,27 @@ def delta(x: Frame, days: float) -> Frame:
 
 
 def sum_(x: Frame, days: float) -> Frame:
-    return _over_windows(lambda windows: windows.sum(axis=2), days, x)
+    return _over_windows(lambda w: added(w.sum(axis=2), np.abs(w).sum(axis=2)), days, x)
+
+
+def mean(x: Frame, days: float) -> Frame:
+    return _over_windows(lambda w: added(w.mean(axis=2), np.abs(w).mean(axis=2)), days, x)
 
 
 def product(x: Frame, days: float) -> Frame:
-    return _over_windows(lambda windows: windows.prod(axis=2), days, x)
+    return _over_windows(lambda w: rounded(w.prod(axis=2), np.abs(w.prod(axis=2))), days, x)
 
 
 def stddev(x: Frame, days: float) -> Frame:
-    return _over_windows(lambda windows: np.sqrt((_centred(windows) ** 2).mean(axis=2)), days, x)
+    return _over_windows(lambda w: rounded(_deviation(w), _deviation(w)), days, x)
 
 
 def ts_min(x: Frame, days: float) -> Frame:
-    return _over_windows(lambda windows: windows.min(axis=2), days, x)
+    return _over_windows(lambda w: w.min(axis=2), days, x)
 
 
 def ts_max(x: Frame, days: float) -> Frame:
-    return _over_windows(lambda windows: windows.max(axis=2), days, x)
+    return _over_windows(lambda w: w.max(axis=2), days, x)
 
 
 def ts_argmin(x: Frame, days: float) -> Frame:
@@ -158,13 +162,13 @@ def ts_argmin(x: Frame, days: float) -> Frame:
 
 def ts_argmax(x: Frame, days: float) -> Frame:
     """Days since the maximum: 0 is today; of equal days the earliest."""
-    return _over_windows(lambda windows: windows.shape[2] - 1 - windows.argmax(axis=2), days, x)
+    return _over_windows(lambda w: w.shape[2] - 1 - w.argmax(axis=2), days, x)
 
 
 def ts_rank(x: Frame, days: float) -> Frame:
     """The place of the newest, from 0 (the lowest of the window) to 1; equal days share theirs."""
 
-    def of_newest(windows: Windows) -> Windows:
+    def of_newest(windows: Extended) -> Values:
         newest = windows[:, :, -1:]
         below = (windows < newest).sum(axis=2)
         beside = (windows == newest).sum(axis=2) - 1
@@ -174,38 +178,58 @@ def ts_rank(x: Frame, days: float) -> Frame:
 
 
 def decay_linear(x: Frame, days: float) -> Frame:
-    def weighted(windows: Windows) -> Windows:
-        weights = np.arange(1.0, windows.shape[2] + 1)
-        return (windows * weights).sum(axis=2) / weights.sum()
+    def weighted(windows: Extended) -> Values:
+        weights = np.arange(1, windows.shape[2] + 1, dtype=np.longdouble)
+        weights /= weights.sum()
+        return rounded((windows * weights).sum(axis=2), (np.abs(windows) * weights).sum(axis=2))
 
     return _over_windows(weighted, days, x)
 
 
 def covariance(x: Frame, y: Frame, days: float) -> Frame:
-    def of_pairs(left: Windows, right: Windows) -> Windows:
-        return (_centred(left) * _centred(right)).mean(axis=2)
+    def of_pairs(left: Extended, right: Extended) -> Values:
+        return rounded(_covariance(left, right), _deviation(left) * _deviation(right))
 
     return _over_windows(of_pairs, days, x, y)
 
 
 def correlation(x: Frame, y: Frame, days: float) -> Frame:
-    spread = stddev(x, days) * stddev(y, days)
-    return ratio(covariance(x, y, days), spread.where(spread != 0))
+    def of_pairs(left: Extended, right: Extended) -> Values:
+        spread = _deviation(left) * _deviation(right)
+        spread[spread == 0] = np.nan
+        return rounded(_covariance(left, right) / spread, np.ones_like(spread))
+
+    return _over_windows(of_pairs, days, x, y)
 
 
-def _over_windows(function: Callable[..., Windows], days: float, *frames: Frame) -> Frame:
+def _over_windows(function: Callable[..., Values], days: float, *frames: Frame) -> Frame:
     size = math.floor(days)
     first = frames[0]
     result = np.full(first.shape, np.nan)
     if len(first) >= size:
-        windows = [sliding_window_view(frame.to_numpy(), size, axis=0) for frame in frames]
+        windows = [
+            sliding_window_view(frame.to_numpy().astype(np.longdouble), size, axis=0)
+            for frame in frames
+        ]
         has_nan = np.any([np.isnan(window).any(axis=2) for window in windows], axis=0)
         with np.errstate(all="ignore"):
             result[size - 1 :] = np.where(has_nan, np.nan, function(*windows))
-    return pd.DataFrame(result, index=first.index, columns=first.columns)
+    return _like(first, result)
 
 
-def _centred(windows: Windows) -> Windows:
+def _covariance(left: Extended, right: Extended) -> Extended:
+    return (_centred(left) * _centred(right)).mean(axis=2)
+
+
+def _deviation(windows: Extended) -> Extended:
+    return np.sqrt((_centred(windows) ** 2).mean(axis=2))
+
+
+def _centred(windows: Extended) -> Extended:
     # Measured from the newest, a window of equal values gives exact zeros.
     shifted = windows - windows[:, :, -1:]
     return shifted - shifted.mean(axis=2, keepdims=True)
+
+
+def _like(x: Frame, values: Values) -> Frame:
+    return pd.DataFrame(values, index=x.index, columns=x.columns)
