@@ -111,7 +111,7 @@ def scale(x: Frame) -> Frame:
 
 def indneutralize(x: Frame, groups: Frame) -> Frame:
     values = x.to_numpy().astype(np.longdouble)
-    result = np.full(x.shape, np.nan)
+    result: Values = np.full(x.shape, np.nan)
     for group in np.unique(groups):
         members = (groups == group).to_numpy() & x.notna().to_numpy()
         counts = np.maximum(members.sum(axis=1, keepdims=True), 1)
