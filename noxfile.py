@@ -19,6 +19,7 @@ nox.options.error_on_missing_interpreters = True
 
 ROOT = Path(__file__).parent
 HOST = ROOT / "reference_host"
+ROW_KERNELS = ROOT / "row_kernels"
 WORKBENCH = ROOT / "workbench"
 INTERPRETERS = ["3.10", "3.11", "3.12", "3.13"]
 NUMPY = {"1.26": "numpy~=1.26.0", "2": "numpy>=2"}
@@ -58,6 +59,17 @@ def wheel_of(session: nox.Session) -> str:
     return str(built[interpreter])
 
 
+def row_kernels_wheel_of(session: nox.Session) -> str:
+    """The row kernels' wheel for the session's interpreter, from their source distribution."""
+    key = f"row kernels {session.python}"
+    if key not in built:
+        session.install("build")
+        folder = empty_folder(session, "row-kernels")
+        session.run("python", "-m", "build", "--outdir", str(folder), str(ROW_KERNELS))
+        built[key] = only_file(folder, "*.whl")
+    return str(built[key])
+
+
 def build_wheel(session: nox.Session, source: Path) -> Path:
     folder = empty_folder(session, "wheel")
     options = ["--no-deps", "--wheel-dir", str(folder), str(source)]
@@ -80,11 +92,13 @@ def only_file(folder: Path, pattern: str) -> Path:
 @nox.session
 @nox.parametrize(("python", "numpy"), PAIRS)
 def tests(session: nox.Session, numpy: str) -> None:
-    """The suite, with the wheel and the reference host in a clean environment."""
+    """The suite, with the wheels and the reference host in a clean environment."""
     wheel = wheel_of(session)
-    session.install(NUMPY[numpy], wheel, str(HOST), str(WORKBENCH), *TEST_REQUIREMENTS)
+    row_kernels = row_kernels_wheel_of(session)
+    ours = [wheel, row_kernels, str(HOST), str(WORKBENCH)]
+    session.install(NUMPY[numpy], *ours, *TEST_REQUIREMENTS)
     # A reused environment has another wheel of the same version, which pip would leave there.
-    session.install("--force-reinstall", "--no-deps", wheel, str(HOST), str(WORKBENCH))
+    session.install("--force-reinstall", "--no-deps", *ours)
     session.run("python", "-m", "pytest", *session.posargs)
 
 
@@ -162,7 +176,7 @@ def coverage(session: nox.Session) -> None:
     """Lines and branches of the C++ sources that the suite reaches, file by file."""
     objects = ROOT / "build" / "coverage"
     shutil.rmtree(objects, ignore_errors=True)
-    session.install(str(HOST), "gcovr", *TEST_REQUIREMENTS)
+    session.install(str(HOST), row_kernels_wheel_of(session), "gcovr", *TEST_REQUIREMENTS)
     session.install(
         "--no-deps",
         f"--config-settings=build-dir={objects}",

@@ -31,6 +31,7 @@ TITLES = {
     "bench_cold_start": "Cold start",
     "bench_rank": "Rank",
     "bench_rolling": "Rolling statistics",
+    "bench_row_functions": "Functions in machine code",
     "bench_large_graphs": "From the call to the first row",
     "bench_pickling": "Pickling a context",
 }

@@ -109,12 +109,12 @@ void define(nb::module_& module, const char* name, const char* doc,
     (type.def_prop_ro(parameters.name_, &Type::template option<place>), ...);
   }(std::index_sequence_for<Parameters...>{});
   type.attr("name") = name;
-  type.attr("__module__") = "quernbrook.row_kernels";
   type.def("__reduce__", [](nb::pointer_and_handle<Type> self) {
     const nb::object kind = nb::borrow(self.h.type());
     const nb::tuple arguments = self.p->arguments();
     if constexpr (requires { self.p->get_state(); }) {
-      const nb::object restored = nb::module_::import_("quernbrook.row_kernels.states").attr("restored");
+      const nb::object restored =
+          nb::module_::import_("quernbrook.row_kernels.states").attr("restored");
       const nb::object state_data = self.p->get_state().attr("state_data");
       return nb::make_tuple(restored, nb::make_tuple(kind, arguments, state_data));
     } else {

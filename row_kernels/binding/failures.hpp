@@ -16,7 +16,8 @@ class ArgumentError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Holds an instance's state for one call. What two threads did to it at once would be lost, or worse.
+/// Holds an instance's state for one call. What two threads did to it at once would be lost, or
+/// worse.
 class Claim {
  public:
   Claim(std::atomic_flag& claimed, const char* name) : claimed_(claimed) {

@@ -54,8 +54,10 @@ nb::object Reduction::call(nb::handle block, nb::handle signal_pnl) {
 void define_reductions(nb::module_& module) {
   nb::class_<Reduction>(module, "Reduction", "Base of all functions that make a row of signals.")
       .def("__call__", &Reduction::call, nb::arg("block"), nb::arg("signal_pnl") = nb::none(),
-           "Takes weights of shape (signals, N_alloc) and the signals' PnL, and returns a new float64\n"
-           "row. Raises ValueError for other dimensions and numbers, TypeError where PnL is missing.")
+           "Takes weights of shape (signals, N_alloc) and the signals' PnL, and returns a new "
+           "float64\n"
+           "row. Raises ValueError for other dimensions and numbers, TypeError where PnL is "
+           "missing.")
       .def(
           "__quernbrook_reduction_kernel__",
           [](nb::pointer_and_handle<Reduction> self) {
@@ -67,10 +69,11 @@ void define_reductions(nb::module_& module) {
       .attr("stateful") = false;
   nb::class_<WeightedReduction, Reduction>(module, "WeightedReduction",
                                            "Base of the reductions that weight signals.")
-      .def("get_state", &WeightedReduction::get_state,
-           "The function's name and plain data: \"count\" of all rows seen, \"window\", the newest\n"
-           "rows of one value for each signal, oldest first, as \"buffer\", and of\n"
-           "weighted_by_turnover the last block of weights as \"held\".")
+      .def(
+          "get_state", &WeightedReduction::get_state,
+          "The function's name and plain data: \"count\" of all rows seen, \"window\", the newest\n"
+          "rows of one value for each signal, oldest first, as \"buffer\", and of\n"
+          "weighted_by_turnover the last block of weights as \"held\".")
       .def("restore", &WeightedReduction::restore, nb::arg("state_data"),
            "Go on where the instance stood that the data are from. Raises KeyError, TypeError or\n"
            "ValueError for data that don't fit this instance.")

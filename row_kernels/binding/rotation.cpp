@@ -81,7 +81,8 @@ void define_rotations(nb::module_& module) {
             return self.call(rows);
           },
           nb::arg("rows"), nb::arg("context") = nb::none(),
-          "Takes `arity` array-likes of one width and returns a new float64 row. Raises TypeError for\n"
+          "Takes `arity` array-likes of one width and returns a new float64 row. Raises TypeError "
+          "for\n"
           "another number of rows, ValueError for other dimensions or widths.")
       .def(
           "__quernbrook_row_kernel__",
@@ -95,7 +96,8 @@ void define_rotations(nb::module_& module) {
   nb::class_<WindowedRotation, Rotation>(module, "WindowedRotation",
                                          "Base of the rotations that remember a window of rows.")
       .def("get_state", &WindowedRotation::get_state,
-           "The function's name and plain data: \"count\" of all rows seen, \"window\", and the newest\n"
+           "The function's name and plain data: \"count\" of all rows seen, \"window\", and the "
+           "newest\n"
            "rows, oldest first, as \"buffer\"; with several arguments one such list for each, as\n"
            "\"buffers\".")
       .def("restore", &WindowedRotation::restore, nb::arg("state_data"),

@@ -34,8 +34,8 @@ void WindowedRotation::restore(const nb::object& state_data) {
   nb::object buffers = arity == 1 ? nb::object(nb::make_tuple(state_data["buffer"]))
                                   : nb::object(state_data["buffers"]);
   if (nb::len(buffers) != arity) {
-    const std::string text = std::to_string(nb::len(buffers)) + " buffers for " +
-                             std::to_string(arity) + " inputs";
+    const std::string text =
+        std::to_string(nb::len(buffers)) + " buffers for " + std::to_string(arity) + " inputs";
     throw nb::value_error(text.c_str());
   }
   bool is_first = true;

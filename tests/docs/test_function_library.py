@@ -45,7 +45,9 @@ def schema(name: str) -> dict[str, Any]:
 
 @pytest.mark.parametrize("name", sorted(REGISTRY))
 def test_every_function_has_its_row(name: str) -> None:
-    rows = [line for line in PAGE.read_text("utf-8").splitlines() if line.startswith(f"| `{name}` ")]
+    rows = [
+        line for line in PAGE.read_text("utf-8").splitlines() if line.startswith(f"| `{name}` ")
+    ]
     assert rows == [row(name)]
 
 

@@ -92,9 +92,7 @@ def test_mean_of_signals() -> None:
 
 @weighted
 @pytest.mark.parametrize(("signals", "columns"), [(0, 3), (1, 1), (1, 5), (2, 1), (5, 7), (60, 3)])
-def test_weighted_signals(
-    name: str, config: dict[str, Any], signals: int, columns: int
-) -> None:
+def test_weighted_signals(name: str, config: dict[str, Any], signals: int, columns: int) -> None:
     plain = PLAIN.create_instance(name, **config)
     called = COMPILED.create_instance(name, **config)
     run = COMPILED.create_instance(name, **config)

@@ -57,7 +57,9 @@ def test_types(name: str) -> None:
 
 
 @every
-@pytest.mark.parametrize("clone", [copy.copy, copy.deepcopy, lambda x: pickle.loads(pickle.dumps(x))])
+@pytest.mark.parametrize(
+    "clone", [copy.copy, copy.deepcopy, lambda x: pickle.loads(pickle.dumps(x))]
+)
 def test_copies_go_on_by_themselves(name: str, config: dict[str, Any], clone: Any) -> None:
     instance = COMPILED.create_instance(name, **config)
     for step in range(5):
@@ -84,7 +86,10 @@ def test_array_likes(name: str, config: dict[str, Any]) -> None:
         [np.array(row, dtype=">f8") for row in rows],
         [np.repeat(row, 2)[::2] for row in rows],
         [np.array(row[::-1])[::-1] for row in rows],
-        [np.frombuffer(b"x" + np.array(row).tobytes(), dtype=np.uint8)[1:].view(np.float64) for row in rows],
+        [
+            np.frombuffer(b"x" + np.array(row).tobytes(), dtype=np.uint8)[1:].view(np.float64)
+            for row in rows
+        ],
     ]
     for like in likes:
         result = instance(*like, context=object())
@@ -132,7 +137,9 @@ def test_wrong_signals(registry: FunctionRegistry, name: str, config: dict[str, 
             instance(*wrong)
         assert str(caught.value) == reason
     if name == "weighted_by_turnover":
-        with pytest.raises(ValueError, match="signals have 2 weights; those of the row before had 4"):
+        with pytest.raises(
+            ValueError, match="signals have 2 weights; those of the row before had 4"
+        ):
             instance(block[:, :2], pnl)
     else:
         with pytest.raises(TypeError, match=f"{name} needs signal_pnl, one value for each signal"):

@@ -11,7 +11,13 @@ from typing import Any
 import numpy as np
 import pytest
 from quernbrook import row_kernels
-from support.kernel_calls import KernelCall, KernelFailure, ReductionCall, ReductionKernel, RowKernel
+from support.kernel_calls import (
+    KernelCall,
+    KernelFailure,
+    ReductionCall,
+    ReductionKernel,
+    RowKernel,
+)
 
 VALUE_ERROR, TYPE_ERROR, RUNTIME_ERROR = 1, 2, 7
 STATELESS = 1
@@ -52,7 +58,9 @@ def test_wrong_number_of_arguments() -> None:
 def test_changed_number_of_signals() -> None:
     kernel = ReductionCall(make("weighted_by_pnl"))
     kernel(np.ones((3, 2)), np.ones(3))
-    with pytest.raises(KernelFailure, match="^row has 4 values; the window holds rows of 3$") as caught:
+    with pytest.raises(
+        KernelFailure, match=r"^row has 4 values; the window holds rows of 3$"
+    ) as caught:
         kernel(np.ones((4, 2)), np.ones(4))
     assert (caught.value.kind, caught.value.row) == (VALUE_ERROR, 0)
 

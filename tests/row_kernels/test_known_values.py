@@ -17,11 +17,17 @@ def registry(request: pytest.FixtureRequest) -> FunctionRegistry:
 
 
 def check(
-    registry: FunctionRegistry, name: str, rows: list[list[float]], expected: list[float], **config: Any
+    registry: FunctionRegistry,
+    name: str,
+    rows: list[list[float]],
+    expected: list[float],
+    **config: Any,
 ) -> None:
     result = registry.create_instance(name, **config)(*(np.array(row) for row in rows))
     np.testing.assert_array_equal(result, expected)
-    np.testing.assert_array_equal(np.signbit(result[result == 0.0]), np.signbit(np.array(expected)[result == 0.0]))
+    np.testing.assert_array_equal(
+        np.signbit(result[result == 0.0]), np.signbit(np.array(expected)[result == 0.0])
+    )
 
 
 @pytest.mark.parametrize(
@@ -29,11 +35,18 @@ def check(
     [
         ("numerical_divide", [[1.0, -1.0, 0.0, INF], [0.0, 0.0, 0.0, 2.0]], [INF, -INF, NAN, INF]),
         ("numerical_absolute", [[-2.0, -0.0, NAN, -INF]], [2.0, 0.0, NAN, INF]),
-        ("numerical_sign", [[-2.0, -0.0, 0.0, 5e-324, NAN, -INF]], [-1.0, 0.0, 0.0, 1.0, NAN, -1.0]),
+        (
+            "numerical_sign",
+            [[-2.0, -0.0, 0.0, 5e-324, NAN, -INF]],
+            [-1.0, 0.0, 0.0, 1.0, NAN, -1.0],
+        ),
         ("numerical_logarithm", [[1.0, 0.0, -0.0, -1.0, INF, NAN]], [0.0, NAN, NAN, NAN, INF, NAN]),
         (
             "numerical_power",
-            [[-2.0, -2.0, -2.0, 0.0, 4.0, NAN, 1.0, -0.0], [3.0, 2.0, 0.5, -1.0, 0.5, 0.0, NAN, -3.0]],
+            [
+                [-2.0, -2.0, -2.0, 0.0, 4.0, NAN, 1.0, -0.0],
+                [3.0, 2.0, 0.5, -1.0, 0.5, 0.0, NAN, -3.0],
+            ],
             [-8.0, 4.0, NAN, INF, 2.0, NAN, NAN, -INF],
         ),
         (
@@ -50,7 +63,11 @@ def check(
         ("numerical_maximum", [[1.0, NAN, 2.0, NAN], [3.0, 4.0, NAN, NAN]], [3.0, 4.0, 2.0, NAN]),
         ("numerical_minimum", [[0.0, -0.0], [-0.0, 0.0]], [0.0, -0.0]),
         ("numerical_less", [[1.0, 2.0, 2.0, NAN], [2.0, 2.0, 1.0, 1.0]], [1.0, 0.0, 0.0, NAN]),
-        ("numerical_greater_equal", [[1.0, 2.0, 2.0, 1.0], [2.0, 2.0, 1.0, NAN]], [0.0, 1.0, 1.0, NAN]),
+        (
+            "numerical_greater_equal",
+            [[1.0, 2.0, 2.0, 1.0], [2.0, 2.0, 1.0, NAN]],
+            [0.0, 1.0, 1.0, NAN],
+        ),
         ("numerical_equal", [[0.0, 1.0, NAN], [-0.0, 2.0, NAN]], [1.0, 0.0, NAN]),
         ("numerical_not_equal", [[0.0, 1.0, NAN], [-0.0, 2.0, NAN]], [0.0, 1.0, NAN]),
         (
@@ -80,7 +97,11 @@ def check(
         ("latitudinal_scale", [[0.0, -0.0, NAN]], [0.0, -0.0, NAN]),
         ("latitudinal_scale", [[INF, 1.0]], [NAN, 0.0]),
         ("latitudinal_top_share", [[5.0, 1.0, NAN, 5.0, 2.0, 3.0]], [1.0, 0.0, NAN, 1.0, 0.0, 0.0]),
-        ("latitudinal_bottom_share", [[5.0, 1.0, NAN, 5.0, 2.0, 3.0]], [0.0, 1.0, NAN, 0.0, 0.0, 0.0]),
+        (
+            "latitudinal_bottom_share",
+            [[5.0, 1.0, NAN, 5.0, 2.0, 3.0]],
+            [0.0, 1.0, NAN, 0.0, 0.0, 0.0],
+        ),
         ("latitudinal_winsorize", [[5.0, 1.0, NAN]], [5.0, 1.0, NAN]),
     ],
 )
@@ -144,14 +165,34 @@ def test_ranks_of_tied_rows_are_scipys(registry: FunctionRegistry, columns: int)
 @pytest.mark.parametrize(
     ("name", "config", "reason"),
     [
-        ("latitudinal_winsorize", {"share": 0.5}, "share must be at least 0 and below 0.5; got 0.5"),
-        ("latitudinal_winsorize", {"share": NAN}, "share must be at least 0 and below 0.5; got nan"),
+        (
+            "latitudinal_winsorize",
+            {"share": 0.5},
+            "share must be at least 0 and below 0.5; got 0.5",
+        ),
+        (
+            "latitudinal_winsorize",
+            {"share": NAN},
+            "share must be at least 0 and below 0.5; got nan",
+        ),
         ("latitudinal_top_share", {"share": 0.0}, "share must be above 0 and at most 1; got 0"),
-        ("latitudinal_bottom_share", {"share": 1.5}, "share must be above 0 and at most 1; got 1.5"),
-        ("numerical_divide", {"infinities_as_nan": 1}, "parameter 'infinities_as_nan' must be flag; got 1"),
+        (
+            "latitudinal_bottom_share",
+            {"share": 1.5},
+            "share must be above 0 and at most 1; got 1.5",
+        ),
+        (
+            "numerical_divide",
+            {"infinities_as_nan": 1},
+            "parameter 'infinities_as_nan' must be flag; got 1",
+        ),
         ("weighted_by_vol", {"window": 0}, "window must be at least 1; got 0"),
         ("weighted_by_vol", {"window": -3}, "window must be at least 1; got -3"),
-        ("weighted_by_vol", {"window": 2, "stat_name": "pnl"}, "unknown stat_name 'pnl'; known: vol, downside_vol"),
+        (
+            "weighted_by_vol",
+            {"window": 2, "stat_name": "pnl"},
+            "unknown stat_name 'pnl'; known: vol, downside_vol",
+        ),
     ],
 )
 def test_faulty_configuration(

@@ -51,9 +51,7 @@ def whole(instance: Any, arguments: list[np.ndarray]) -> np.ndarray:
 
 @along_time
 @pytest.mark.parametrize(("rows", "columns"), [(40, 1), (90, 5), (90, 33), (60, 200)])
-def test_near_to_the_definition(
-    name: str, config: dict[str, Any], rows: int, columns: int
-) -> None:
+def test_near_to_the_definition(name: str, config: dict[str, Any], rows: int, columns: int) -> None:
     plain = PLAIN.create_instance(name, **config)
     arguments = arguments_of(plain, rows, columns)
     expected = np.array([plain(*row) for row in zip(*arguments, strict=True)])
@@ -146,7 +144,7 @@ def test_changed_width(name: str, config: dict[str, Any]) -> None:
         instance = registry.create_instance(name, **config)
         instance(*[np.ones(3)] * instance.arity)
         before = repr(instance.get_state())
-        with pytest.raises(ValueError, match="^row has 2 values; the window holds rows of 3$"):
+        with pytest.raises(ValueError, match=r"^row has 2 values; the window holds rows of 3$"):
             instance(*[np.ones(2)] * instance.arity)
         assert repr(instance.get_state()) == before
     instance = COMPILED.create_instance(name, **config)

@@ -91,22 +91,25 @@ class KernelCall:
     def __call__(self, arguments: Sequence[np.ndarray], rows: int, columns: int) -> np.ndarray:
         """`arguments` are float64 blocks of `rows` rows, or single rows that serve all."""
         result = np.full((rows, columns), 123.0)
+        self.fill(result, arguments)
+        return result
+
+    def fill(self, result: np.ndarray, arguments: Sequence[np.ndarray]) -> None:
+        """The same into a C-ordered block."""
         views = (Rows * max(len(arguments), 1))()
         for view, argument in zip(views, arguments, strict=False):
-            view.first = argument.ctypes.data_as(_Cells)
+            view.first = ctypes.cast(argument.ctypes.data, _Cells)
             view.stride = argument.strides[0] // 8 if argument.ndim == 2 else 0
         failure = Failure()
         if self.kernel.run(
             self.kernel.state,
             views,
             len(arguments),
-            rows,
-            columns,
-            result.ctypes.data_as(_Cells),
+            *result.shape,
+            ctypes.cast(result.ctypes.data, _Cells),
             ctypes.byref(failure),
         ):
             raise KernelFailure(failure)
-        return result
 
 
 class ReductionCall:

@@ -20,7 +20,7 @@ _STATISTICS = {"weighted_by_vol": "downside_vol", "weighted_by_sharpe": "sortino
 def configs(name: str) -> list[dict[str, Any]]:
     """The defaults, and other values of each parameter by itself."""
     schema = default_registry(compiled=False).get_entry(name).param_schema
-    base = {"window": 3} if "window" in schema else {}
+    base: dict[str, Any] = {"window": 3} if "window" in schema else {}
     found = [base]
     for parameter, described in schema.items():
         values = (True, False) if described.type == "flag" else _VALUES.get(parameter, ())

@@ -4,10 +4,8 @@ from __future__ import annotations
 
 import numpy as np
 
-HARD = np.array(
-    [0.0, -0.0, 1.0, -1.0, 2.0, 0.5, -0.5, 3.0, 0.1, 0.1, np.inf, -np.inf, np.nan]
-    + [1e300, -1e300, 1e-300, 5e-324]
-)
+NUMBERS = [0.0, -0.0, 1.0, -1.0, 2.0, 0.5, -0.5, 3.0, 0.1, 0.1, 1e300, -1e300, 1e-300, 5e-324]
+HARD = np.array([*NUMBERS, np.inf, -np.inf, np.nan])
 KINDS = 6
 
 

@@ -123,6 +123,11 @@ def check(arguments: Sequence[str]) -> int:
         "compiler warnings": lambda: cmake_build(
             ROOT, ROOT / "build" / "check", "-DEXPRESSION_EVALUATOR_WARNINGS_AS_ERRORS=ON"
         ),
+        "compiler warnings of the row kernels": lambda: cmake_build(
+            ROOT / "row_kernels",
+            ROOT / "build" / "check-row-kernels",
+            "-DROW_KERNELS_WARNINGS_AS_ERRORS=ON",
+        ),
     }
     faulty = []
     for name, step in steps.items():
@@ -189,7 +194,7 @@ def runtime_library(name: str) -> str:
 def cpp_files() -> list[str]:
     return [
         str(path)
-        for folder in (ROOT / "simulator_engine", KERNEL_TESTS)
+        for folder in (ROOT / "simulator_engine", ROOT / "row_kernels", KERNEL_TESTS)
         for path in sorted(folder.rglob("*"))
         if path.suffix in {".cpp", ".hpp"}
     ]

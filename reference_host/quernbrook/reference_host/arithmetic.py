@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+from collections.abc import Callable
 from functools import partial
 
 import numpy as np
@@ -74,7 +75,7 @@ def _build_maximum(skip_nan: bool) -> StatelessRotation:
     return StatelessRotation("numerical_maximum", 2, partial(maximum, skip_nan=skip_nan))
 
 
-_OPERATIONS = {
+_OPERATIONS: dict[str, tuple[int, Callable[..., Row]]] = {
     "numerical_add": (2, np.add),
     "numerical_subtract": (2, np.subtract),
     "numerical_multiply": (2, np.multiply),

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from functools import partial
 
 import numpy as np
@@ -12,7 +13,7 @@ from quernbrook.reference_host.sums import sum_of
 
 
 def rank(row: Row, lone: float) -> Row:
-    """Rank from 0 (smallest) to 1 (largest), ties sharing their average; `lone` for a lone value."""
+    """Rank from 0 (smallest) to 1 (largest), ties sharing their average; `lone` if there is one."""
     result = np.full(row.shape, np.nan)
     valid = ~np.isnan(row)
     values = row[valid]
@@ -89,7 +90,7 @@ def _build_scale(total: float, infinities_as_nan: bool) -> StatelessRotation:
     return StatelessRotation("latitudinal_scale", 1, compute)
 
 
-_OPERATIONS = {
+_OPERATIONS: dict[str, tuple[int, Callable[..., Row]]] = {
     "latitudinal_rank": (1, partial(rank, lone=0.5)),
     "latitudinal_demean": (1, demean),
     "latitudinal_zscore": (1, zscore),

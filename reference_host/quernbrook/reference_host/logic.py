@@ -5,6 +5,7 @@ Results are 1 and 0, and NaN where the truth is not known. Any number but zero i
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from functools import partial
 
 import numpy as np
@@ -53,7 +54,7 @@ _RELATIONS = {
     "numerical_not_equal": np.not_equal,
 }
 
-_OPERATIONS = {
+_OPERATIONS: dict[str, tuple[int, Callable[..., Row]]] = {
     "numerical_and": (2, both),
     "numerical_or": (2, either),
     "numerical_not": (1, negation),

@@ -129,9 +129,9 @@ def default_registry(*, compiled: bool | None = None) -> FunctionRegistry:
     """Return a new registry with all functions of the library.
 
     Functions in machine code are taken where the distribution quernbrook-row-kernels is installed.
-    They take the same parameters, give the same results and go on from the same states, the
-    functions along time but for rounding (see the page on the function library). `compiled` insists:
-    True on them, with an ImportError where they are missing, False on the plain definitions here.
+    They take the same parameters, go on from the same states and give the same results, along time
+    but for rounding. `compiled` insists: True on them, with an ImportError where they are missing,
+    False on the plain definitions here.
     """
     entries = (
         *arithmetic.FUNCTIONS,

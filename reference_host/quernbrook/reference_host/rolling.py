@@ -6,6 +6,7 @@ that a value is made of makes the value NaN, in its own column only.
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from typing import Any, ClassVar
 
 import numpy as np
@@ -23,9 +24,8 @@ class RollingRotation(RollingInstance):
     def __init__(self, window: int) -> None:
         super().__init__(window, self.arity)
 
-    def compute(self, rows: Block) -> Row:
-        """Return a new row from the full window, its oldest row first."""
-        raise NotImplementedError
+    # Of as many full windows as there are inputs, their oldest rows first, a new row.
+    compute: Callable[..., Row]
 
     def __call__(self, *rows: Row, context: Any = None) -> Row:
         """Take in one row of each input.

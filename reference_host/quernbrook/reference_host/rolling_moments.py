@@ -81,9 +81,9 @@ class LongitudinalSkewness(_WithChoice):
 
 
 class LongitudinalKurtosis(_WithChoice):
-    """The fourth standardized moment less 3, which a normal distribution has; NaN where all are equal.
+    """The fourth standardized moment less 3, which a normal distribution has.
 
-    Of a sample Fisher's adjusted one, for windows of 4 and more.
+    NaN where all values are equal. Of a sample Fisher's adjusted one, for windows of 4 and more.
     """
 
     name = "longitudinal_kurtosis"

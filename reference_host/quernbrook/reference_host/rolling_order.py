@@ -1,4 +1,4 @@
-"""Extremes, ranks and quantiles along time over a rolling window; warm-up and NaN as in `rolling`."""
+"""Extremes, ranks and quantiles over a rolling window of rows; warm-up and NaN as in `rolling`."""
 
 from __future__ import annotations
 
@@ -90,7 +90,7 @@ class LongitudinalQuantile(RollingRotation):
 
 
 def _any_nan(rows: Block) -> np.ndarray:
-    return np.isnan(rows).any(axis=0)
+    return np.any(np.isnan(rows), axis=0)
 
 
 def _age(rows: Block, place: np.ndarray) -> Row:

@@ -18,6 +18,20 @@ class LongitudinalDecayMean(RollingRotation):
         return np.add.reduce(rows * weights[:, np.newaxis], axis=0) / weights.sum()
 
 
+class LongitudinalExponentialMean(RollingRotation):
+    """The mean with weights that fall with age in the ratio 1 - 2 / (window + 1).
+
+    Nothing before the window counts.
+    """
+
+    name = "longitudinal_exponential_mean"
+
+    def compute(self, rows: Block) -> Row:
+        ages = np.arange(self.window - 1.0, -1.0, -1.0)
+        weights = (1.0 - 2.0 / (self.window + 1.0)) ** ages
+        return np.add.reduce(rows * weights[:, np.newaxis], axis=0) / weights.sum()
+
+
 class _Line(RollingRotation):
     """The line of least squares over the rows of the window."""
 
@@ -63,6 +77,7 @@ class LongitudinalResidual(_Line):
 
 FUNCTIONS = (
     rolling_entry(LongitudinalDecayMean),
+    rolling_entry(LongitudinalExponentialMean),
     rolling_entry(LongitudinalSlope),
     rolling_entry(LongitudinalIntercept),
     rolling_entry(LongitudinalResidual),

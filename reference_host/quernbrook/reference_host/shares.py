@@ -1,4 +1,4 @@
-"""Operations on the lowest and highest numbers of one row. NaN cells stay NaN and count for nothing."""
+"""The lowest and highest numbers of one row. NaN cells stay NaN and count for nothing."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ _SLACK = 1e-9
 
 
 def winsorize(row: Row, share: float) -> Row:
-    """The lowest and highest `share` of the numbers, rounded down, become the nearest of the rest."""
+    """The lowest and highest `share` of the numbers, rounded down, become the nearest others."""
     values = np.sort(row[~np.isnan(row)])
     cut = math.floor(share * values.size + _SLACK)
     if cut == 0:

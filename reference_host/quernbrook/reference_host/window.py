@@ -65,11 +65,11 @@ class RollingWindow:
 
 
 class RollingInstance:
-    """Base of the stateful instances, which hold the `extra_rows + window` newest rows of each input.
+    """Base of the stateful instances, which hold the `extra_rows + window` newest rows of an input.
 
     The state is plain data, "count" (of all rows seen), "window" and "buffer" (the rows, oldest
-    first), which JSON keeps to the last bit, infinities included; a NaN stays some NaN. With several
-    inputs there is a list of one such buffer for each instead, "buffers".
+    first), which JSON keeps to the last bit, infinities included; a NaN stays some NaN. With more
+    than one input there is a list of such buffers instead, "buffers".
     """
 
     name: str

@@ -60,7 +60,9 @@ std::unique_ptr<RowFunction> make_greater(bool ieee) {
 std::unique_ptr<RowFunction> make_greater_equal(bool ieee) {
   return make_comparison<std::greater_equal<>>(ieee);
 }
-std::unique_ptr<RowFunction> make_equal(bool ieee) { return make_comparison<std::equal_to<>>(ieee); }
+std::unique_ptr<RowFunction> make_equal(bool ieee) {
+  return make_comparison<std::equal_to<>>(ieee);
+}
 std::unique_ptr<RowFunction> make_not_equal(bool ieee) {
   return make_comparison<std::not_equal_to<>>(ieee);
 }

@@ -30,9 +30,10 @@ QUERNBROOK_WIDEST_REGISTERS void subtract_from(double* row, double subtrahend,
   for (std::size_t place = 0; place < count; ++place) row[place] -= subtrahend;
 }
 
-QUERNBROOK_WIDEST_REGISTERS void square(const double* __restrict values,
-                                        double* __restrict squares, std::size_t count) noexcept {
-  for (std::size_t place = 0; place < count; ++place) squares[place] = values[place] * values[place];
+QUERNBROOK_WIDEST_REGISTERS void square(const double* __restrict values, double* __restrict squares,
+                                        std::size_t count) noexcept {
+  for (std::size_t place = 0; place < count; ++place)
+    squares[place] = values[place] * values[place];
 }
 
 QUERNBROOK_WIDEST_REGISTERS void divide(double* row, double divisor, std::size_t count) noexcept {

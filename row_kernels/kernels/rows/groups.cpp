@@ -30,9 +30,11 @@ class Groups {
     is_read_ = true;
     number_groups();
     // Counted, then placed: columns keep their order within a group.
-    for (std::size_t group = 1; group < begins_.size(); ++group) begins_[group] += begins_[group - 1];
+    for (std::size_t group = 1; group < begins_.size(); ++group)
+      begins_[group] += begins_[group - 1];
     for (std::size_t column = ids_.size(); column-- > 0;) {
-      if (ids_[column] != none) columns_[--begins_[ids_[column]]] = static_cast<std::uint32_t>(column);
+      if (ids_[column] != none)
+        columns_[--begins_[ids_[column]]] = static_cast<std::uint32_t>(column);
     }
   }
 
@@ -95,7 +97,8 @@ class GroupDemean {
     std::fill_n(result, values_.size(), nan);
     for (std::size_t group = 0; group < groups_.count(); ++group) {
       std::size_t count = 0;
-      for (const std::uint32_t* column = groups_.begin(group); column != groups_.end(group); ++column) {
+      for (const std::uint32_t* column = groups_.begin(group); column != groups_.end(group);
+           ++column) {
         values_[count] = row[*column];
         taken_[count] = *column;
         count += is_nan(row[*column]) ? 0 : 1;
@@ -112,7 +115,7 @@ class GroupDemean {
 
  private:
   Groups groups_;
-  std::vector<double> values_;  // of a group's numbers
+  std::vector<double> values_;        // of a group's numbers
   std::vector<std::uint32_t> taken_;  // their columns
 };
 

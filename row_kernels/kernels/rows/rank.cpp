@@ -70,8 +70,7 @@ class Rank {
   /// The average rank of the places from `first` to `end`.
   double shared_rank(std::size_t first, std::size_t end) const noexcept {
     if (sorter_.count() == 1) return lone_;
-    const double place =
-        static_cast<double>(first) + static_cast<double>(end - first - 1) / 2.0;
+    const double place = static_cast<double>(first) + static_cast<double>(end - first - 1) / 2.0;
     return place / static_cast<double>(sorter_.count() - 1);
   }
 

@@ -27,8 +27,8 @@ std::unique_ptr<RowFunction> make_scale(double total, bool finite);
 /// Throws std::invalid_argument for a share that is negative, or a half and more.
 std::unique_ptr<RowFunction> make_winsorize(double share);
 
-/// 1 for the highest (or lowest) `share` of the numbers, rounded up, and all that equal one of them;
-/// 0 for the rest. Throws std::invalid_argument for a share of zero and less, or above 1.
+/// 1 for the highest (or lowest) `share` of the numbers, rounded up, and all that equal one of
+/// them; 0 for the rest. Throws std::invalid_argument for a share of zero and less, or above 1.
 std::unique_ptr<RowFunction> make_top_share(double share);
 std::unique_ptr<RowFunction> make_bottom_share(double share);
 

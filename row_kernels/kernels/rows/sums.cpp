@@ -24,7 +24,8 @@ QUERNBROOK_WIDEST_REGISTERS double sum_of_block(const double* values, std::size_
     std::memcpy(&next, values + place, sizeof next);
     sums += next;
   }
-  double sum = ((sums[0] + sums[1]) + (sums[2] + sums[3])) + ((sums[4] + sums[5]) + (sums[6] + sums[7]));
+  double sum =
+      ((sums[0] + sums[1]) + (sums[2] + sums[3])) + ((sums[4] + sums[5]) + (sums[6] + sums[7]));
   for (; place < count; ++place) sum += values[place];
   return sum;
 }

@@ -52,7 +52,8 @@ QUERNBROOK_WIDEST_REGISTERS void limit(const double* __restrict row, double low,
 
 class Winsorize {
  public:
-  Winsorize(std::size_t columns, double share) : columns_(columns), share_(share), numbers_(columns) {}
+  Winsorize(std::size_t columns, double share)
+      : columns_(columns), share_(share), numbers_(columns) {}
 
   void operator()(const double* row, double* result) noexcept {
     const std::size_t count = numbers_.take(row);

@@ -8,8 +8,8 @@
 
 namespace quernbrook::row_kernels {
 
-/// A function that makes one row of `column_count` cells of the weights of signals, a C-ordered block
-/// of shape (signal_count, column_count), and of their PnL, `signal_count` values, which only
+/// A function that makes one row of `column_count` cells of the weights of signals, a C-ordered
+/// block of shape (signal_count, column_count), and of their PnL, `signal_count` values, which only
 /// functions that need it look at. The result overlaps neither.
 class SignalFunction {
  public:
@@ -34,8 +34,8 @@ struct SignalState {
 };
 
 /// A mean over the signals in which each has a share in proportion to a statistic of its last
-/// `window` values, or to the reciprocal of that. One whose statistic is NaN, zero or negative has no
-/// share; when none has one, the result is the plain mean. NaN until the window is full.
+/// `window` values, or to the reciprocal of that. One whose statistic is NaN, zero or negative has
+/// no share; when none has one, the result is the plain mean. NaN until the window is full.
 class WeightedFunction : public SignalFunction {
  public:
   virtual std::size_t window() const noexcept = 0;

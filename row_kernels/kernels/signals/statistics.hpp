@@ -4,8 +4,8 @@
 
 namespace quernbrook::row_kernels {
 
-/// Writes a statistic of each column of `rows`, a C-ordered block, to `result`. `scratch` has room for
-/// a block and a row.
+/// Writes a statistic of each column of `rows`, a C-ordered block, to `result`. `scratch` has room
+/// for a block and a row.
 using Statistic = void (*)(const double* rows, std::size_t count, std::size_t columns,
                            double* scratch, double* result);
 

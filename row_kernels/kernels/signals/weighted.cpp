@@ -15,7 +15,8 @@
 namespace quernbrook::row_kernels {
 namespace {
 
-/// What a signal's weight counts for in a turnover: nothing for NaN, the largest number for infinity.
+/// What a signal's weight counts for in a turnover: nothing for NaN, the largest number for
+/// infinity.
 double countable(double weight) noexcept {
   constexpr double largest = std::numeric_limits<double>::max();
   return is_nan(weight) ? 0.0 : std::clamp(weight, -largest, largest);
@@ -143,8 +144,8 @@ class Weighted final : public WeightedFunction {
   /// Statistics see the oldest row first, wherever the ring stands.
   void put_rows_in_order() noexcept {
     const std::size_t start = static_cast<std::size_t>(count_) % window_ * signal_count_;
-    std::rotate_copy(rows_.begin(), rows_.begin() + static_cast<std::ptrdiff_t>(start),
-                     rows_.end(), ordered_.begin());
+    std::rotate_copy(rows_.begin(), rows_.begin() + static_cast<std::ptrdiff_t>(start), rows_.end(),
+                     ordered_.begin());
   }
 
   Statistic statistic_;

@@ -4,8 +4,12 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "time/instruction_set.hpp"
+#include "time/sorted_loops.hpp"
 #include "time/tiled_function.hpp"
 
 namespace quernbrook::row_kernels {
@@ -25,12 +29,12 @@ std::size_t usual_part_length(std::size_t window) {
 
 std::unique_ptr<WindowFunction> in_parts(std::size_t window, std::size_t part_length,
                                          const TileLoops& loops, double factor = 1.0,
-                                         double term = 0.0) {
+                                         double term = 0.0, std::vector<double> weights = {}) {
   Plan plan{.window = window, .factor = factor, .term = term};
   plan.part_length = part_length;
   plan.part_count = (window + part_length - 1) / part_length;
   plan.last_part_length = window - (plan.part_count - 1) * part_length;
-  return std::make_unique<TiledFunction>(window, plan, loops);
+  return std::make_unique<TiledFunction>(window, plan, loops, std::move(weights));
 }
 
 std::unique_ptr<WindowFunction> simple(std::size_t window, const TileLoops& loops) {
@@ -153,6 +157,51 @@ std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of of) {
 
 std::unique_ptr<WindowFunction> make_decaying_mean(std::size_t window) {
   return simple(window, statistics_loops().decaying_mean);
+}
+
+std::unique_ptr<WindowFunction> make_exponential_mean(std::size_t window) {
+  require_window(window);
+  if (window == 1) return make_sum(1);
+  const std::size_t part = usual_part_length(window);
+  // Powers by the logarithm: those of a rounded ratio would be off by their exponent's share.
+  const auto n = static_cast<long double>(window);
+  const long double logarithm = std::log1p(-2.0L / (n + 1.0L));
+  const long double sum = -std::expm1(n * logarithm) * (n + 1.0L) / 2.0L;
+  std::vector<double> weights(window + 2 * part);
+  for (std::size_t place = 0; place < window + part; ++place) {
+    weights[place] =
+        static_cast<double>(std::exp((n - static_cast<long double>(place)) * logarithm));
+  }
+  for (std::size_t offset = 0; offset < part; ++offset) {
+    weights[window + part + offset] =
+        static_cast<double>(std::exp(static_cast<long double>(offset) * logarithm) / sum);
+  }
+  return in_parts(window, part, statistics_loops().exponential_mean, 1.0, 0.0, std::move(weights));
+}
+
+std::unique_ptr<WindowFunction> make_product(std::size_t window) {
+  return simple(window, statistics_loops().product);
+}
+
+std::unique_ptr<WindowFunction> make_rank(std::size_t window) {
+  require_window(window);
+  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  // Counting takes time in proportion to the window, but little.
+  constexpr std::size_t longest_counted = 1024;
+  return std::make_unique<TiledFunction>(
+      window, Plan{.window = window},
+      window <= longest_counted ? statistics_loops().rank : sorted_rank_loops);
+}
+
+std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
+  require_window(window);
+  if (!(q >= 0.0 && q <= 1.0)) {
+    throw std::invalid_argument("q must be within 0 and 1; got " + std::to_string(q));
+  }
+  constexpr std::size_t longest_in_lines = 256;
+  return std::make_unique<TiledFunction>(
+      window, Plan{.window = window, .factor = q},
+      window <= longest_in_lines ? statistics_loops().quantile : sorted_quantile_loops);
 }
 
 std::unique_ptr<WindowFunction> make_slope(std::size_t window) {

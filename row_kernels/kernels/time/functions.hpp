@@ -52,6 +52,19 @@ std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of moments = O
 /// The mean with weights that fall linearly with age, from `window` for the newest row to 1.
 std::unique_ptr<WindowFunction> make_decaying_mean(std::size_t window);
 
+/// The mean with weights that fall with age in the ratio 1 - 2 / (window + 1).
+std::unique_ptr<WindowFunction> make_exponential_mean(std::size_t window);
+
+std::unique_ptr<WindowFunction> make_product(std::size_t window);
+
+/// Rank of the newest value from 0 (the least) to 1, the mean rank where values are equal. NaN for
+/// a window of 1.
+std::unique_ptr<WindowFunction> make_rank(std::size_t window);
+
+/// The value below which a share `q` of the window lies, between its neighbours where there is
+/// none. Throws std::invalid_argument for a `q` that isn't within 0 and 1.
+std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q);
+
 /// Of the line of least squares over the rows: its rise a row, its value at the oldest row, and the
 /// newest value less the line's. A window of 1 has no slope (NaN); its line is level.
 std::unique_ptr<WindowFunction> make_slope(std::size_t window);

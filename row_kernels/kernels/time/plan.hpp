@@ -20,6 +20,8 @@ struct Plan {
   /// A factor and a term, or divisor, of some statistics.
   double factor = 1.0;
   double term = 0.0;
+  /// Of an exponential mean; see there.
+  const double* weights = nullptr;
 };
 
 /// The loops of one statistic over tiles of columns. A tile is one block of memory that begins with
@@ -32,11 +34,12 @@ struct TileLoops {
   /// The doubles that a tile takes.
   std::size_t (*tile_size)(const Plan& plan);
   /// Computes `row_count` rows of a tile's columns. `is_filling` tells whether they begin among the
-  /// first `window` rows.
+  /// first `window` rows; places that no row has had yet hold anything then.
   void (*advance)(const Plan& plan, double* tile, std::size_t place, bool is_filling,
                   const Rows* arguments, std::ptrdiff_t row_count, double* result,
                   std::ptrdiff_t result_stride);
-  /// Makes all else in a tile anew from the rows, where the next row gets place `place`.
+  /// Makes all else in a tile anew from the rows, where the next row gets place `place`. Places
+  /// that no row has had yet hold NaN then.
   void (*rebuild)(const Plan& plan, double* tile, std::size_t place);
 };
 

@@ -128,6 +128,8 @@ void TiledFunction::restore(const WindowState& state) {
   const auto place = static_cast<std::size_t>(state.count) % plan_.window;
   const Tiles tiles(state.column_count);
   for (std::size_t index = 0; index < tiles.count(); ++index) {
+    std::fill_n(tile(cells, index), plan_.window * loops_.arguments * tile_columns,
+                std::numeric_limits<double>::quiet_NaN());
     for (std::size_t row = 0; row < held; ++row) {
       const std::size_t to = (place + plan_.window - held + row) % plan_.window;
       for (std::size_t a = 0; a < loops_.arguments; ++a) {
@@ -142,17 +144,11 @@ void TiledFunction::restore(const WindowState& state) {
   cells_ = std::move(cells);
 }
 
-// A window that isn't full holds NaN, so that what it gives is NaN.
 AlignedCells TiledFunction::new_tiles(std::ptrdiff_t column_count) const {
   const std::size_t tile_count = Tiles(column_count).count();
   const std::size_t most = std::numeric_limits<std::ptrdiff_t>::max() / sizeof(double);
   if (tile_count > 0 && tile_size_ > most / tile_count) throw std::bad_alloc();
-  AlignedCells cells = allocate_cells(tile_count * tile_size_);
-  for (std::size_t index = 0; index < tile_count; ++index) {
-    std::fill_n(tile(cells, index), tile_size_, std::numeric_limits<double>::quiet_NaN());
-    loops_.rebuild(plan_, tile(cells, index), 0);
-  }
-  return cells;
+  return allocate_cells(tile_count * tile_size_);
 }
 
 }  // namespace quernbrook::row_kernels

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <utility>
+#include <vector>
+
 #include "time/plan.hpp"
 #include "time/tiles.hpp"
 
@@ -9,8 +12,13 @@ namespace quernbrook::row_kernels {
 class TiledFunction final : public WindowFunction {
  public:
   /// `window` is what it is called by; the plan's is the number of rows held.
-  TiledFunction(std::size_t window, const Plan& plan, const TileLoops& loops)
-      : window_(window), plan_(plan), loops_(loops) {}
+  TiledFunction(std::size_t window, const Plan& plan, const TileLoops& loops,
+                std::vector<double> weights = {})
+      : window_(window), plan_(plan), loops_(loops), weights_(std::move(weights)) {
+    plan_.weights = weights_.data();
+  }
+  TiledFunction(const TiledFunction&) = delete;
+  TiledFunction& operator=(const TiledFunction&) = delete;
 
   std::size_t argument_count() const noexcept override { return loops_.arguments; }
   std::size_t window() const noexcept override { return window_; }
@@ -38,6 +46,7 @@ class TiledFunction final : public WindowFunction {
   std::size_t window_;
   Plan plan_;
   TileLoops loops_;
+  std::vector<double> weights_;
   std::size_t tile_size_ = loops_.tile_size(plan_);
   std::int64_t count_ = 0;
   std::ptrdiff_t column_count_ = 0;

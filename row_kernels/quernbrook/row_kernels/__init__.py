@@ -13,13 +13,14 @@ run without the interpreter.
 """
 
 from quernbrook.row_kernels import _kernels
-from quernbrook.row_kernels.states import SavedState
+from quernbrook.row_kernels._kernels import *  # noqa: F403
+from quernbrook.row_kernels.states import SavedState as SavedState
 
 FUNCTIONS: dict[str, type] = {
     kind.name: kind
     for kind in vars(_kernels).values()
     if isinstance(kind, type) and hasattr(kind, "name")
 }
-globals().update({kind.__name__: kind for kind in FUNCTIONS.values()})
-
-__all__ = ["FUNCTIONS", "SavedState", *(kind.__name__ for kind in FUNCTIONS.values())]
+for _kind in FUNCTIONS.values():
+    # What pickles name them by.
+    _kind.__module__ = __name__

@@ -25,13 +25,14 @@ struct Panel {
 };
 
 /// Columns of different character: noise, noise far from zero, a walk, equal runs, few values,
-/// noise after something huge, a trend, outliers; all but the first two with some NaN and
-/// infinities.
+/// noise after something huge, a trend, outliers. All but the first two with NaN and infinities, 1
+/// cell in 100 at a share of 1.
 inline Panel random_panel(std::size_t rows, std::size_t columns, unsigned seed,
-                          bool with_gaps = true) {
+                          double share_of_gaps = 1.0) {
   std::mt19937_64 bits(seed);
   std::normal_distribution<double> normal;
   std::uniform_int_distribution<int> dice(0, 999);
+  std::bernoulli_distribution is_gap(0.01 * share_of_gaps);
   Panel panel(rows, columns);
   for (std::size_t column = 0; column < columns; ++column) {
     double level = 100.0;
@@ -63,11 +64,9 @@ inline Panel random_panel(std::size_t rows, std::size_t columns, unsigned seed,
         default:
           break;
       }
-      if (with_gaps && column % 8 > 1) {
+      if (column % 8 > 1 && is_gap(bits)) {
         const int fate = dice(bits);
-        if (fate < 8) value = nan;
-        if (fate == 8) value = infinity;
-        if (fate == 9) value = -infinity;
+        value = fate < 800 ? nan : fate < 900 ? infinity : -infinity;
       }
       panel.at(row, column) = value;
     }

@@ -25,8 +25,9 @@ struct Input {
   Panel second;
 };
 
-Input input_of(std::size_t rows, std::size_t columns) {
-  return {random_panel(rows, columns, 3), random_panel(rows, columns, 4)};
+Input input_of(std::size_t rows, std::size_t columns, double share_of_gaps = 1.0) {
+  return {random_panel(rows, columns, 3, share_of_gaps),
+          random_panel(rows, columns, 4, share_of_gaps)};
 }
 
 void run_rows(WindowFunction& function, const Input& input, std::size_t begin, std::size_t end,
@@ -103,6 +104,30 @@ TEST_CASE("cut anywhere and restored") {
         restored->restore(state);
         REQUIRE(restored->state().rows.size() == state.rows.size());
         run_rows(*restored, input, row, row + 1, result);
+        instance = std::move(restored);
+      }
+      CAPTURE(function.name);
+      CAPTURE(window);
+      CHECK(difference(result, expected) == "");
+    }
+  }
+}
+
+TEST_CASE("long windows, cut and restored") {
+  std::mt19937 bits(2);
+  for (const TimeFunction& function : time_functions()) {
+    for (const std::size_t window : {300u, 1100u}) {
+      const std::size_t rows = 2 * window + 100;
+      const Input input = input_of(rows, 11, 0.1);
+      const Panel expected = whole(function, window, input);
+      auto instance = function.make(window);
+      Panel result(rows, 11);
+      for (std::size_t row = 0; row < rows;) {
+        const std::size_t end = std::min<std::size_t>(rows, row + 1 + bits() % 100);
+        run_rows(*instance, input, row, end, result);
+        row = end;
+        auto restored = function.make(window);
+        restored->restore(instance->state());
         instance = std::move(restored);
       }
       CAPTURE(function.name);

@@ -108,8 +108,8 @@ TEST_CASE("long windows") {
   for (const TimeFunction& function : time_functions()) {
     for (const std::size_t window : {100u, 250u, 1000u, 5000u}) {
       const auto seed = static_cast<unsigned>(window);
-      const Panel first = random_panel(2 * window + 300, 8, seed, false);
-      const Panel second = random_panel(2 * window + 300, 8, seed + 1, false);
+      const Panel first = random_panel(2 * window + 300, 8, seed, 0.0);
+      const Panel second = random_panel(2 * window + 300, 8, seed + 1, 0.0);
       CHECK(first_fault(function, window, first, second, window / 10 + 1) == "");
     }
   }

@@ -172,6 +172,50 @@ Expected residual(const Values& values, const Values&) {
   return {values.back() - fitted.intercept - fitted.slope * (values.size() - 1), fitted.scale};
 }
 
+Expected exponential_mean(const Values& values, const Values&) {
+  const Wide count = values.size();
+  const Wide ratio = (count - 1) / (count + 1);
+  Wide sum = 0;
+  Wide scale = 0;
+  Wide weights = 0;
+  Wide weight = 1;
+  for (auto value = values.rbegin(); value != values.rend(); ++value) {
+    sum += weight * *value;
+    scale += weight * magnitude(*value);
+    weights += weight;
+    weight *= ratio;
+  }
+  return {sum / weights, scale / weights};
+}
+
+Expected product(const Values& values, const Values&) {
+  Wide product = 1;
+  for (const double value : values) product *= value;
+  return {product, 0x1p-1022};
+}
+
+Expected rank(const Values& values, const Values&) {
+  if (values.size() == 1) return exactly(nan);
+  double places = -1.0;
+  for (const double value : values) {
+    if (value < values.back()) places += 2.0;
+    if (value == values.back()) places += 1.0;
+  }
+  return {static_cast<Wide>(places) / 2 / (values.size() - 1), 0};
+}
+
+Definition quantile(double q) {
+  return [q](Values values, const Values&) {
+    std::sort(values.begin(), values.end());
+    const double position = q * static_cast<double>(values.size() - 1);
+    const auto lower = static_cast<std::size_t>(position);
+    const Wide low = values[lower];
+    const Wide high = values[std::min(lower + 1, values.size() - 1)];
+    return Expected{low + (high - low) * (position - static_cast<double>(lower)),
+                    std::max(magnitude(low), magnitude(high))};
+  };
+}
+
 double age(const Values& values, Values::const_iterator place) {
   return static_cast<double>(values.end() - place - 1);
 }
@@ -231,6 +275,15 @@ const std::vector<TimeFunction>& time_functions() {
       {"kurtosis of a sample", [](std::size_t window) { return make_kurtosis(window, Of::sample); },
        sample_kurtosis},
       {"decaying mean", make_decaying_mean, decaying_mean},
+      {"exponential mean", make_exponential_mean, exponential_mean},
+      {"product", make_product, product},
+      {"rank", make_rank, rank},
+      {"median", [](std::size_t window) { return make_quantile(window, 0.5); }, quantile(0.5)},
+      {"quantile", [](std::size_t window) { return make_quantile(window, 0.83); }, quantile(0.83)},
+      {"least quantile", [](std::size_t window) { return make_quantile(window, 0.0); },
+       quantile(0.0)},
+      {"greatest quantile", [](std::size_t window) { return make_quantile(window, 1.0); },
+       quantile(1.0)},
       {"slope", make_slope, slope},
       {"intercept", make_intercept, intercept},
       {"residual", make_residual, residual},

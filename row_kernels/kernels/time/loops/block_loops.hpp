@@ -110,7 +110,7 @@ class Group {
       if (is_filling && part + 1 < plan_.part_count) {
         fill(part, offset, end, cursor);
       } else {
-        compute(part, offset, end, cursor);
+        compute(part, offset, end, is_filling, cursor);
       }
       offset = end;
       if (end == length) {
@@ -133,7 +133,7 @@ class Group {
     const std::size_t part = place / plan_.part_length;
     const std::size_t end = place % plan_.part_length;
     if (end == 0) return;
-    begin(part);
+    begin(part, false);
     const Base base = load_fields<Base>(base_);
     store_fields(newer_, appended(part, base, end));
   }
@@ -171,8 +171,9 @@ class Group {
     }
   };
 
-  void compute(std::size_t part, std::size_t offset, std::size_t end, Cursor& at) const noexcept {
-    if (offset == 0) begin(part);
+  void compute(std::size_t part, std::size_t offset, std::size_t end, bool is_filling,
+               Cursor& at) const noexcept {
+    if (offset == 0) begin(part, is_filling);
     const Base base = load_fields<Base>(base_);
     Part newer = load_fields<Part>(newer_);
     Cursor cursor = at;
@@ -211,8 +212,9 @@ class Group {
   }
 
   /// Puts together what the windows that end in a part share, while its rows are those of the last
-  /// block. Aggregate i is that of the rows after the part's first i + 1.
-  void begin(std::size_t part) const noexcept {
+  /// block. Aggregate i is that of the rows after the part's first i + 1. While the window fills
+  /// there are no such rows, and all fields are NaN, which leads to NaN.
+  void begin(std::size_t part, bool is_filling) const noexcept {
     const auto others = [this, part](auto&& visit) {
       const auto time = [this, part](std::size_t other) {
         return static_cast<double>(other * plan_.part_length) -
@@ -231,10 +233,18 @@ class Group {
     Statistic::common(plan_, others, base, older);
     store_fields(base_, base);
     store_fields(newer_, Part{});
-    for (std::size_t offset = length_of(part) - 1;; --offset) {
-      store_fields(older_ + offset * part_size, older);
-      if (offset == 0) break;
+    std::size_t offset = length_of(part) - 1;
+    store_fields(older_ + offset * part_size, older);
+    if (is_filling) {
+      for (double* cells = older_ + offset * part_size; cells != older_;) {
+        cells -= tile_columns;
+        store(cells, all(__builtin_nan("")));
+      }
+      return;
+    }
+    for (; offset > 0; --offset) {
       Statistic::prepend(plan_, base, older, row(part, offset), offset);
+      store_fields(older_ + (offset - 1) * part_size, older);
     }
   }
 

@@ -24,9 +24,8 @@ inline Centre<arguments> mean_of_part(const Rows& rows, std::size_t length) noex
     const Cells<arguments> cells = rows(row);
     for (std::size_t a = 0; a < arguments; ++a) mean.of[a] += cells.of[a] - first.of[a];
   }
-  for (std::size_t a = 0; a < arguments; ++a) {
-    mean.of[a] = first.of[a] + mean.of[a] / static_cast<double>(length);
-  }
+  const double share = 1.0 / static_cast<double>(length);
+  for (std::size_t a = 0; a < arguments; ++a) mean.of[a] = first.of[a] + mean.of[a] * share;
   return mean;
 }
 
@@ -44,7 +43,8 @@ inline Centre<arguments> mean_of_parts(const Others& others) noexcept {
       mean.of[a] += weight * (total.mean.of[a] - first.of[a]);
     }
   });
-  for (std::size_t a = 0; a < arguments; ++a) mean.of[a] = first.of[a] + mean.of[a] / count;
+  const double share = 1.0 / count;
+  for (std::size_t a = 0; a < arguments; ++a) mean.of[a] = first.of[a] + mean.of[a] * share;
   return mean;
 }
 

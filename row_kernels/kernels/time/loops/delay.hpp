@@ -15,19 +15,24 @@ struct Delta {
 };
 
 template <class Ends>
-void advance_ends(const Plan& plan, double* tile, std::size_t place, bool, const Rows* arguments,
-                  std::ptrdiff_t row_count, double* result, std::ptrdiff_t result_stride) noexcept {
+void advance_ends(const Plan& plan, double* tile, std::size_t place, bool is_filling,
+                  const Rows* arguments, std::ptrdiff_t row_count, double* result,
+                  std::ptrdiff_t result_stride) noexcept {
   const double* next = arguments[0].first;
   for (; row_count > 0; --row_count) {
     double* newest = tile + place * tile_columns;
-    if (++place == plan.window) place = 0;
+    if (++place == plan.window) {
+      place = 0;
+      is_filling = false;
+    }
     const double* oldest = tile + place * tile_columns;
     fetch_ahead<0>(next);
     fetch_ahead<1>(result);
     for (std::size_t column = 0; column < tile_columns; column += lane_count) {
       const Lanes cells = load(next + column);
       store(newest + column, cells);
-      store(result + column, Ends::of(cells, load(oldest + column)));
+      const Lanes end = is_filling ? all(__builtin_nan("")) : load(oldest + column);
+      store(result + column, Ends::of(cells, end));
     }
     next += arguments[0].stride;
     result += result_stride;

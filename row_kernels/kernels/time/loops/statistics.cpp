@@ -3,8 +3,12 @@
 
 #include "time/loops/comovement.hpp"
 #include "time/loops/delay.hpp"
+#include "time/loops/exponential.hpp"
 #include "time/loops/extremes.hpp"
 #include "time/loops/lone_value.hpp"
+#include "time/loops/product.hpp"
+#include "time/loops/quantile.hpp"
+#include "time/loops/rank.hpp"
 #include "time/loops/shape.hpp"
 #include "time/loops/spread.hpp"
 #include "time/loops/sum.hpp"
@@ -34,6 +38,10 @@ const Statistics statistics{
     .slope = block_loops<Slope>,
     .intercept = block_loops<Intercept>,
     .residual = block_loops<Residual>,
+    .product = block_loops<Product>,
+    .exponential_mean = block_loops<ExponentialMean>,
+    .rank = rank_loops,
+    .quantile = quantile_loops,
 };
 
 }  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET

@@ -27,6 +27,10 @@ struct Statistics {
   TileLoops slope;
   TileLoops intercept;
   TileLoops residual;
+  TileLoops product;
+  TileLoops exponential_mean;
+  TileLoops rank;
+  TileLoops quantile;
 };
 
 namespace baseline {
