@@ -20,6 +20,7 @@ nox.options.error_on_missing_interpreters = True
 ROOT = Path(__file__).parent
 HOST = ROOT / "reference_host"
 ROW_KERNELS = ROOT / "row_kernels"
+WORKBENCH = ROOT / "workbench"
 INTERPRETERS = ["3.10", "3.11", "3.12", "3.13"]
 NUMPY = {"1.26": "numpy~=1.26.0", "2": "numpy>=2"}
 # NumPy 1.26 has no wheels for CPython 3.13.
@@ -31,7 +32,8 @@ PAIRS = [
 ]
 # The tests run the demonstration and the code in the guide, too.
 TEST_REQUIREMENTS = [
-    f"--requirement={ROOT / 'requirements' / name}.txt" for name in ("test", "demo", "docs")
+    f"--requirement={ROOT / 'requirements' / name}.txt"
+    for name in ("test", "demo", "docs", "workbench")
 ]
 
 MODULE_DIR = "quernbrook/simulator_engine/"
@@ -93,9 +95,10 @@ def tests(session: nox.Session, numpy: str) -> None:
     """The suite, with the wheels and the reference host in a clean environment."""
     wheel = wheel_of(session)
     row_kernels = row_kernels_wheel_of(session)
-    session.install(NUMPY[numpy], wheel, row_kernels, str(HOST), *TEST_REQUIREMENTS)
+    ours = [wheel, row_kernels, str(HOST), str(WORKBENCH)]
+    session.install(NUMPY[numpy], *ours, *TEST_REQUIREMENTS)
     # A reused environment has another wheel of the same version, which pip would leave there.
-    session.install("--force-reinstall", "--no-deps", wheel, row_kernels, str(HOST))
+    session.install("--force-reinstall", "--no-deps", *ours)
     session.run("python", "-m", "pytest", *session.posargs)
 
 
@@ -127,7 +130,8 @@ def sdist(session: nox.Session) -> None:
     expected = {"simulator_engine", "CMakeLists.txt", "pyproject.toml", "README.md", "LICENSE"}
     if missing := expected - top:
         session.error(f"{archive.name} lacks {sorted(missing)}")
-    if unwanted := top & {"tests", "bench", "demo", "docs", "reference_host", "noxfile.py"}:
+    others = {"tests", "bench", "demo", "docs", "reference_host", "workbench", "noxfile.py"}
+    if unwanted := top & others:
         session.error(f"{archive.name} holds {sorted(unwanted)}")
     wheel = str(build_wheel(session, archive))
     check_content(session, wheel)
@@ -184,6 +188,7 @@ def coverage(session: nox.Session) -> None:
         str(ROOT),
     )
     session.install("structlog")
+    session.install("--no-deps", str(WORKBENCH))
     session.run(
         *("python", "-m", "pytest", *session.posargs),
         env={"EVALUATOR_TESTS": "native"},

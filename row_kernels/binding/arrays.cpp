@@ -51,6 +51,19 @@ Array block_of(nb::handle object, const char* name) {
   return {std::move(owner), cells, PyArray_DIM(array, 0), PyArray_DIM(array, 1)};
 }
 
+WritableBlock writable_block_of(nb::object object, const char* name) {
+  auto* array = reinterpret_cast<PyArrayObject*>(object.ptr());
+  if (!PyArray_Check(object.ptr()) || PyArray_TYPE(array) != NPY_DOUBLE ||
+      PyArray_NDIM(array) != 2 || !PyArray_ISCARRAY(array)) {
+    const std::string text = std::string(name) +
+                             " needs a writable, C-ordered float64 array of two dimensions; got " +
+                             Py_TYPE(object.ptr())->tp_name;
+    throw nb::type_error(text.c_str());
+  }
+  auto* cells = static_cast<double*>(PyArray_DATA(array));
+  return {std::move(object), cells, PyArray_DIM(array, 0), PyArray_DIM(array, 1)};
+}
+
 NewRow new_row(std::ptrdiff_t columns) {
   npy_intp shape = columns;
   PyObject* array = PyArray_SimpleNew(1, &shape, NPY_DOUBLE);

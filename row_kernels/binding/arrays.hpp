@@ -25,6 +25,17 @@ struct Array {
 Array row_of(nb::handle object, const char* name);
 Array block_of(nb::handle object, const char* name);
 
+/// A C-ordered float64 array of two dimensions that is written to where it lies, kept alive.
+struct WritableBlock {
+  nb::object owner;
+  double* cells;
+  std::ptrdiff_t rows;
+  std::ptrdiff_t columns;
+};
+
+/// Raises TypeError for anything else.
+WritableBlock writable_block_of(nb::object object, const char* name);
+
 struct NewRow {
   nb::object array;
   double* cells;

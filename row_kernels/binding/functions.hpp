@@ -10,5 +10,7 @@ void define_logic(nanobind::module_& module);
 void define_rows(nanobind::module_& module);
 void define_signals(nanobind::module_& module);
 void define_time(nanobind::module_& module);
+/// The type that files rows away, which is no function of a registry.
+void define_filing(nanobind::module_& module);
 
 }  // namespace quernbrook::row_kernels::binding

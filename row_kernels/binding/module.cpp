@@ -19,4 +19,5 @@ NB_MODULE(_kernels, module) {
   define_rows(module);
   define_signals(module);
   define_time(module);
+  define_filing(module);
 }

@@ -49,7 +49,8 @@ int Rotation::run(void* state, const quernbrook_rows* arguments, std::size_t arg
 }
 
 quernbrook_row_kernel Rotation::kernel() noexcept {
-  return {sizeof(quernbrook_row_kernel), stateless_ ? QUERNBROOK_STATELESS : 0, this, &run};
+  const std::uint64_t flags = QUERNBROOK_SHAREABLE | (stateless_ ? QUERNBROOK_STATELESS : 0);
+  return {sizeof(quernbrook_row_kernel), flags, this, &run};
 }
 
 nb::object Rotation::call(const nb::args& rows) {

@@ -66,6 +66,7 @@ def test_there_are_pages() -> None:
         "reference_host/README.md",
         "docs/index.md",
         "docs/guide/filters.md",
+        "docs/guide/formulas.md",
         "docs/guide/functions.md",
         "docs/guide/graphs.md",
         "docs/guide/host.md",

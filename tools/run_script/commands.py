@@ -22,9 +22,14 @@ def demo(arguments: Sequence[str]) -> int:
     return python("demo", *arguments)
 
 
+def alphas(arguments: Sequence[str]) -> int:
+    prepare(["build", "workbench"])
+    return python("-m", "quernbrook.workbench.alphas", *arguments)
+
+
 def test(arguments: Sequence[str]) -> int:
     # The tests run the demonstration and the code on the pages, too.
-    prepare(["build", "test", "demo", "docs"])
+    prepare(["build", "test", "demo", "docs", "workbench"])
     others = list(arguments)
     quick = "--quick" in others
     if quick:
@@ -48,7 +53,7 @@ def cpp_tests() -> int:
         return 0
     failed = 0
     for source in CPP_TESTS:
-        build = build_folder(f"tests-{source.name}")
+        build = build_folder("-".join(source.relative_to(ROOT).parts))
         failed |= cmake_build(source, build) or tool(
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
@@ -115,7 +120,7 @@ def build_revision(commit: str) -> Path:
 def check(arguments: Sequence[str]) -> int:
     if arguments:
         return long_check(arguments)
-    prepare(["build", "test", "demo", "docs", "check"])
+    prepare(["build", "test", "demo", "docs", "workbench", "check"])
     steps: dict[str, Callable[[], int]] = {
         "ruff check": lambda: python("-m", "ruff", "check"),
         "ruff format": lambda: python("-m", "ruff", "format", "--check"),
@@ -147,7 +152,7 @@ def long_check(arguments: Sequence[str]) -> int:
     unknown = [argument for argument in arguments if argument not in checks]
     if unknown:
         raise Failure(f"check takes --sanitize and --long; got {' '.join(unknown)}.")
-    prepare(["build", "test", "demo", "docs", "check"])
+    prepare(["build", "test", "demo", "docs", "workbench", "check"])
     return max(checks[argument]() for argument in arguments)
 
 
@@ -208,7 +213,7 @@ def cmake_build(source: Path, build: Path, *options: str) -> int:
     return tool("cmake", *configure) or tool("cmake", "--build", str(build))
 
 
-COMMANDS = {"demo": demo, "test": test, "bench": bench, "check": check}
+COMMANDS = {"demo": demo, "alphas": alphas, "test": test, "bench": bench, "check": check}
 
 
 def main() -> int:

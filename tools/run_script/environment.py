@@ -123,7 +123,8 @@ def install_requirements(groups: Sequence[str]) -> None:
 def install(distribution: Distribution, command: str) -> None:
     folder = str(distribution.folder)
     if not distribution.sources:
-        pip_install("--no-build-isolation", "--editable", folder)
+        # What few commands need of it stands in a group of requirements of its own.
+        pip_install("--no-build-isolation", "--no-deps", "--editable", folder)
         return
     note(f"building {distribution.name} with {command}")
     build = f"--config-settings=build-dir={build_folder(distribution.name)}"

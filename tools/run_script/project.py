@@ -30,6 +30,7 @@ DISTRIBUTIONS = (
         "row_kernels", ROOT / "row_kernels", (ROOT / "row_kernels", ROOT / "simulator_engine")
     ),
     Distribution("reference_host", ROOT / "reference_host"),
+    Distribution("workbench", ROOT / "workbench"),
 )
 
 # CMake projects whose tests CTest runs.

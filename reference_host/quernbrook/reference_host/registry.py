@@ -49,6 +49,10 @@ class FunctionRegistry:
             raise TypeError(f"a registry takes a FunctionEntry; got {entry!r}")
         self._entries[entry.name] = entry
 
+    def names(self) -> list[str]:
+        """Return the names of all functions, sorted."""
+        return sorted(self._entries)
+
     def __iter__(self) -> Iterator[str]:
         """The names of all functions."""
         return iter(self._entries)

@@ -1,0 +1,135 @@
+"""Many graphs over one context in one run.
+
+Parts that graphs have in common (the same functions with the same configuration over the same
+features) are computed once for all of them, a strip of rows at a time: no matrix of an intermediate
+result is made.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterator, Mapping
+from dataclasses import dataclass
+from typing import Any, TypeVar
+
+import numpy as np
+from numpy.typing import NDArray
+from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+from quernbrook.simulator_engine import expression_evaluator
+from quernbrook.simulator_engine.expression_evaluator import (
+    EvaluationContext,
+    EvaluationResult,
+    evaluate,
+)
+
+try:
+    from quernbrook.row_kernels import RowFiling
+except ImportError:
+    RowFiling = None  # type: ignore[assignment, misc]
+
+Key = TypeVar("Key")
+
+_FILING = "row_filing"
+
+
+def evaluate_together(
+    graphs: Mapping[Key, Node], context: EvaluationContext
+) -> dict[Key, EvaluationResult]:
+    """Evaluate all graphs over the context; the results are those of one `evaluate` each.
+
+    Weights are float64 of shape (T, N_alloc), states stand under each graph's own keys. Graphs that
+    can't go together run one by one: those with a transform pipeline, with function states on the
+    context, alone, without the distribution quernbrook-row-kernels, and all of them where one
+    fails, so that its error is the one that it has by itself.
+
+    Raises what `evaluate` raises for the first graph that fails.
+    """
+    if RowFiling is None or len(graphs) < 2 or context.transform_pipeline:
+        return _one_by_one(graphs, context)
+    shape = context.features[0].shape
+    filed = {key: np.zeros(shape) for key in graphs}
+    try:
+        joint = evaluate(_chain(graphs), _with_filing(context, filed.values()))
+    except Exception:
+        return _one_by_one(graphs, context)
+    states = dict(_states_by_graph(joint.states, len(graphs)))
+    return {
+        key: EvaluationResult(_blank_warmup(filed[key], graph, context), states.get(place, {}))
+        for place, (key, graph) in enumerate(graphs.items())
+    }
+
+
+def _one_by_one(
+    graphs: Mapping[Key, Node], context: EvaluationContext
+) -> dict[Key, EvaluationResult]:
+    return {key: evaluate(graph, context) for key, graph in graphs.items()}
+
+
+def _chain(graphs: Mapping[Any, Node]) -> Node:
+    """Each graph's rows are filed as soon as they are there, so that few are held at once."""
+    chain: Node | None = None
+    for place, graph in enumerate(graphs.values()):
+        name = f"{_FILING}_{place}"
+        chain = Node("rotation", name, [graph] if chain is None else [chain, graph])
+    assert chain is not None
+    return chain
+
+
+@dataclass
+class _FilingRegistry:
+    """The registry of the context, with a function for each graph's matrix."""
+
+    registry: Any
+    filings: dict[str, Any]
+
+    def has(self, name: str) -> bool:
+        return name in self.filings or self.registry.has(name)
+
+    def has_factory(self, name: str) -> bool:
+        return name in self.filings or self.registry.has_factory(name)
+
+    def get_entry(self, name: str) -> Any:
+        return None if name in self.filings else self.registry.get_entry(name)
+
+    def create_instance(self, name: str, /, **config: Any) -> Any:
+        if name in self.filings:
+            return self.filings[name]
+        return self.registry.create_instance(name, **config)
+
+    def create_instance_from_state(self, name: str, state: Any, /, **config: Any) -> Any:
+        return self.registry.create_instance_from_state(name, state, **config)
+
+
+def _with_filing(context: EvaluationContext, matrices: Any) -> EvaluationContext:
+    """A context with the same inputs, so that nothing of the joint run is left on the caller's."""
+    joint = EvaluationContext.__new__(EvaluationContext)
+    joint.__dict__.update(context.__dict__)
+    filings = {f"{_FILING}_{place}": RowFiling(matrix) for place, matrix in enumerate(matrices)}
+    joint.registry = _FilingRegistry(context.registry, filings)
+    joint._evaluation_lock = None
+    return joint
+
+
+def _states_by_graph(
+    states: Mapping[str, Any], count: int
+) -> Iterator[tuple[int, dict[str, Any]]]:
+    """The states of each graph under the keys that they have when it runs by itself."""
+    # The last graph hangs on the root, the one before it a step further down, and so on.
+    for place in range(count):
+        steps = count - 1 - place
+        own = "root" + ".c0" * steps + (".c1" if place > 0 else ".c0")
+        yield (
+            place,
+            {
+                "root" + key[len(own) :]: state
+                for key, state in states.items()
+                if key == own or key.startswith(own + ".")
+            },
+        )
+
+
+def _blank_warmup(
+    weights: NDArray[np.float64], graph: Node, context: EvaluationContext
+) -> NDArray[np.float64]:
+    rows = expression_evaluator._compute_graph_warmup_rows(graph, context.registry)
+    weights[:rows] = np.nan
+    return weights
