@@ -14,7 +14,7 @@ from typing import Any, TypeVar
 import numpy as np
 from numpy.typing import NDArray
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
-from quernbrook.simulator_engine import expression_evaluator
+from quernbrook.reference_host.warmup import warmup_rows
 from quernbrook.simulator_engine.expression_evaluator import (
     EvaluationContext,
     EvaluationResult,
@@ -29,6 +29,8 @@ except ImportError:
 Key = TypeVar("Key")
 
 _FILING = "row_filing"
+# Each graph is a level of the chain, and levels count against the interpreter's recursion limit.
+_MOST_AT_ONCE = 250
 
 
 def evaluate_together(
@@ -45,6 +47,16 @@ def evaluate_together(
     """
     if RowFiling is None or len(graphs) < 2 or context.transform_pipeline:
         return _one_by_one(graphs, context)
+    results: dict[Key, EvaluationResult] = {}
+    items = list(graphs.items())
+    for start in range(0, len(items), _MOST_AT_ONCE):
+        results |= _evaluate_chain(dict(items[start : start + _MOST_AT_ONCE]), context)
+    return results
+
+
+def _evaluate_chain(
+    graphs: Mapping[Key, Node], context: EvaluationContext
+) -> dict[Key, EvaluationResult]:
     shape = context.features[0].shape
     filed = {key: np.zeros(shape) for key in graphs}
     try:
@@ -130,6 +142,5 @@ def _states_by_graph(
 def _blank_warmup(
     weights: NDArray[np.float64], graph: Node, context: EvaluationContext
 ) -> NDArray[np.float64]:
-    rows = expression_evaluator._compute_graph_warmup_rows(graph, context.registry)
-    weights[:rows] = np.nan
+    weights[: warmup_rows(graph, context.registry)] = np.nan
     return weights
