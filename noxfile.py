@@ -172,6 +172,22 @@ def try_beside_host(session: nox.Session, wheel: str, regular: bool) -> None:
 
 
 @nox.session(python=INTERPRETERS[0])
+@nox.parametrize("compiler", ["g++-11", "clang++-16"])
+def compilers(session: nox.Session, compiler: str) -> None:
+    """The oldest compilers that are promised: no warning, and kernels that pass their tests."""
+    session.install(f"--requirement={ROOT / 'requirements' / 'build.txt'}")
+    for source, options in {
+        ROOT: ["-DEXPRESSION_EVALUATOR_WARNINGS_AS_ERRORS=ON"],
+        ROOT / "tests" / "kernels": [],
+    }.items():
+        build = empty_folder(session, f"build-{source.name}")
+        chosen = ["-G", "Ninja", f"-DCMAKE_CXX_COMPILER={compiler}", *options]
+        session.run("cmake", "-S", str(source), "-B", str(build), *chosen)
+        session.run("cmake", "--build", str(build))
+    session.run("ctest", "--test-dir", str(build), "--output-on-failure")
+
+
+@nox.session(python=INTERPRETERS[0])
 def coverage(session: nox.Session) -> None:
     """Lines and branches of the C++ sources that the suite reaches, file by file."""
     objects = ROOT / "build" / "coverage"

@@ -204,7 +204,7 @@ def cpp_files() -> list[str]:
         str(path)
         for folder in CPP_FOLDERS
         for path in sorted(folder.rglob("*"))
-        if path.suffix in {".cpp", ".hpp", ".h"}
+        if path.suffix in {".cpp", ".hpp"}
     ]
 
 
