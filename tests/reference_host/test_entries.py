@@ -44,9 +44,18 @@ LIMIT = {"limit": Parameter("float", 3.0)}
 @pytest.mark.parametrize(
     ("arguments", "text"),
     [
-        (("integer",), "a parameter's type is one of int, float, string, bool; got 'integer'"),
-        ((int,), "a parameter's type is one of int, float, string, bool; got <class 'int'>"),
-        ((["int"],), "a parameter's type is one of int, float, string, bool; got ['int']"),
+        (
+            ("integer",),
+            "a parameter's type is one of int, float, string, bool, number, flag; got 'integer'",
+        ),
+        (
+            (int,),
+            "a parameter's type is one of int, float, string, bool, number, flag; got <class 'int'>",
+        ),
+        (
+            (["int"],),
+            "a parameter's type is one of int, float, string, bool, number, flag; got ['int']",
+        ),
         (("int", 2.0), "the default of a parameter of type int can't be 2.0"),
         (("int", True), "the default of a parameter of type int can't be True"),
         (("float", "1"), "the default of a parameter of type float can't be '1'"),
@@ -94,8 +103,7 @@ def test_parameter_with_a_default_of_its_type() -> None:
         ),
         (
             {"param_schema": {1: Parameter("float")}},
-            "Function 'clip': param_schema must be a dict of name to Parameter; "
-            "got the name 1",
+            "Function 'clip': param_schema must be a dict of name to Parameter; got the name 1",
         ),
     ],
 )
