@@ -26,6 +26,7 @@ FEATURES = ("open", "close")
         ("close(open)", "unknown function 'close'", 1),
         ("1 + clsoe", "unknown feature 'clsoe'; the nearest is 'close'", 5),
         ("retruns", "unknown feature 'retruns'; the nearest is 'returns'", 1),
+        ("adv20", "'adv20' needs the feature 'volume'", 1),
         ("sum(close)", "expected sum(x, d); got 1 operand", 1),
         ("sum(close, open)", "expected sum(x, d) with a number in the last place", 12),
         ("sum(close, 0.5)", "expected a window of at least 1; got 0.5", 12),

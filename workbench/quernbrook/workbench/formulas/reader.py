@@ -41,17 +41,13 @@ def parse_formula(
     Raises FormulaError, which tells the place, what was expected there and, for an unknown name,
     the nearest one.
     """
-    registry = library() if registry is None else registry
-
-    def read_definition(formula: str) -> Node:
-        return parse_formula(formula, registry=registry)
-
+    scope = Scope(library() if registry is None else registry, features, parse_formula)
     try:
         tree = _grammar().parse(text)
     except UnexpectedInput as error:
         raise syntax_error(error, text) from None
     try:
-        graph: Node = _Reader(Scope(registry, features, read_definition)).transform(tree)
+        graph: Node = _Reader(scope).transform(tree)
     except VisitError as error:
         if isinstance(error.orig_exc, Fault):
             raise FormulaError(str(error.orig_exc), text, error.orig_exc.at) from None

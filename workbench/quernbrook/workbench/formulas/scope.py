@@ -8,6 +8,7 @@ from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionRegistry
 from quernbrook.workbench.formulas import literals, notation
 from quernbrook.workbench.formulas.operands import Built, Fault, Name, Number, Operand
+from quernbrook.workbench.graphs import children_first
 from quernbrook.workbench.names import suggestion
 
 BOOLEANS = {"true": True, "false": False}
@@ -42,12 +43,19 @@ class Scope:
         """The node that a bare name stands for. Raises Fault."""
         if name.text in BOOLEANS:
             return Node("bool", BOOLEANS[name.text])
-        if self._features is not None and name.text in self._features:
+        if self._features is not None and self._is_known(name.text):
             return Node("feature", name.text)
         formula = notation.definition(name.text)
-        if formula is not None:
-            return self._read(formula)
-        return Node("feature", self._feature(name))
+        if formula is None:
+            return Node("feature", self._feature(name))
+        graph = self._read(formula)
+        for visit in children_first(graph):
+            if visit.node.type == "feature" and not self._is_known(visit.node.node):
+                raise Fault(f"'{name.text}' needs the feature '{visit.node.node}'", name.at)
+        return graph
+
+    def _is_known(self, feature: str) -> bool:
+        return self._features is None or feature in self._features
 
     def _feature(self, name: Name) -> str:
         text = name.text
