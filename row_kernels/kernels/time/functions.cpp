@@ -42,10 +42,15 @@ std::unique_ptr<WindowFunction> simple(std::size_t window, const TileLoops& loop
   return in_parts(window, usual_part_length(window), loops);
 }
 
-// For centres that are the mean of other parts, which leaves a third of the window to one part.
-std::unique_ptr<WindowFunction> centred(std::size_t window, const TileLoops& loops,
+// The centre is the mean of the other parts, which leaves a third of the window to one part.
+std::unique_ptr<WindowFunction> centred(std::size_t window, const CentredLoops& loops,
                                         double factor = 1.0, double term = 0.0) {
-  return in_parts(window, std::min((window + 2) / 3, usual_part_length(window)), loops, factor,
+  constexpr std::size_t very_short_window = 5;
+  if (window <= very_short_window) {
+    const Plan plan{.window = window, .factor = factor, .term = term};
+    return std::make_unique<TiledFunction>(window, plan, loops.direct);
+  }
+  return in_parts(window, std::min(window / 3, usual_part_length(window)), loops.in_parts, factor,
                   term);
 }
 

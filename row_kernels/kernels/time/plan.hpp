@@ -43,4 +43,10 @@ struct TileLoops {
   void (*rebuild)(const Plan& plan, double* tile, std::size_t place);
 };
 
+/// A statistic of deviations, for very short windows and for all others.
+struct CentredLoops {
+  TileLoops direct;
+  TileLoops in_parts;
+};
+
 }  // namespace quernbrook::row_kernels

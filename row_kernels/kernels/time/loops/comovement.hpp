@@ -86,8 +86,8 @@ struct Correlation {
     void add(Lanes first, Lanes second) noexcept {
       sum[0] += first;
       sum[1] += second;
-      squares[0].add_square(first);
-      squares[1].add_square(second);
+      squares[0].add_square(first, Lanes{});
+      squares[1].add_square(second, Lanes{});
       products.add(first * second);
     }
   };

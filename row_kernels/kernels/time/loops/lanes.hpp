@@ -116,11 +116,11 @@ struct LongLanes {
     value = sum;
   }
 
-  /// Adds a square without rounding it, if all terms are such.
-  void add_square(Lanes number) noexcept {
+  /// Adds the square of `number` plus what it lacks without rounding it, if all terms are such.
+  void add_square(Lanes number, Lanes lacking) noexcept {
     const Lanes upper = upper_half(number);
     add_growing(upper * upper);
-    error += (number - upper) * (upper + number);
+    error += ((number - upper) + lacking) * (upper + number);
   }
 
   /// Less a smaller number, rounded once.
@@ -139,6 +139,12 @@ struct LongLanes {
 /// The sum of two, rounded: within one and a half units of the last place of what they stand for.
 inline Lanes rounded_sum(const LongLanes& left, const LongLanes& right) noexcept {
   return LongLanes{left.value + right.value, left.error + right.error}.rounded();
+}
+
+/// What `difference`, which is `left - right` as it is rounded, lacks (Knuth 1969).
+inline Lanes lost(Lanes left, Lanes right, Lanes difference) noexcept {
+  const Lanes taken = difference - left;
+  return (left - (difference - taken)) - (right + taken);
 }
 
 /// `scale` times `number` without loss, for scales of at most 26 bits.

@@ -18,9 +18,10 @@ struct Spread {
     Lanes sum{};
     LongLanes squares{};
 
-    void add(Lanes deviation) noexcept {
+    void add(Lanes value, Lanes centre) noexcept {
+      const Lanes deviation = value - centre;
       sum += deviation;
-      squares.add_square(deviation);
+      squares.add_square(deviation, lost(value, centre, deviation));
     }
   };
   struct Total {
@@ -31,19 +32,19 @@ struct Spread {
 
   static void append(const Plan&, const Base& base, Part& newer, const Cells<1>& cells,
                      std::size_t) noexcept {
-    newer.add(cells.of[0] - base.centre.of[0]);
+    newer.add(cells.of[0], base.centre.of[0]);
   }
 
   static void prepend(const Plan&, const Base& base, Part& older, const Cells<1>& cells,
                       std::size_t) noexcept {
-    older.add(cells.of[0] - base.centre.of[0]);
+    older.add(cells.of[0], base.centre.of[0]);
   }
 
   template <class Rows>
   static Total total(const Rows& rows, std::size_t length) noexcept {
     const Centre<1> mean = mean_of_part<1>(rows, length);
     Part part;
-    for (std::size_t row = 0; row < length; ++row) part.add(rows(row).of[0] - mean.of[0]);
+    for (std::size_t row = 0; row < length; ++row) part.add(rows(row).of[0], mean.of[0]);
     return {mean, part.sum, part.squares.value + part.squares.error};
   }
 

@@ -3,6 +3,7 @@
 
 #include "time/loops/comovement.hpp"
 #include "time/loops/delay.hpp"
+#include "time/loops/direct_loops.hpp"
 #include "time/loops/exponential.hpp"
 #include "time/loops/extremes.hpp"
 #include "time/loops/lone_value.hpp"
@@ -27,13 +28,13 @@ const Statistics statistics{
     .minimum_age = block_loops<MinimumAge>,
     .lone_value = block_loops<LoneValue<1>>,
     .lone_pair = block_loops<LoneValue<2>>,
-    .variance = block_loops<Variance>,
-    .standard_deviation = block_loops<StandardDeviation>,
-    .z_score = block_loops<ZScore>,
-    .covariance = block_loops<Covariance>,
-    .correlation = block_loops<Correlation>,
-    .skewness = block_loops<Skewness>,
-    .kurtosis = block_loops<Kurtosis>,
+    .variance = centred_loops<Variance>,
+    .standard_deviation = centred_loops<StandardDeviation>,
+    .z_score = centred_loops<ZScore>,
+    .covariance = centred_loops<Covariance>,
+    .correlation = centred_loops<Correlation>,
+    .skewness = centred_loops<Skewness>,
+    .kurtosis = centred_loops<Kurtosis>,
     .decaying_mean = block_loops<DecayingMean>,
     .slope = block_loops<Slope>,
     .intercept = block_loops<Intercept>,

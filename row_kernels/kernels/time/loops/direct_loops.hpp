@@ -1,0 +1,68 @@
+#pragma once
+
+#include "time/loops/centre.hpp"
+
+namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
+
+/// Statistics of deviations from all rows of the window anew for each row: what takes less time
+/// than parts in very short windows. A tile holds nothing but the rows.
+template <class Statistic>
+void advance_directly(const Plan& plan, double* tile, std::size_t place, bool is_filling,
+                      const Rows* arguments, std::ptrdiff_t row_count, double* result,
+                      std::ptrdiff_t result_stride) noexcept {
+  constexpr std::size_t count = Statistic::arguments;
+  for (std::size_t column = 0; column < tile_columns; column += lane_count) {
+    const double* next[count];
+    for (std::size_t a = 0; a < count; ++a) next[a] = arguments[a].first + column;
+    const auto rows = [cells = tile + column](std::size_t row) {
+      return load_fields<Cells<count>>(cells + row * count * tile_columns);
+    };
+    double* target = result + column;
+    std::size_t at = place;
+    bool is_full = !is_filling;
+    for (std::ptrdiff_t left = row_count; left > 0; --left) {
+      Cells<count> newest;
+      for (std::size_t a = 0; a < count; ++a) {
+        newest.of[a] = load(next[a]);
+        fetch_ahead<0>(next[a]);
+        next[a] += arguments[a].stride;
+      }
+      store_fields(tile + column + at * count * tile_columns, newest);
+      if (++at == plan.window) {
+        at = 0;
+        is_full = true;
+      }
+      Lanes value = all(__builtin_nan(""));
+      if (is_full) {
+        const typename Statistic::Base base{mean_of_part<count>(rows, plan.window)};
+        typename Statistic::Part part{};
+        for (std::size_t row = 0; row < plan.window; ++row) {
+          Statistic::append(plan, base, part, rows(row), row);
+        }
+        value = Statistic::finish(plan, base, part, {}, newest, 0);
+      }
+      store(target, value);
+      fetch_ahead<1>(target);
+      target += result_stride;
+    }
+  }
+}
+
+template <class Statistic>
+std::size_t size_of_direct_tile(const Plan& plan) noexcept {
+  return plan.window * Statistic::arguments * tile_columns;
+}
+
+template <class Statistic>
+void rebuild_nothing_directly(const Plan&, double*, std::size_t) noexcept {}
+
+template <class Statistic>
+inline constexpr TileLoops direct_loops{Statistic::arguments, size_of_direct_tile<Statistic>,
+                                        advance_directly<Statistic>,
+                                        rebuild_nothing_directly<Statistic>};
+
+/// Both ways of a statistic of deviations.
+template <class Statistic>
+inline constexpr CentredLoops centred_loops{direct_loops<Statistic>, block_loops<Statistic>};
+
+}  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET
