@@ -93,7 +93,7 @@ Object context_init(Namespace& space, PyObject* self, const CallArguments& argum
     const Py_ssize_t signals = length(attribute(self, names.useful_signals));
     const Object first = item(attribute(self, names.features), integer(0));
     const Object shape = attribute(first, names.shape);
-    const Py_ssize_t columns = index_value(item(shape, integer(1)));
+    const Py_ssize_t columns = array_size(item(shape, integer(1)));
     set(names.extraction_buffer, zeros(signals, columns));
   }
   return Object::none();

@@ -68,7 +68,7 @@ Object rolling_longitudinal_fast(Namespace& space, const CallArguments& argument
   const Object data = host::as_float64(space, input);
   const auto [rows, columns] = unpack_pair(attribute(data, space.names.shape));
   if (compare(rows, window, Py_LT)) {
-    return nan_matrix(index_value(rows), index_value(columns));
+    return nan_matrix(array_size(rows), array_size(columns));
   }
   const RollingStatistic statistic = statistic_of(space, name);
   if ((is_exact_int(window) || is_bool(window)) && compare(window, integer(1), Py_GE)) {
@@ -77,7 +77,7 @@ Object rolling_longitudinal_fast(Namespace& space, const CallArguments& argument
       return rolling_by_kernel(matrix, index_value(window), statistic);
     }
   }
-  const Object out = nan_matrix(index_value(rows), index_value(columns));
+  const Object out = nan_matrix(array_size(rows), array_size(columns));
   return rolling_by_formula(space, data, out, window, statistic == RollingStatistic::mean,
                             statistic == RollingStatistic::standard_deviation);
 }

@@ -104,57 +104,77 @@ class DescribedChildren {
   Py_ssize_t most_;
 };
 
-Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_path) {
+/// Filters as texts for messages: only some operators show what they are applied to.
+class Description {
+ public:
   struct Frame {
     Object name;
     bool has_operands;
     DescribedChildren children;
   };
-  const host::Names& names = space.names;
-  std::vector<Object> described{new_list()};
-  const auto is_any = [&](PyObject* value, std::initializer_list<const char*> texts) {
-    for (const char* text : texts) {
-      if (equal(value, as_text(text))) return true;
+
+  explicit Description(const Namespace& space) : space_(space) {}
+
+  Frame enter(PyObject* node, const NodePath& path) {
+    const Object operation = host::node_value(space_, node, path);
+    const Object children = host::children_of(space_, node);
+    described_.push_back(new_list());
+    // An operator of a subclass of str may have a text of its own, which shows for some only.
+    if (equal(operation, space_.names.filtration)) return enter_filtration(children);
+    const Object gt = as_text("gt");
+    if (equal(operation, gt)) return enter_comparison(gt, children, path);
+    if (is_logical(operation)) return {operation, true, {children, PY_SSIZE_T_MAX}};
+    return {operation, false, {children, 0}};
+  }
+
+  void leave(const Frame& frame) {
+    const Object parts = std::move(described_.back());
+    described_.pop_back();
+    append(described_.back(), frame.has_operands ? message(frame.name, "(", join(", ", parts), ")")
+                                                 : as_text(frame.name));
+  }
+
+  Object text() const { return Object::borrow(items_of(described_.back())[0]); }
+
+ private:
+  Frame enter_filtration(const Object& children) const {
+    const Object& name = space_.names.filtration;
+    if (!truth(children)) return {name, true, {children, 0}};
+    return {name, true, {tuple_of(item(children, integer(0))), 1}};
+  }
+
+  /// Its operands' values are the parts; it has no filters below it.
+  Frame enter_comparison(const Object& name, const Object& children, const NodePath& path) const {
+    Items operands(children);
+    for (const Object& child : operands) {
+      const host::ChildPath child_path(path, operands.position());
+      append(described_.back(), as_text(host::node_value(space_, child, child_path)));
+    }
+    return {name, true, {children, 0}};
+  }
+
+  static bool is_logical(PyObject* operation) {
+    for (const char* name : {"and_", "or_", "not_"}) {
+      if (equal(operation, as_text(name))) return true;
     }
     return false;
-  };
+  }
+
+  const Namespace& space_;
+  // The parts of every filter that is still open, the innermost last, below them the whole.
+  std::vector<Object> described_{new_list()};
+};
+
+Object describe(const Namespace& space, PyObject* graph_node, PyObject* root_path) {
+  Description description(space);
   const auto enter = [&](PyObject* node, const NodePath& path) {
-    Object operation = host::node_value(space, node, path);
-    Object children = host::children_of(space, node);
-    Object parts = new_list();
-    bool has_operands = true;
-    Py_ssize_t most = 0;
-    // An operator of a subclass of str may have a text of its own, which shows for some only.
-    if (equal(operation, names.filtration)) {
-      operation = names.filtration;
-      if (truth(children)) {
-        children = tuple_of(item(children, integer(0)));
-        most = 1;
-      }
-    } else if (const Object gt = as_text("gt"); equal(operation, gt)) {
-      operation = gt;
-      Items operands(children);
-      for (const Object& child : operands) {
-        const host::ChildPath child_path(path, operands.position());
-        append(parts, as_text(host::node_value(space, child, child_path)));
-      }
-    } else if (is_any(operation, {"and_", "or_", "not_"})) {
-      most = PY_SSIZE_T_MAX;
-    } else {
-      has_operands = false;
-    }
-    described.push_back(std::move(parts));
-    return Frame{std::move(operation), has_operands, DescribedChildren(std::move(children), most)};
+    return description.enter(node, path);
   };
-  const auto leave = [&](const Frame& frame, const NodePath&) {
-    const Object parts = std::move(described.back());
-    described.pop_back();
-    const Object text =
-        frame.has_operands ? message(frame.name, "(", join(", ", parts), ")") : as_text(frame.name);
-    append(described.back(), text);
+  const auto leave = [&](const Description::Frame& frame, const NodePath&) {
+    description.leave(frame);
   };
   host::walk_graph(graph_node, root_path, enter, leave);
-  return Object::borrow(items_of(described.back())[0]);
+  return description.text();
 }
 
 Object or_filtration(const Namespace& space, PyObject* path) {

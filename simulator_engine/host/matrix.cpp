@@ -34,7 +34,7 @@ void publish_last_row(const Namespace& space, PyObject* context, PyObject* weigh
     const Object row = item(weights, key);
     registers = as_contiguous_float64(space, row);
   } else {
-    registers = zeros(1, index_value(columns));
+    registers = zeros(1, array_size(columns));
   }
   set_attribute(context, space.names.registers, registers);
 }

@@ -52,7 +52,7 @@ Object universe_mask(const Namespace& space, PyObject* context, PyObject* rows, 
   const Names& names = space.names;
   if (attribute(context, names.universe).is_none()) {
     if (is_exact_int(rows) && is_exact_int(columns)) {
-      return byte_ones(index_value(rows), index_value(columns));
+      return byte_ones(array_size(rows), array_size(columns));
     }
     return call_named(space.numpy(names.ones), space.dtype_keyword, tuple_of(rows, columns),
                       space.numpy(names.uint8));

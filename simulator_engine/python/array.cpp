@@ -57,8 +57,19 @@ Object aligned(const Object& array) {
   if (is_double_array(array)) return array;
   return Object::steal(calling_python([&] {
     return PyArray_FromAny(array, PyArray_DescrFromType(NPY_DOUBLE), 0, 0,
-                           NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY, nullptr);
+                           NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST, nullptr);
   }));
+}
+
+npy_intp array_size(PyObject* size) {
+  PyArray_Dims sizes{};
+  const Object shape = tuple_of(size);
+  if (calling_python([&] { return PyArray_IntpConverter(shape, &sizes); }) != NPY_SUCCEED) {
+    throw ErrorSet{};
+  }
+  const npy_intp value = sizes.ptr[0];
+  calling_python([&] { PyDimMem_FREE(sizes.ptr); });
+  return value;
 }
 
 namespace {

@@ -59,6 +59,8 @@ inline bool is_plain_array_of_rows(PyObject* object, npy_intp rows) {
 /// A float64 array as is_double_array() wants it: itself, or a copy where it is odd in any way.
 Object aligned(const Object& array);
 
+/// A size of a new array, by NumPy's rules for what may be one and with its errors.
+npy_intp array_size(PyObject* size);
 /// New C-ordered float64 arrays.
 Object zeros(npy_intp rows, npy_intp columns);
 Object uninitialised(npy_intp rows, npy_intp columns);

@@ -1,5 +1,6 @@
 #include "python/numbers.hpp"
 
+#include "python/containers.hpp"
 #include "python/error.hpp"
 
 namespace quernbrook::python {
@@ -11,10 +12,13 @@ Py_ssize_t index_value(PyObject* object) {
   return value;
 }
 
-Py_ssize_t clamped_index_value(PyObject* object) {
-  const Py_ssize_t value = calling_python([&] { return PyNumber_AsSsize_t(object, nullptr); });
-  if (value == -1 && PyErr_Occurred() != nullptr) throw ErrorSet{};
-  return value;
+Py_ssize_t length_of_slice(PyObject* stop, Py_ssize_t length) {
+  const Object part = slice(nullptr, stop);
+  Py_ssize_t begin = 0;
+  Py_ssize_t end = 0;
+  Py_ssize_t step = 1;
+  checked(calling_python([&] { return PySlice_Unpack(part, &begin, &end, &step); }));
+  return calling_python([&] { return PySlice_AdjustIndices(length, &begin, &end, step); });
 }
 
 int int_value(PyObject* object) {

@@ -20,8 +20,8 @@ inline Object identity(PyObject* object) {
 
 /// `operator.index(object)` as a machine integer; OverflowError beyond its range.
 Py_ssize_t index_value(PyObject* object);
-/// The same as a slice takes it: what is beyond the range becomes its end.
-Py_ssize_t clamped_index_value(PyObject* object);
+/// `len(sequence[:stop])` of a sequence of that length, with a slice's errors.
+Py_ssize_t length_of_slice(PyObject* stop, Py_ssize_t length);
 /// The same as a C int; OverflowError beyond its range.
 int int_value(PyObject* object);
 /// The value of an exact int; -1 where it doesn't fit.

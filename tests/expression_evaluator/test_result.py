@@ -4,13 +4,17 @@ from __future__ import annotations
 
 import copy
 import gc
+import inspect
+import sys
 import weakref
 from types import ModuleType
 from typing import Any
 
 import numpy as np
 import pytest
+from support.children import run_child
 from support.functions import raising
+from support.graphs import feature, rotation
 
 
 class Tagged(np.ndarray):
@@ -390,3 +394,106 @@ def test_deep_copy_is_that_of_the_array(evaluator: ModuleType) -> None:
     assert type(copied) is np.ndarray
     assert not np.shares_memory(copied, result.weights)
     np.testing.assert_array_equal(copied, result.weights)
+
+
+# --- the generator -------------------------------------------------------------------------------
+
+
+def test_iteration_is_a_generator(evaluator: ModuleType) -> None:
+    result = make_result(evaluator)
+    assert inspect.isgeneratorfunction(type(result).__iter__)
+    pair = iter(result)
+    assert inspect.isgenerator(pair)
+    assert pair.send(None) is result.weights
+    assert pair.send("unused") is result.states
+    with pytest.raises(StopIteration):
+        pair.send(None)
+
+
+def test_a_generator_that_is_ended_early(evaluator: ModuleType) -> None:
+    result = make_result(evaluator)
+    closed = iter(result)
+    next(closed)
+    closed.close()
+    assert list(closed) == []
+    thrown = iter(result)
+    next(thrown)
+    error = ValueError("thrown in")
+    with pytest.raises(ValueError) as caught:
+        thrown.throw(error)
+    assert caught.value is error
+    assert list(thrown) == []
+
+
+# --- recursion -----------------------------------------------------------------------------------
+
+RECURSION = """
+import copy, importlib, sys, threading
+
+evaluator = importlib.import_module(sys.argv[1])
+kind = evaluator.EvaluationResult
+
+
+class Property(kind):
+    @property
+    def weights(self):
+        raise AttributeError("weights")
+
+
+class Delegating(kind):
+    def __getattr__(self, name):
+        return super().__getattr__(name)
+
+
+acts = {
+    "copied": lambda: copy.copy(kind([1.0], {})),
+    "unknown attribute": lambda: kind.__new__(kind).unknown,
+    "property": lambda: Property.__new__(Property).unknown,
+    "own __getattr__": lambda: Delegating.__new__(Delegating).unknown,
+}
+
+
+def work():
+    try:
+        acts[sys.argv[2]]()
+    except RecursionError:
+        print("RecursionError")
+
+
+# A thread has less room than the main one, and no more than this in some systems.
+threading.stack_size(2 << 20)
+if sys.version_info < (3, 11):
+    sys.setrecursionlimit(4_000)
+thread = threading.Thread(target=work)
+thread.start()
+thread.join()
+"""
+
+
+@pytest.mark.parametrize("act", ["copied", "unknown attribute", "property", "own __getattr__"])
+def test_recursion_on_a_small_stack(
+    evaluator: ModuleType, request: pytest.FixtureRequest, act: str
+) -> None:
+    if evaluator.__name__ == "reference_evaluator":
+        pytest.skip("Python's own frames don't fit there")
+    finished = run_child(request, RECURSION, act)
+    assert (finished.returncode, finished.stderr) == (0, "")
+    assert finished.stdout == "RecursionError\n"
+
+
+def test_a_class_that_changes_while_it_is_called(evaluator: ModuleType) -> None:
+    """The interpreter forgets what it knew of the class together with the change."""
+
+    class Function:
+        stateful = False
+
+        def __call__(self, row: np.ndarray) -> float:
+            Function.__call__ = lambda self, row: 2.0  # type: ignore[method-assign]
+            sys._clear_type_cache()
+            gc.collect()
+            return 1.0
+
+    context = evaluator.EvaluationContext((np.zeros((3, 2)),), {"a": 0})
+    graph = rotation("f", feature("a"))
+    weights, _ = evaluator.evaluate(graph, context, bound_function_instances={"root": Function()})
+    assert weights[:, 0].tolist() == [1.0, 2.0, 2.0]

@@ -143,9 +143,7 @@ def record_cases(draw: st.DrawFn) -> RunCase:
     paths = [path for path, _ in graph.paths_of(())]
     has_functions = bool(graph.paths_of(FUNCTION_KINDS))
     changes = table(rarely(*OTHERS, one_in=3), ALTERATIONS, range(len(paths)), range(len(paths)))
-    # A record that was read before and has not changed is known, and not read again.
-    first = CallCase((), bound="all" if has_functions else "none")
-    calls = [first] * draw(st.sampled_from([1, 1, 3]))
+    calls = [CallCase((), bound="all" if has_functions else "none")]
     for count in draw(st.sampled_from([(1,), (1, 0), (1, 1), (2,), (2, 1), (0, 1)])):
         before: list[Deed] = []
         for _ in range(count):

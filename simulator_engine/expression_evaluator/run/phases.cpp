@@ -181,7 +181,7 @@ void order_nodes(Run& run) {
   run.order = graph_prep::execution_order(run.table, run.table.root);
   run.filtrations.resize(run.table.nodes.size());
   run.row_shape = tuple_of(run.column_count);
-  run.columns = index_value(run.column_count);
+  run.columns = array_size(run.column_count);
   set_attribute(run.context, run.space.names.registers, zeros(register_count(run), run.columns));
 }
 
@@ -201,7 +201,7 @@ void prepare_extraction_buffer(Run& run) {
 }
 
 void prepare_buffers(Run& run) {
-  run.rows = index_value(run.row_count);
+  run.rows = array_size(run.row_count);
   // The row loop writes every row of these.
   run.weights = uninitialised(run.rows, run.columns);
   run.registers = zeros(register_count(run), run.columns);
@@ -227,10 +227,8 @@ void publish(Run& run) {
 /// Only the weights lose their warm-up rows; the outputs of the nodes keep theirs.
 void blank_warmup_rows(Run& run) {
   if (!compare(run.warmup_rows, integer(0), Py_GT)) return;
-  npy_intp rows = clamped_index_value(smaller(run.warmup_rows, run.row_count));
   // What a host's function made of the figure may be anything that a slice takes.
-  if (rows < 0) rows += run.rows;
-  rows = std::clamp(rows, npy_intp{0}, run.rows);
+  const npy_intp rows = length_of_slice(smaller(run.warmup_rows, run.row_count), run.rows);
   std::fill_n(doubles(run.weights), rows * run.columns, std::numeric_limits<double>::quiet_NaN());
 }
 
