@@ -19,8 +19,11 @@ using graph_prep::NodeKind;
 
 namespace {
 
-/// Half of a small second-level cache: features and results pass through it, too.
-constexpr npy_intp cells_at_once = 256 * 1024 / sizeof(double);
+/// Half of a common second-level cache: features and results pass through it, too.
+constexpr npy_intp cells_at_once = 512 * 1024 / sizeof(double);
+/// A buffer that is free serves again at once, so that few are in use at a time, however many hold
+/// parts that other nodes will share.
+constexpr std::size_t hot_buffers = 8;
 
 /// Whether a host's own output, which may come or go, could stand for the node.
 bool may_be_precomputed(const Run& run, const Node& node) {
@@ -190,7 +193,8 @@ void StripPlan::assign_buffers(const Run& run) {
     });
     if (reads[step.node] == 0) let_go(step.node);
   }
-  const npy_intp cells = run.columns * static_cast<npy_intp>(buffer_count_ + 1);
+  const npy_intp cells =
+      run.columns * static_cast<npy_intp>(std::min(buffer_count_ + 1, hot_buffers));
   rows_at_once_ = std::clamp(cells_at_once / std::max<npy_intp>(cells, 1), npy_intp{1},
                              std::max<npy_intp>(run.rows, 1));
 }
