@@ -15,6 +15,9 @@
 namespace quernbrook::row_kernels {
 namespace {
 
+using Loops = TileLoops Statistics::*;
+using CentredLoops = TileLoops CentredStatistics::*;
+
 void require_window(std::size_t window) {
   if (window < 1) throw std::invalid_argument("window must be at least 1; got 0");
 }
@@ -27,36 +30,44 @@ std::size_t usual_part_length(std::size_t window) {
   return static_cast<std::size_t>(2.0 * std::sqrt(static_cast<double>(window)));
 }
 
-std::unique_ptr<WindowFunction> in_parts(std::size_t window, std::size_t part_length,
-                                         const TileLoops& loops, double factor = 1.0,
-                                         double term = 0.0, std::vector<double> weights = {}) {
+Plan plan_of_parts(std::size_t window, std::size_t part_length, double factor = 1.0,
+                   double term = 0.0) {
   Plan plan{.window = window, .factor = factor, .term = term};
   plan.part_length = part_length;
   plan.part_count = (window + part_length - 1) / part_length;
   plan.last_part_length = window - (plan.part_count - 1) * part_length;
-  return std::make_unique<TiledFunction>(window, plan, loops, std::move(weights));
+  return plan;
 }
 
-std::unique_ptr<WindowFunction> simple(std::size_t window, const TileLoops& loops) {
+std::unique_ptr<WindowFunction> make(std::size_t window, const Plan& plan, Loops loops,
+                                     std::vector<double> weights = {}) {
+  return std::make_unique<TiledFunction>(window, plan, statistics_loops().*loops,
+                                         half_statistics_loops().*loops, std::move(weights));
+}
+
+std::unique_ptr<WindowFunction> simple(std::size_t window, Loops loops) {
   require_window(window);
-  return in_parts(window, usual_part_length(window), loops);
+  return make(window, plan_of_parts(window, usual_part_length(window)), loops);
 }
 
 // The centre is the mean of the other parts, which leaves a third of the window to one part.
-std::unique_ptr<WindowFunction> centred(std::size_t window, const CentredLoops& loops,
-                                        double factor = 1.0, double term = 0.0) {
+std::unique_ptr<WindowFunction> centred(std::size_t window, CentredLoops loops, double factor = 1.0,
+                                        double term = 0.0) {
   constexpr std::size_t very_short_window = 5;
   if (window <= very_short_window) {
     const Plan plan{.window = window, .factor = factor, .term = term};
-    return std::make_unique<TiledFunction>(window, plan, loops.direct);
+    return std::make_unique<TiledFunction>(window, plan, statistics_loops().directly.*loops,
+                                           half_statistics_loops().directly.*loops);
   }
-  return in_parts(window, std::min(window / 3, usual_part_length(window)), loops.in_parts, factor,
-                  term);
+  const std::size_t part_length = std::min(window / 3, usual_part_length(window));
+  return std::make_unique<TiledFunction>(window, plan_of_parts(window, part_length, factor, term),
+                                         statistics_loops().in_parts.*loops,
+                                         half_statistics_loops().in_parts.*loops);
 }
 
 // Where a window of 1 gives `value`.
-std::unique_ptr<WindowFunction> lone(const TileLoops& loops, double value) {
-  return in_parts(1, 1, loops, 1.0, value);
+std::unique_ptr<WindowFunction> lone(Loops loops, double value) {
+  return make(1, plan_of_parts(1, 1, 1.0, value), loops);
 }
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
@@ -66,89 +77,89 @@ double divisor(std::size_t window, Of of) {
   return static_cast<double>(of == Of::population ? window : window - 1);
 }
 
-std::unique_ptr<WindowFunction> of_ends(std::size_t window, const TileLoops& loops) {
+std::unique_ptr<WindowFunction> of_ends(std::size_t window, Loops loops) {
   require_window(window);
-  return std::make_unique<TiledFunction>(window, Plan{.window = window + 1}, loops);
+  return make(window, Plan{.window = window + 1}, loops);
 }
 
 }  // namespace
 
 std::unique_ptr<WindowFunction> make_delay(std::size_t window) {
-  return of_ends(window, statistics_loops().delay);
+  return of_ends(window, &Statistics::delay);
 }
 
 std::unique_ptr<WindowFunction> make_delta(std::size_t window) {
-  return of_ends(window, statistics_loops().delta);
+  return of_ends(window, &Statistics::delta);
 }
 
 std::unique_ptr<WindowFunction> make_sum(std::size_t window) {
-  return simple(window, statistics_loops().sum);
+  return simple(window, &Statistics::sum);
 }
 
 std::unique_ptr<WindowFunction> make_mean(std::size_t window) {
-  return simple(window, statistics_loops().mean);
+  return simple(window, &Statistics::mean);
 }
 
 std::unique_ptr<WindowFunction> make_maximum(std::size_t window) {
-  return simple(window, statistics_loops().maximum);
+  return simple(window, &Statistics::maximum);
 }
 
 std::unique_ptr<WindowFunction> make_minimum(std::size_t window) {
-  return simple(window, statistics_loops().minimum);
+  return simple(window, &Statistics::minimum);
 }
 
 std::unique_ptr<WindowFunction> make_maximum_age(std::size_t window) {
-  return simple(window, statistics_loops().maximum_age);
+  return simple(window, &Statistics::maximum_age);
 }
 
 std::unique_ptr<WindowFunction> make_minimum_age(std::size_t window) {
-  return simple(window, statistics_loops().minimum_age);
+  return simple(window, &Statistics::minimum_age);
 }
 
 std::unique_ptr<WindowFunction> make_variance(std::size_t window, Of of) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_value, of == Of::sample ? nan : 0.0);
-  return centred(window, statistics_loops().variance, divisor(window, of));
+  if (window == 1) return lone(&Statistics::lone_value, of == Of::sample ? nan : 0.0);
+  return centred(window, &CentredStatistics::variance, divisor(window, of));
 }
 
 std::unique_ptr<WindowFunction> make_standard_deviation(std::size_t window, Of of) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_value, of == Of::sample ? nan : 0.0);
-  return centred(window, statistics_loops().standard_deviation, divisor(window, of));
+  if (window == 1) return lone(&Statistics::lone_value, of == Of::sample ? nan : 0.0);
+  return centred(window, &CentredStatistics::standard_deviation, divisor(window, of));
 }
 
 std::unique_ptr<WindowFunction> make_z_score(std::size_t window) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_value, 0.0);
-  return centred(window, statistics_loops().z_score, divisor(window, Of::population));
+  if (window == 1) return lone(&Statistics::lone_value, 0.0);
+  return centred(window, &CentredStatistics::z_score, divisor(window, Of::population));
 }
 
 std::unique_ptr<WindowFunction> make_covariance(std::size_t window, Of of) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_pair, of == Of::sample ? nan : 0.0);
-  return centred(window, statistics_loops().covariance,
+  if (window == 1) return lone(&Statistics::lone_pair, of == Of::sample ? nan : 0.0);
+  return centred(window, &CentredStatistics::covariance,
                  1.0 / (static_cast<double>(window) * divisor(window, of)));
 }
 
 std::unique_ptr<WindowFunction> make_correlation(std::size_t window) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_pair, nan);
-  return centred(window, statistics_loops().correlation);
+  if (window == 1) return lone(&Statistics::lone_pair, nan);
+  return centred(window, &CentredStatistics::correlation);
 }
 
 // From sums over the window: the divisors of the moments are in the factors.
 std::unique_ptr<WindowFunction> make_skewness(std::size_t window, Of of) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  if (window == 1) return lone(&Statistics::lone_value, nan);
   const auto n = static_cast<double>(window);
   double factor = std::sqrt(n);
   if (of == Of::sample) factor = window < 3 ? nan : n * std::sqrt(n - 1.0) / (n - 2.0);
-  return centred(window, statistics_loops().skewness, factor);
+  return centred(window, &CentredStatistics::skewness, factor);
 }
 
 std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of of) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  if (window == 1) return lone(&Statistics::lone_value, nan);
   const auto n = static_cast<double>(window);
   double factor = n;
   double term = -3.0;
@@ -157,11 +168,11 @@ std::unique_ptr<WindowFunction> make_kurtosis(std::size_t window, Of of) {
     factor = window < 4 ? nan : n * (n - 1.0) * (n + 1.0) / divisor;
     term = -3.0 * (n - 1.0) * (n - 1.0) / divisor;
   }
-  return centred(window, statistics_loops().kurtosis, factor, term);
+  return centred(window, &CentredStatistics::kurtosis, factor, term);
 }
 
 std::unique_ptr<WindowFunction> make_decaying_mean(std::size_t window) {
-  return simple(window, statistics_loops().decaying_mean);
+  return simple(window, &Statistics::decaying_mean);
 }
 
 std::unique_ptr<WindowFunction> make_exponential_mean(std::size_t window) {
@@ -181,21 +192,22 @@ std::unique_ptr<WindowFunction> make_exponential_mean(std::size_t window) {
     weights[window + part + offset] =
         static_cast<double>(std::exp(static_cast<long double>(offset) * logarithm) / sum);
   }
-  return in_parts(window, part, statistics_loops().exponential_mean, 1.0, 0.0, std::move(weights));
+  return make(window, plan_of_parts(window, part), &Statistics::exponential_mean,
+              std::move(weights));
 }
 
 std::unique_ptr<WindowFunction> make_product(std::size_t window) {
-  return simple(window, statistics_loops().product);
+  return simple(window, &Statistics::product);
 }
 
 std::unique_ptr<WindowFunction> make_rank(std::size_t window) {
   require_window(window);
-  if (window == 1) return lone(statistics_loops().lone_value, nan);
+  if (window == 1) return lone(&Statistics::lone_value, nan);
   // Counting takes time in proportion to the window, but little.
   constexpr std::size_t longest_counted = 1024;
-  return std::make_unique<TiledFunction>(
-      window, Plan{.window = window},
-      window <= longest_counted ? statistics_loops().rank : sorted_rank_loops);
+  const Plan plan{.window = window};
+  if (window <= longest_counted) return make(window, plan, &Statistics::rank);
+  return std::make_unique<TiledFunction>(window, plan, sorted_rank_loops, sorted_rank_loops);
 }
 
 std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
@@ -204,24 +216,25 @@ std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
     throw std::invalid_argument("q must be within 0 and 1; got " + std::to_string(q));
   }
   constexpr std::size_t longest_in_lines = 256;
-  return std::make_unique<TiledFunction>(
-      window, Plan{.window = window, .factor = q},
-      window <= longest_in_lines ? statistics_loops().quantile : sorted_quantile_loops);
+  const Plan plan{.window = window, .factor = q};
+  if (window <= longest_in_lines) return make(window, plan, &Statistics::quantile);
+  return std::make_unique<TiledFunction>(window, plan, sorted_quantile_loops,
+                                         sorted_quantile_loops);
 }
 
 std::unique_ptr<WindowFunction> make_slope(std::size_t window) {
-  if (window == 1) return lone(statistics_loops().lone_value, nan);
-  return simple(window, statistics_loops().slope);
+  if (window == 1) return lone(&Statistics::lone_value, nan);
+  return simple(window, &Statistics::slope);
 }
 
 std::unique_ptr<WindowFunction> make_intercept(std::size_t window) {
   if (window == 1) return make_sum(1);
-  return simple(window, statistics_loops().intercept);
+  return simple(window, &Statistics::intercept);
 }
 
 std::unique_ptr<WindowFunction> make_residual(std::size_t window) {
-  if (window == 1) return lone(statistics_loops().lone_value, 0.0);
-  return simple(window, statistics_loops().residual);
+  if (window == 1) return lone(&Statistics::lone_value, 0.0);
+  return simple(window, &Statistics::residual);
 }
 
 }  // namespace quernbrook::row_kernels

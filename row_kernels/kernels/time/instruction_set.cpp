@@ -33,7 +33,13 @@ void use_instruction_set(InstructionSet set) noexcept {
 const Statistics& statistics_loops() noexcept {
 #if defined(__x86_64__)
   if (used == InstructionSet::avx512) return avx512::statistics;
-  if (used == InstructionSet::avx2) return avx2::statistics;
+#endif
+  return half_statistics_loops();
+}
+
+const Statistics& half_statistics_loops() noexcept {
+#if defined(__x86_64__)
+  if (used != InstructionSet::baseline) return avx2::statistics;
 #endif
   return baseline::statistics;
 }

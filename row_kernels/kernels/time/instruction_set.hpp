@@ -17,7 +17,8 @@ InstructionSet instruction_set() noexcept;
 /// Has new functions use another, to compare them; not one wider than the widest.
 void use_instruction_set(InstructionSet set) noexcept;
 
-/// The loops for the one in use.
+/// The loops for the one in use, and those for half a tile: of registers that this fills.
 const Statistics& statistics_loops() noexcept;
+const Statistics& half_statistics_loops() noexcept;
 
 }  // namespace quernbrook::row_kernels

@@ -33,20 +33,15 @@ struct TileLoops {
 
   /// The doubles that a tile takes.
   std::size_t (*tile_size)(const Plan& plan);
-  /// Computes `row_count` rows of a tile's columns. `is_filling` tells whether they begin among the
+  /// Computes `row_count` rows of the tile's first `columns` columns, or of as many more as fill
+  /// registers. `is_filling` tells whether they begin among the
   /// first `window` rows; places that no row has had yet hold anything then.
-  void (*advance)(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-                  const Rows* arguments, std::ptrdiff_t row_count, double* result,
+  void (*advance)(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+                  bool is_filling, const Rows* arguments, std::ptrdiff_t row_count, double* result,
                   std::ptrdiff_t result_stride);
   /// Makes all else in a tile anew from the rows, where the next row gets place `place`. Places
   /// that no row has had yet hold NaN then.
   void (*rebuild)(const Plan& plan, double* tile, std::size_t place);
-};
-
-/// A statistic of deviations, for very short windows and for all others.
-struct CentredLoops {
-  TileLoops direct;
-  TileLoops in_parts;
 };
 
 }  // namespace quernbrook::row_kernels

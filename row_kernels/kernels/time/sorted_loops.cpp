@@ -59,11 +59,11 @@ std::size_t tile_size(const Plan& plan) {
 }
 
 template <class Statistic>
-void advance(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-             const Rows* arguments, std::ptrdiff_t row_count, double* result,
+void advance(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+             bool is_filling, const Rows* arguments, std::ptrdiff_t row_count, double* result,
              std::ptrdiff_t result_stride) {
   const Statistic statistic(plan);
-  for (std::size_t column = 0; column < tile_columns; ++column) {
+  for (std::size_t column = 0; column < columns; ++column) {
     SortedRange range = range_of(plan, tile, column);
     if (is_filling && place == 0) range.clear();
     double* rows = tile + column;

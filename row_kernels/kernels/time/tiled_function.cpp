@@ -60,8 +60,9 @@ void TiledFunction::run_strip(const Rows* arguments, std::ptrdiff_t row_count, d
     for (std::size_t a = 0; a < loops_.arguments; ++a) {
       cells[a] = {arguments[a].first + column, arguments[a].stride};
     }
-    loops_.advance(plan_, tile(cells_, index), place(), is_filling(), cells, row_count,
-                   result + column, column_count_);
+    const TileLoops& loops = tiles.is_half(index) ? half_loops_ : loops_;
+    loops.advance(plan_, tile(cells_, index), tiles.width(index), place(), is_filling(), cells,
+                  row_count, result + column, column_count_);
   }
 }
 
@@ -79,8 +80,9 @@ void TiledFunction::run_narrow_strip(const Rows* arguments, std::ptrdiff_t row_c
     }
     cells[a] = {wide[a], tile_columns};
   }
-  loops_.advance(plan_, cells_.get(), place(), is_filling(), cells, row_count, wide_result,
-                 tile_columns);
+  const TileLoops& loops = Tiles(column_count_).is_half(0) ? half_loops_ : loops_;
+  loops.advance(plan_, cells_.get(), static_cast<std::size_t>(column_count_), place(), is_filling(),
+                cells, row_count, wide_result, tile_columns);
   for (std::ptrdiff_t row = 0; row < row_count; ++row) {
     std::copy_n(wide_result + row * static_cast<std::ptrdiff_t>(tile_columns), column_count_,
                 result + row * column_count_);
@@ -99,7 +101,7 @@ WindowState TiledFunction::state() const {
       const std::size_t from = (place() + plan_.window - held + row) % plan_.window;
       for (std::size_t a = 0; a < loops_.arguments; ++a) {
         std::copy_n(tile(cells_, index) + (from * loops_.arguments + a) * tile_columns,
-                    tiles.width(), state.rows[a].data() + row * width + tiles.column(index));
+                    tiles.width(index), state.rows[a].data() + row * width + tiles.column(index));
       }
     }
   }
@@ -133,7 +135,7 @@ void TiledFunction::restore(const WindowState& state) {
     for (std::size_t row = 0; row < held; ++row) {
       const std::size_t to = (place + plan_.window - held + row) % plan_.window;
       for (std::size_t a = 0; a < loops_.arguments; ++a) {
-        std::copy_n(state.rows[a].data() + row * width + tiles.column(index), tiles.width(),
+        std::copy_n(state.rows[a].data() + row * width + tiles.column(index), tiles.width(index),
                     tile(cells, index) + (to * loops_.arguments + a) * tile_columns);
       }
     }

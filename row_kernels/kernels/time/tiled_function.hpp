@@ -12,9 +12,14 @@ namespace quernbrook::row_kernels {
 class TiledFunction final : public WindowFunction {
  public:
   /// `window` is what it is called by; the plan's is the number of rows held.
+  /// The loops for half a tile may be those of a narrower instruction set.
   TiledFunction(std::size_t window, const Plan& plan, const TileLoops& loops,
-                std::vector<double> weights = {})
-      : window_(window), plan_(plan), loops_(loops), weights_(std::move(weights)) {
+                const TileLoops& half_loops, std::vector<double> weights = {})
+      : window_(window),
+        plan_(plan),
+        loops_(loops),
+        half_loops_(half_loops),
+        weights_(std::move(weights)) {
     plan_.weights = weights_.data();
   }
   TiledFunction(const TiledFunction&) = delete;
@@ -46,6 +51,7 @@ class TiledFunction final : public WindowFunction {
   std::size_t window_;
   Plan plan_;
   TileLoops loops_;
+  TileLoops half_loops_;
   std::vector<double> weights_;
   std::size_t tile_size_ = loops_.tile_size(plan_);
   std::int64_t count_ = 0;

@@ -276,16 +276,16 @@ class Group {
 };
 
 template <class Statistic>
-void advance(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-             const Rows* arguments, std::ptrdiff_t row_count, double* result,
+void advance(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+             bool is_filling, const Rows* arguments, std::ptrdiff_t row_count, double* result,
              std::ptrdiff_t result_stride) noexcept {
-  for (std::size_t column = 0; column < tile_columns; column += lane_count) {
-    Rows columns[Statistic::arguments];
+  for (std::size_t column = 0; column < columns; column += lane_count) {
+    Rows cells[Statistic::arguments];
     for (std::size_t a = 0; a < Statistic::arguments; ++a) {
-      columns[a] = {arguments[a].first + column, arguments[a].stride};
+      cells[a] = {arguments[a].first + column, arguments[a].stride};
     }
     Group<Statistic>(plan, tile + column)
-        .advance(place, is_filling, columns, row_count, result + column, result_stride);
+        .advance(place, is_filling, cells, row_count, result + column, result_stride);
   }
 }
 

@@ -15,8 +15,8 @@ struct Delta {
 };
 
 template <class Ends>
-void advance_ends(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-                  const Rows* arguments, std::ptrdiff_t row_count, double* result,
+void advance_ends(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+                  bool is_filling, const Rows* arguments, std::ptrdiff_t row_count, double* result,
                   std::ptrdiff_t result_stride) noexcept {
   const double* next = arguments[0].first;
   for (; row_count > 0; --row_count) {
@@ -28,7 +28,7 @@ void advance_ends(const Plan& plan, double* tile, std::size_t place, bool is_fil
     const double* oldest = tile + place * tile_columns;
     fetch_ahead<0>(next);
     fetch_ahead<1>(result);
-    for (std::size_t column = 0; column < tile_columns; column += lane_count) {
+    for (std::size_t column = 0; column < columns; column += lane_count) {
       const Lanes cells = load(next + column);
       store(newest + column, cells);
       const Lanes end = is_filling ? all(__builtin_nan("")) : load(oldest + column);

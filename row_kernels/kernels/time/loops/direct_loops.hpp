@@ -7,11 +7,11 @@ namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 /// Statistics of deviations from all rows of the window anew for each row: what takes less time
 /// than parts in very short windows. A tile holds nothing but the rows.
 template <class Statistic>
-void advance_directly(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-                      const Rows* arguments, std::ptrdiff_t row_count, double* result,
-                      std::ptrdiff_t result_stride) noexcept {
+void advance_directly(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+                      bool is_filling, const Rows* arguments, std::ptrdiff_t row_count,
+                      double* result, std::ptrdiff_t result_stride) noexcept {
   constexpr std::size_t count = Statistic::arguments;
-  for (std::size_t column = 0; column < tile_columns; column += lane_count) {
+  for (std::size_t column = 0; column < columns; column += lane_count) {
     const double* next[count];
     for (std::size_t a = 0; a < count; ++a) next[a] = arguments[a].first + column;
     const auto rows = [cells = tile + column](std::size_t row) {
@@ -60,9 +60,5 @@ template <class Statistic>
 inline constexpr TileLoops direct_loops{Statistic::arguments, size_of_direct_tile<Statistic>,
                                         advance_directly<Statistic>,
                                         rebuild_nothing_directly<Statistic>};
-
-/// Both ways of a statistic of deviations.
-template <class Statistic>
-inline constexpr CentredLoops centred_loops{direct_loops<Statistic>, block_loops<Statistic>};
 
 }  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET

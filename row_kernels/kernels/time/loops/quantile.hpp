@@ -42,15 +42,15 @@ inline Lanes interpolated(Lanes lower, Lanes upper, double share) noexcept {
   return select(lower == upper, lower, between);
 }
 
-inline void advance_quantile(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-                             const Rows* arguments, std::ptrdiff_t row_count, double* result,
-                             std::ptrdiff_t result_stride) noexcept {
+inline void advance_quantile(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+                             bool is_filling, const Rows* arguments, std::ptrdiff_t row_count,
+                             double* result, std::ptrdiff_t result_stride) noexcept {
   const auto count = static_cast<double>(plan.window);
   const double position = plan.factor * (count - 1.0);
   const auto lower = static_cast<std::size_t>(position);
   const double share = position - static_cast<double>(lower);
   const std::size_t upper = share > 0.0 ? lower + 1 : lower;
-  for (std::size_t column = 0; column < tile_columns; column += lane_count) {
+  for (std::size_t column = 0; column < columns; column += lane_count) {
     double* rows = tile + column;
     double* clean_rows = rows + plan.window * tile_columns;
     double* sorted = clean_rows + tile_columns;

@@ -6,11 +6,11 @@ namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
 /// Rank of the newest value by counting. After the rows a tile holds a line with the number of rows
 /// since the last NaN.
-inline void advance_rank(const Plan& plan, double* tile, std::size_t place, bool is_filling,
-                         const Rows* arguments, std::ptrdiff_t row_count, double* result,
-                         std::ptrdiff_t result_stride) noexcept {
+inline void advance_rank(const Plan& plan, double* tile, std::size_t columns, std::size_t place,
+                         bool is_filling, const Rows* arguments, std::ptrdiff_t row_count,
+                         double* result, std::ptrdiff_t result_stride) noexcept {
   const auto count = static_cast<double>(plan.window);
-  for (std::size_t column = 0; column < tile_columns; column += lane_count) {
+  for (std::size_t column = 0; column < columns; column += lane_count) {
     double* rows = tile + column;
     double* clean_rows = rows + plan.window * tile_columns;
     Lanes clean = is_filling && place == 0 ? Lanes{} : load(clean_rows);

@@ -28,13 +28,6 @@ const Statistics statistics{
     .minimum_age = block_loops<MinimumAge>,
     .lone_value = block_loops<LoneValue<1>>,
     .lone_pair = block_loops<LoneValue<2>>,
-    .variance = centred_loops<Variance>,
-    .standard_deviation = centred_loops<StandardDeviation>,
-    .z_score = centred_loops<ZScore>,
-    .covariance = centred_loops<Covariance>,
-    .correlation = centred_loops<Correlation>,
-    .skewness = centred_loops<Skewness>,
-    .kurtosis = centred_loops<Kurtosis>,
     .decaying_mean = block_loops<DecayingMean>,
     .slope = block_loops<Slope>,
     .intercept = block_loops<Intercept>,
@@ -43,6 +36,26 @@ const Statistics statistics{
     .exponential_mean = block_loops<ExponentialMean>,
     .rank = rank_loops,
     .quantile = quantile_loops,
+    .in_parts =
+        {
+            .variance = block_loops<Variance>,
+            .standard_deviation = block_loops<StandardDeviation>,
+            .z_score = block_loops<ZScore>,
+            .covariance = block_loops<Covariance>,
+            .correlation = block_loops<Correlation>,
+            .skewness = block_loops<Skewness>,
+            .kurtosis = block_loops<Kurtosis>,
+        },
+    .directly =
+        {
+            .variance = direct_loops<Variance>,
+            .standard_deviation = direct_loops<StandardDeviation>,
+            .z_score = direct_loops<ZScore>,
+            .covariance = direct_loops<Covariance>,
+            .correlation = direct_loops<Correlation>,
+            .skewness = direct_loops<Skewness>,
+            .kurtosis = direct_loops<Kurtosis>,
+        },
 };
 
 }  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET

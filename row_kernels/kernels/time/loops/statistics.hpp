@@ -4,6 +4,17 @@
 
 namespace quernbrook::row_kernels {
 
+/// The loops of the statistics of deviations.
+struct CentredStatistics {
+  TileLoops variance;
+  TileLoops standard_deviation;
+  TileLoops z_score;
+  TileLoops covariance;
+  TileLoops correlation;
+  TileLoops skewness;
+  TileLoops kurtosis;
+};
+
 /// The loops of all functions along time.
 struct Statistics {
   TileLoops delay;
@@ -16,13 +27,6 @@ struct Statistics {
   TileLoops minimum_age;
   TileLoops lone_value;
   TileLoops lone_pair;
-  CentredLoops variance;
-  CentredLoops standard_deviation;
-  CentredLoops z_score;
-  CentredLoops covariance;
-  CentredLoops correlation;
-  CentredLoops skewness;
-  CentredLoops kurtosis;
   TileLoops decaying_mean;
   TileLoops slope;
   TileLoops intercept;
@@ -31,6 +35,9 @@ struct Statistics {
   TileLoops exponential_mean;
   TileLoops rank;
   TileLoops quantile;
+  CentredStatistics in_parts;
+  /// For very short windows.
+  CentredStatistics directly;
 };
 
 namespace baseline {
