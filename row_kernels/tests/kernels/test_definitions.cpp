@@ -6,28 +6,12 @@
 #include <cmath>
 #include <string>
 
+#include "closeness.hpp"
 #include "panels.hpp"
 #include "time_functions.hpp"
 
 namespace row_kernel_tests {
 namespace {
-
-double unit_in_last_place(double value) {
-  const double size = std::fabs(value);
-  return std::nextafter(size, infinity) - size;
-}
-
-bool is_close(double actual, const Expected& expected) {
-  const auto rounded = static_cast<double>(expected.value);
-  if (std::isnan(rounded)) return std::isnan(actual);
-  if (!std::isfinite(rounded)) return actual == rounded;
-  if (!std::isfinite(actual)) return false;
-  const Wide error = actual - expected.value;
-  // Errors of that which cancels are a unit in the last place of what it is made of.
-  const Wide allowed = 4 * static_cast<Wide>(unit_in_last_place(rounded)) +
-                       4 * static_cast<Wide>(0x1p-53) * expected.scale;
-  return -allowed <= error && error <= allowed;
-}
 
 std::vector<double> column_of(const Panel& panel, std::size_t first, std::size_t last,
                               std::size_t column) {

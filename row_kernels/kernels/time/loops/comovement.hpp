@@ -86,8 +86,8 @@ struct Correlation {
     void add(Lanes first, Lanes second) noexcept {
       sum[0] += first;
       sum[1] += second;
-      squares[0].add_square(first, Lanes{});
-      squares[1].add_square(second, Lanes{});
+      squares[0].add_growing(first * first);
+      squares[1].add_growing(second * second);
       products.add(first * second);
     }
   };
@@ -139,20 +139,19 @@ struct Correlation {
     });
   }
 
-  static Lanes finish(const Plan& plan, const Base&, const Part& older, const Part& newer,
-                      const Cells<2>&, std::size_t) noexcept {
-    const auto count = static_cast<double>(plan.window);
+  static Lanes finish(const Plan& plan, const Base&, Part older, const Part& newer, const Cells<2>&,
+                      std::size_t) noexcept {
     Lanes sum[2];
+    Lanes mean[2];
     Lanes spread[2];
     for (std::size_t a = 0; a < 2; ++a) {
       sum[a] = older.sum[a] + newer.sum[a];
-      const Lanes squares = (older.squares[a].value + newer.squares[a].value) +
-                            (older.squares[a].error + newer.squares[a].error);
-      spread[a] = count * squares - sum[a] * sum[a];
+      mean[a] = sum[a] * (1.0 / static_cast<double>(plan.window));
+      older.squares[a].add(newer.squares[a]);
+      spread[a] = older.squares[a].less(sum[a] * mean[a]);
     }
-    const Lanes products = (older.products.value + newer.products.value) +
-                           (older.products.error + newer.products.error);
-    const Lanes joint = count * products - sum[0] * sum[1];
+    older.products.add(newer.products);
+    const Lanes joint = older.products.less(sum[0] * mean[1]);
     const Lanes product = spread[0] * spread[1];
     Lanes root = square_root(product);
     // Where the product overflows or loses digits, at the price of another root.

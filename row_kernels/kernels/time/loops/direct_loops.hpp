@@ -37,7 +37,11 @@ void advance_directly(const Plan& plan, double* tile, std::size_t columns, std::
         const typename Statistic::Base base{mean_of_part<count>(rows, plan.window)};
         typename Statistic::Part part{};
         for (std::size_t row = 0; row < plan.window; ++row) {
-          Statistic::append(plan, base, part, rows(row), row);
+          if constexpr (requires { part.add_near(Lanes{}, Lanes{}); }) {
+            part.add_near(rows(row).of[0], base.centre.of[0]);
+          } else {
+            Statistic::append(plan, base, part, rows(row), row);
+          }
         }
         value = Statistic::finish(plan, base, part, {}, newest, 0);
       }

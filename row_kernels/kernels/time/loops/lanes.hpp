@@ -116,14 +116,21 @@ struct LongLanes {
     value = sum;
   }
 
-  /// Adds the square of `number` plus what it lacks without rounding it, if all terms are such.
+  /// Adds the square of `number` without rounding it, if all terms are such.
+  void add_square(Lanes number) noexcept {
+    const Lanes upper = upper_half(number);
+    add_growing(upper * upper);
+    error += (number - upper) * (upper + number);
+  }
+
+  /// Adds the square of `number` plus what that lacks.
   void add_square(Lanes number, Lanes lacking) noexcept {
     const Lanes upper = upper_half(number);
     add_growing(upper * upper);
     error += ((number - upper) + lacking) * (upper + number);
   }
 
-  /// Less a smaller number, rounded once.
+  /// Less a number that is smaller or cancels little, rounded once.
   Lanes less(Lanes smaller) const noexcept {
     const Lanes difference = value - smaller;
     return difference + (((value - difference) - smaller) + error);

@@ -18,6 +18,13 @@ struct Spread {
     Lanes sum{};
     LongLanes squares{};
 
+    /// Takes deviations as they are rounded, which is enough for few rows and their own mean.
+    void add_near(Lanes value, Lanes centre) noexcept {
+      const Lanes deviation = value - centre;
+      sum += deviation;
+      squares.add_square(deviation);
+    }
+
     void add(Lanes value, Lanes centre) noexcept {
       const Lanes deviation = value - centre;
       sum += deviation;
