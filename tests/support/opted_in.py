@@ -44,7 +44,7 @@ def running(memory: dict[str, Any], *rows: np.ndarray) -> Any:
     check(rows)
     memory["count"] = memory.get("count", 0) + 1
     with np.errstate(all="ignore"):
-        result = total(memory, *rows) + 0.5 * np.asarray(memory.get("last", 0.0))
+        result = total(memory, *rows) + 0.5 * np.asarray(memory.get("last", 0.0), dtype=np.float64)
     memory["last"] = np.nan_to_num(result).tolist()
     return result
 
@@ -166,7 +166,7 @@ class PlainReduction(PlainFunction):
         return self.reduce(block, signal_pnl)
 
     def reduce(self, block: np.ndarray, signal_pnl: Any) -> Any:
-        row = running(self.memory, *block) + np.zeros(block.shape[1])
+        row = running(self.memory, *block) + np.zeros(block.shape[1], dtype=np.float64)
         return row if signal_pnl is None else row + total({}, *signal_pnl)
 
 
