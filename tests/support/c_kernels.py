@@ -73,7 +73,7 @@ class CFunction:
 
     def __call__(self, *rows: np.ndarray, context: Any = None) -> np.ndarray:
         """One row, by the same machine code."""
-        arguments = (Rows * len(rows))(*[(row.ctypes.data_as(Doubles), 0) for row in rows])
+        arguments = (Rows * len(rows))(*[Rows(row.ctypes.data_as(Doubles), 0) for row in rows])
         result, failure = np.empty(rows[0].shape, dtype=np.float64), Failure()
         status = self.structure.run(
             self.structure.state,

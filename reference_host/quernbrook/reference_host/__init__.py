@@ -3,6 +3,7 @@
 from quernbrook.reference_host.checkpoints import CheckpointError
 from quernbrook.reference_host.entries import FunctionEntry, Parameter
 from quernbrook.reference_host.registry import FunctionRegistry, default_registry
+from quernbrook.reference_host.row_kernel import row_kernel
 from quernbrook.reference_host.states import SavedState
 
 __all__ = [
@@ -12,4 +13,5 @@ __all__ = [
     "Parameter",
     "SavedState",
     "default_registry",
+    "row_kernel",
 ]
