@@ -60,6 +60,8 @@ class EvaluationContext:
     extraction_buffer: _Matrix | None
     features: Sequence[npt.NDArray[Any]]
     _skip_evaluation_shape_validation: bool
+    # Not there unless the host sets it: nothing changes the run's inputs while it goes on.
+    _reads_rows_ahead: bool
     _evaluation_lock: AbstractContextManager[Any]
 
     def __init__(
