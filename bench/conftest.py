@@ -10,7 +10,7 @@ import pytest
 
 from bench.report import BEYOND, Figure, beyond, by_workload
 
-PACKAGES = ["numpy", "bottleneck", "numbagg", "pandas", "polars", "scipy", "Cython"]
+PACKAGES = ["numpy", "bottleneck", "numbagg", "numexpr", "pandas", "polars", "scipy", "Cython"]
 FIGURES = pytest.StashKey[list[Figure]]()
 
 

@@ -66,6 +66,8 @@ class EvaluationContext(_Open):
     extraction_buffer: _Matrix | None
     features: Sequence[npt.NDArray[Any]]
     _skip_evaluation_shape_validation: bool
+    # Not there unless the host sets it: nothing changes the run's inputs while it goes on.
+    _reads_rows_ahead: bool
     _evaluation_lock: AbstractContextManager[Any]
     # Not there until a host sets them; what a run does without them stands behind each.
     _collect_node_outputs: bool  # True for runs with bound instances or precomputed outputs

@@ -60,6 +60,9 @@ class RecordWriter {
       set_dict_item(record_.state_keys, path(function), key.empty() ? path(function) : key);
     }
     Object record = new_dict();
+    // The features' names stand second, and are read last.
+    set_dict_item(record, names_.node_info, record_.node_info);
+    set_dict_item(record, names_.feature_ref_names, record_.feature_ref_names);
     for (const auto& [member, name] : Record::members) {
       set_dict_item(record, names_.*name, record_.*member);
     }

@@ -1,7 +1,11 @@
-"""The code on the pages of the documentation and in READMEs runs, and prints what they show."""
+"""The code on the pages of the documentation and in READMEs runs, and prints what they show.
+
+A block of C is a file, whose name its first line gives; Python below it finds the file.
+"""
 
 from __future__ import annotations
 
+import shutil
 import sys
 from collections.abc import Iterator
 from contextlib import redirect_stdout
@@ -30,7 +34,11 @@ class Page:
 
     def __init__(self, path: Path) -> None:
         self._printed = ""
-        parsers = [CodeBlockParser("python", self._run), CodeBlockParser("output", self._compare)]
+        parsers = [
+            CodeBlockParser("python", self._run),
+            CodeBlockParser("output", self._compare),
+            CodeBlockParser("c", self._write),
+        ]
         self.document: Document = Sybil(parsers).parse(path)
 
     def evaluate(self) -> None:
@@ -44,6 +52,12 @@ class Page:
         with redirect_stdout(printed):
             run_block(example)
         self._printed = printed.getvalue()
+
+    def _write(self, example: Example) -> None:
+        if shutil.which("cc") is None:
+            pytest.skip("no C compiler: install one as cc")
+        name = example.parsed.partition("\n")[0].strip("/* ")
+        Path(name).write_text(example.parsed)
 
     def _compare(self, example: Example) -> str | None:
         printed, self._printed = self._printed, ""
@@ -72,6 +86,8 @@ def test_there_are_pages() -> None:
         "docs/guide/host.md",
         "docs/guide/reductions.md",
         "docs/guide/registry.md",
+        "docs/guide/row_blocks.md",
+        "docs/guide/row_kernels.md",
         "docs/guide/running.md",
     }
 

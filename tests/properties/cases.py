@@ -99,6 +99,8 @@ class FunctionCase(Case):
     """Further attributes of the entry."""
     state: str = "count"
     window: int | None = 3
+    guise: str | None = None
+    """One of `support.opted_in` instead of a function that logs; the action is its step then."""
 
 
 @dataclass(frozen=True, repr=False)
@@ -175,4 +177,6 @@ class RunCase(Case):
     """Whether warnings are errors."""
     fault: FaultCase | None = None
     meddling: MeddlingCase | None = None
+    reads_ahead: bool = False
+    """Whether the host promises that nothing changes during a run."""
     calls: tuple[CallCase, ...] = (CallCase(),)

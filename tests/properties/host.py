@@ -24,6 +24,7 @@ from properties.meddling import DEEDS
 from properties.passing import PassedMatrix, PassedOutputs, PassedSignal
 from properties.services import REGISTRIES, LoggingStageData
 from quernbrook.simulator_engine._types import UsefulSignal
+from support.guise_runs import make_instance
 
 
 class Host:
@@ -36,7 +37,7 @@ class Host:
         self.are_stateful = True
         """Whether functions own up to being stateful."""
         self.has_meddled = False
-        self.instances: list[LoggingFunction] = []
+        self.instances: list[Any] = []
         self.context: Any = None
         self.bound: dict[str, Any] | None = None
         columns = case.shape[1]
@@ -103,6 +104,8 @@ class Host:
             context._collect_node_outputs = case.collect
         if case.collect_states is not None:
             context._collect_states = case.collect_states
+        if case.reads_ahead:
+            context._reads_rows_ahead = True
         return context
 
     def feature(self, matrix: np.ndarray) -> np.ndarray:
@@ -141,7 +144,12 @@ class Host:
             self.bound[path] = None
         return self.bound
 
-    def new_instance(self, name: str, case: FunctionCase, calls: int = 0) -> LoggingFunction:
-        instance = LoggingFunction(self, name, case, calls)
+    def new_instance(self, name: str, case: FunctionCase, calls: int = 0) -> Any:
+        instance: Any
+        if case.guise is None:
+            instance = LoggingFunction(self, name, case, calls)
+        else:
+            memory = {"count": calls} if calls else None
+            instance = make_instance(case.action, case.guise, memory, arity=case.arity)
         self.instances.append(instance)
         return instance

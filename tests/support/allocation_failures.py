@@ -21,6 +21,7 @@ from typing import Any
 import numpy as np
 import structlog
 from support.leak_roads import FAILING_ROADS, GOOD_ROADS, Run
+from support.strip_roads import FAILING_STRIP_ROADS, GOOD_STRIP_ROADS
 
 _testcapi: Any = importlib.import_module("_testcapi")
 
@@ -150,7 +151,7 @@ def main(module: str, *names: str) -> None:
     structlog.configure(wrapper_class=structlog.make_filtering_bound_logger(logging.CRITICAL))
     sys.unraisablehook = lambda *_: None
     evaluator = importlib.import_module(module)
-    roads = {**GOOD_ROADS, **FAILING_ROADS}
+    roads = {**GOOD_ROADS, **FAILING_ROADS, **GOOD_STRIP_ROADS, **FAILING_STRIP_ROADS}
     np.seterr(all="ignore")
     for name in names:
         print(json.dumps({"begun": name}), flush=True)

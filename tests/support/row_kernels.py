@@ -1,12 +1,11 @@
-"""Functions that offer kernels, written in Python behind the C structures of the contract.
+"""The C structures through which kernels are offered, for kernels that are written in Python.
 
-A kernel here is a ctypes callback: it takes the interpreter's lock again when it is called.
+Such a kernel is a ctypes callback: it takes the interpreter's lock again when it is called.
 """
 
 from __future__ import annotations
 
 import ctypes
-from collections.abc import Callable, Sequence
 from typing import Any
 
 import numpy as np
@@ -14,6 +13,15 @@ import numpy as np
 ROW_KERNEL = b"quernbrook.row_kernel.1"
 REDUCTION_KERNEL = b"quernbrook.reduction_kernel.1"
 STATELESS = 1
+KINDS = {
+    ValueError: 1,
+    TypeError: 2,
+    ZeroDivisionError: 3,
+    OverflowError: 4,
+    FloatingPointError: 5,
+    MemoryError: 6,
+    RuntimeError: 7,
+}
 
 Doubles = ctypes.POINTER(ctypes.c_double)
 
@@ -76,14 +84,6 @@ def capsule_of(structure: ctypes.Structure, name: bytes) -> Any:
     return _new_capsule(ctypes.addressof(structure), name, None)
 
 
-class KernelFailure(Exception):
-    """What a kernel below raises to tell of a failure."""
-
-    def __init__(self, row: int, kind: int, text: bytes) -> None:
-        super().__init__(row, kind, text)
-        self.row, self.kind, self.text = row, kind, text
-
-
 def block_at(rows: Rows, row_count: int, column_count: int) -> np.ndarray:
     """The rows of an argument as an array over their own memory."""
     address = ctypes.cast(rows.first, ctypes.c_void_p).value
@@ -91,103 +91,4 @@ def block_at(rows: Rows, row_count: int, column_count: int) -> np.ndarray:
     low = (address or 0) + min(rows.stride * (row_count - 1), 0) * 8
     memory = (ctypes.c_double * size).from_address(low)
     start = (address or 0) - low
-    return np.ndarray(
-        (row_count, column_count), np.float64, memory, start, (rows.stride * 8, 8)
-    )
-
-
-class KernelFunction:
-    """A function whose rows are computed by `compute(*rows)`, one row or several at once.
-
-    `calls` lists how the rows came: "call" for one by the instance, a number for a kernel's rows.
-    """
-
-    arity = 2
-    stateful = False
-    flags = STATELESS
-
-    def __init__(self, compute: Callable[..., np.ndarray]) -> None:
-        self.compute = compute
-        self.calls: list[Any] = []
-        self.structure = RowKernel(
-            ctypes.sizeof(RowKernel), self.flags, id(self), RunRows(self._run)
-        )
-
-    def __call__(self, *rows: np.ndarray, context: Any = None) -> np.ndarray:
-        self.calls.append("call")
-        return self.row(*rows)
-
-    def row(self, *rows: np.ndarray) -> np.ndarray:
-        return np.asarray(self.compute(*rows), dtype=np.float64)
-
-    def __quernbrook_row_kernel__(self) -> Any:
-        return capsule_of(self.structure, ROW_KERNEL)
-
-    def _run(
-        self,
-        state: int,
-        arguments: Sequence[Rows],
-        argument_count: int,
-        row_count: int,
-        column_count: int,
-        result: Any,
-        failure: Any,
-    ) -> int:
-        self.calls.append(row_count)
-        blocks = [
-            block_at(arguments[place], row_count, column_count) for place in range(argument_count)
-        ]
-        target = np.ctypeslib.as_array(result, (row_count, column_count))
-        for row in range(row_count):
-            try:
-                target[row] = self.row(*(block[row].copy() for block in blocks))
-            except KernelFailure as error:
-                failure[0].row = row if error.row is None else error.row
-                failure[0].kind = error.kind
-                failure[0].text = error.text
-                return 1
-        return 0
-
-
-class StatefulKernelFunction(KernelFunction):
-    """A running sum of its first argument, less a leak, as a kernel with a state."""
-
-    stateful = True
-    flags = 0
-
-    def __init__(self, leak: float = 0.5) -> None:
-        super().__init__(self._advance)
-        self.leak = leak
-        self.count = 0
-        self.total: Any = 0.0
-
-    def _advance(self, row: np.ndarray, *others: np.ndarray) -> np.ndarray:
-        self.count += 1
-        self.total = self.leak * self.total + np.nan_to_num(row)
-        return self.total.copy()
-
-    def get_state(self) -> dict[str, Any]:
-        return {"count": self.count, "total": np.asarray(self.total).tolist()}
-
-    def restore(self, state_data: dict[str, Any]) -> None:
-        self.count = state_data["count"]
-        self.total = np.asarray(state_data["total"])
-
-
-class BlockFunction:
-    """A function that takes blocks of rows in Python."""
-
-    arity = 2
-    stateful = False
-
-    def __init__(self, compute: Callable[..., np.ndarray]) -> None:
-        self.compute = compute
-        self.calls: list[Any] = []
-
-    def __call__(self, *rows: np.ndarray, context: Any = None) -> np.ndarray:
-        self.calls.append("call")
-        return np.asarray(self.compute(*rows), dtype=np.float64)
-
-    def __quernbrook_row_block__(self, *blocks: np.ndarray) -> np.ndarray:
-        self.calls.append(blocks[0].shape[0])
-        return np.asarray(self.compute(*blocks), dtype=np.float64)
+    return np.ndarray((row_count, column_count), np.float64, memory, start, (rows.stride * 8, 8))

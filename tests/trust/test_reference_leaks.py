@@ -19,6 +19,7 @@ from support.graphs import feature, number, rotation
 from support.leak_roads import FAILING_ROADS, GOOD_ROADS, Function
 from support.registries import RecordingRegistry, entry
 from support.runs import bind_all, counting_matrix, make_context
+from support.strip_roads import FAILING_STRIP_ROADS, GOOD_STRIP_ROADS
 
 pytestmark = pytest.mark.slow
 
@@ -78,7 +79,10 @@ def reachable(run: Callable[[], Any], evaluator: Any) -> list[Any]:
     return [*found.values(), *shared]
 
 
-ROADS = {**GOOD_ROADS, **FAILING_ROADS}
+FAILING = {**FAILING_ROADS, **FAILING_STRIP_ROADS}
+#: The plain evaluator calls what declines or lies like any other function.
+NATIVE_ALONE = {"an offer that is no capsule", "an offer that raises"}
+ROADS = {**GOOD_ROADS, **GOOD_STRIP_ROADS, **FAILING}
 
 
 def growth(run: Callable[[], Any], watched: list[Any]) -> list[tuple[str, int]]:
@@ -111,7 +115,10 @@ def lasting_growth(run: Callable[[], Any], watched: list[Any]) -> list[tuple[str
 @pytest.mark.parametrize("road", ROADS)
 def test_no_reference_is_lost_or_given_away(evaluator, road):
     run = ROADS[road](evaluator)
-    assert repeat(run, 10) == (10 if road in FAILING_ROADS else 0)
+    fails = road in FAILING and not (
+        road in NATIVE_ALONE and evaluator.__name__ == "reference_evaluator"
+    )
+    assert repeat(run, 10) == (10 if fails else 0)
     assert lasting_growth(run, reachable(run, evaluator)) == []
 
 

@@ -30,6 +30,7 @@ void DataNan::seed(const Run& run) {
     const Object tag = call_method(run.precomputed_nan_source, run.space.names.get, id);
     if (equal(tag, run.space.names.data_nan)) mark(index, from_the_start);
   }
+  columns_ = run.columns;
   tracks_ = !marked_.empty();
 }
 

@@ -33,7 +33,7 @@ class DataNan {
     for (const graph_prep::NodeIndex child : outputs_below(run, node)) {
       any_output = true;
       any_marked |= is_marked(child, row);
-      if (!is_all_nan(cells_of(child), run.columns)) return false;
+      if (!is_all_nan(cells_of(child), columns_)) return false;
     }
     if (!any_output || !any_marked) return false;
     mark(node, row);
@@ -54,6 +54,7 @@ class DataNan {
   std::vector<npy_intp> marked_from_;          // by node: the first row of its mark
   std::vector<graph_prep::NodeIndex> marked_;  // in the order of making
   std::vector<graph_prep::NodeIndex> outputs_below_;
+  npy_intp columns_ = 0;
   bool tracks_ = false;  // fixed once the seeds are laid
 };
 

@@ -26,10 +26,16 @@ namespace {
               run.table.path(run.space, node), "' offers a kernel that cannot be used: ", reason));
 }
 
+/// The method that opts in; empty where the type has none, or None to take back an inherited one.
+Object offer_of(PyObject* instance, PyObject* name) {
+  Object method = special_method(instance, name);
+  return method.is_none() ? Object{} : method;
+}
+
 /// The kernel that the method `name` of the instance's type hands out.
 template <class Structure>
 Kernel<Structure> ask(const Run& run, NodeIndex node, PyObject* name, const char* capsule_name) {
-  const Object method = special_method(run.table.nodes[node].instance, name);
+  const Object method = offer_of(run.table.nodes[node].instance, name);
   if (method.empty()) return {};
   Object capsule = call(method);
   if (capsule.is_none()) return {};
@@ -42,7 +48,7 @@ Kernel<Structure> ask(const Run& run, NodeIndex node, PyObject* name, const char
   if (offered == nullptr) {
     const char* other = python::capsule_name(capsule);
     refuse(run, node,
-           message("its capsule is named '", other == nullptr ? "" : other, "' and not '",
+           message("its capsule is named '", decoded(other == nullptr ? "" : other), "' and not '",
                    capsule_name, "'"));
   }
   if (offered->size < sizeof(Structure)) {
@@ -88,7 +94,7 @@ RowFunctions::RowFunctions(const Run& run) : functions_(run.table.nodes.size()) 
       function.kernel =
           ask<quernbrook_row_kernel>(run, index, names.row_kernel_, QUERNBROOK_ROW_KERNEL_CAPSULE);
       if (function.kernel.empty()) {
-        function.block = special_method(node.instance, names.row_block_);
+        function.block = offer_of(node.instance, names.row_block_);
       }
     }
     any_ |= !function.kernel.empty() || !function.reduction.empty() || !function.block.empty();

@@ -78,8 +78,7 @@ class RowLoop {
     npy_intp row = 0;
     while (row < run_.rows && strips.bind()) {
       const npy_intp count = std::min(plan.rows_at_once(), run_.rows - row);
-      check_signals();
-      turns_.offer();
+      begin_row(row);
       strips.compute(row, count);
       if (plan.is_whole()) {
         set_day(strips.has_failed() ? strips.failed_row() : row + count - 1);

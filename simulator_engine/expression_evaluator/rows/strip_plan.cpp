@@ -119,6 +119,8 @@ void StripPlan::add(const Run& run, const RowFunctions& functions, RotationStep&
     if (function.kernel.empty() && function.block.empty()) return;
     step.kind = function.kernel.empty() ? StripStep::Kind::block : StripStep::Kind::kernel;
     const std::vector<NodeIndex> sources = rotations.argument_sources(index);
+    // Without arguments, the method couldn't tell how many rows are wanted.
+    if (step.kind == StripStep::Kind::block && sources.empty()) return;
     step.first_source = static_cast<std::uint32_t>(sources_.size());
     step.source_count = static_cast<std::uint32_t>(sources.size());
     sources_.insert(sources_.end(), sources.begin(), sources.end());

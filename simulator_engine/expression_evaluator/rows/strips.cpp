@@ -38,10 +38,13 @@ Strips::Strips(Run& run, const Registers& registers, RotationStep& rotations,
       rotations_(rotations),
       functions_(functions),
       plan_(plan),
-      buffers_(plan.buffer_count() * static_cast<std::size_t>(plan.rows_at_once() * run.columns)),
       rows_(run.table.nodes.size()),
       leaves_(run.table.nodes.size()) {
   const auto columns = static_cast<std::size_t>(run.columns);
+  // Without columns, too, kernels get pointers that are not null.
+  buffers_.resize(plan.buffer_count() * static_cast<std::size_t>(plan.rows_at_once()) * columns +
+                  1);
+  constants_.reserve(1);
   for (const StripStep& step : plan.steps()) {
     if (step.kind == Kind::constant) constants_.insert(constants_.end(), columns, step.constant);
   }
@@ -232,6 +235,7 @@ void Strips::run_rows(const StripStep& step, npy_intp& count, double* target) {
       arguments.push_back(empty_vector(run_.columns));
       std::copy_n(row_of(source, row), run_.columns, doubles(arguments.back()));
     }
+    set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
     bool is_done = false;
     remember(step, row, [&] {
       const Object result = rotations_.call_with(step.node, arguments);
