@@ -1,5 +1,6 @@
 #include <initializer_list>
 
+#include "expression_evaluator/context.hpp"
 #include "expression_evaluator/evaluate.hpp"
 #include "expression_evaluator/function_state.hpp"
 #include "expression_evaluator/result.hpp"
@@ -19,15 +20,13 @@
 #include "host/universe.hpp"
 #include "python/containers.hpp"
 #include "python/module.hpp"
-#include "python/numpy_api.hpp"
 #include "python/numbers.hpp"
+#include "python/numpy_api.hpp"
 #include "python/protocol.hpp"
 #include "python/text.hpp"
 #include "stages/stage_data.hpp"
 #include "stages/stage_options.hpp"
 #include "stages/transform_merge.hpp"
-
-#include "expression_evaluator/context.hpp"
 
 // The module's surface, and its life.
 namespace quernbrook {
