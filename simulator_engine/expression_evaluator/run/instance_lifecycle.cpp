@@ -28,8 +28,8 @@ bool is_stateful(const Run& run, const Node& node) {
   const Object log = attribute(run.space.global(names._logger), names.error);
   const Object id = identity(node.instance);
   call_named(log, run.space.state_failure_keywords,
-             as_text("expression_evaluator.get_state_failed"), id,
-             run.table.path(run.space, index), node.value);
+             as_text("expression_evaluator.get_state_failed"), id, run.table.path(run.space, index),
+             node.value);
   error.raise_again();
 }
 
