@@ -1,5 +1,6 @@
 #include <initializer_list>
 
+#include "expression_evaluator/context.hpp"
 #include "expression_evaluator/evaluate.hpp"
 #include "expression_evaluator/function_state.hpp"
 #include "expression_evaluator/result.hpp"
@@ -26,8 +27,6 @@
 #include "stages/stage_data.hpp"
 #include "stages/stage_options.hpp"
 #include "stages/transform_merge.hpp"
-
-#include "expression_evaluator/context.hpp"
 
 // The module's surface, and its life.
 namespace quernbrook {

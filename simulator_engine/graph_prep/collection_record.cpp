@@ -17,7 +17,7 @@ using host::Names;
 
 namespace {
 
-/// The dictionaries of a record.
+/// The dictionaries of a record, its members in the order in which they stand there.
 struct Record {
   struct Member {
     Object Record::* table;
@@ -26,20 +26,20 @@ struct Record {
   static const std::initializer_list<Member> members;
 
   Object node_info;
+  Object feature_ref_names;
   Object float_values;
   Object state_keys;
   Object filtration_nodes;
   Object reduction_nodes;
-  Object feature_ref_names;
 };
 
 const std::initializer_list<Record::Member> Record::members{
     {&Record::node_info, &Names::node_info},
+    {&Record::feature_ref_names, &Names::feature_ref_names},
     {&Record::float_values, &Names::float_values},
     {&Record::state_keys, &Names::state_keys},
     {&Record::filtration_nodes, &Names::filtration_nodes},
     {&Record::reduction_nodes, &Names::reduction_nodes},
-    {&Record::feature_ref_names, &Names::feature_ref_names},
 };
 
 class RecordWriter {
@@ -148,7 +148,11 @@ class RecordReader {
  public:
   RecordReader(const Namespace& space, PyObject* record, const CollectionInputs& inputs)
       : space_(space), names_(space.names), inputs_(inputs), indices_(0) {
-    for (const auto& [member, name] : Record::members) record_.*member = item(record, names_.*name);
+    // The features' names are asked for last.
+    for (const auto& [member, name] : Record::members) {
+      if (member != &Record::feature_ref_names) record_.*member = item(record, names_.*name);
+    }
+    record_.feature_ref_names = item(record, names_.feature_ref_names);
   }
 
   NodeTable read() {

@@ -460,3 +460,14 @@ def test_a_table_that_tells_too_small_a_length(evaluator: ModuleType) -> None:
     record["node_info"] = Table(record["node_info"])
     result = evaluator.evaluate(graph, context, bound_function_instances=bound)
     same_bits(result.weights, np.ones((3, 2)))
+
+
+def test_the_order_of_the_tables(evaluator: ModuleType) -> None:
+    assert list(recorded(evaluator, nested())) == [
+        "node_info",
+        "feature_ref_names",
+        "float_values",
+        "state_keys",
+        "filtration_nodes",
+        "reduction_nodes",
+    ]
