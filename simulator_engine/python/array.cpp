@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "python/array_memory.hpp"
@@ -99,7 +100,7 @@ Object over_kept_block(npy_intp rows, npy_intp columns) {
 
 Object zeros(npy_intp rows, npy_intp columns) {
   if (Object array = over_kept_block(rows, columns); !array.empty()) {
-    std::fill_n(doubles(array), rows * columns, 0.0);
+    std::memset(doubles(array), 0, static_cast<std::size_t>(rows * columns) * sizeof(double));
     return array;
   }
   npy_intp shape[] = {rows, columns};
