@@ -40,7 +40,7 @@ def test_a_share_may_be_listed_later(tmp_path: Path) -> None:
 
 def test_a_gzipped_file_is_read(tmp_path: Path) -> None:
     path = tmp_path / "prices.csv.gz"
-    path.write_bytes(gzip.compress((HEADER + FIRST).encode()))
+    path.write_bytes(gzip.compress((HEADER + FIRST).encode(), mtime=0))
     assert prices.load(path).values.tolist() == [[1.5, 2.0]]
 
 
@@ -86,7 +86,7 @@ def test_a_faulty_file_is_told_in_one_sentence(tmp_path: Path, text: str, fault:
 @pytest.mark.parametrize(
     ("name", "content"),
     [
-        ("cut.csv.gz", gzip.compress((HEADER + FIRST).encode())[:-12]),
+        ("cut.csv.gz", gzip.compress((HEADER + FIRST).encode(), mtime=0)[:-12]),
         ("plain.csv.gz", (HEADER + FIRST).encode()),
         ("bytes.csv", b"Date,AA,BB\n\xff\xfe\n"),
     ],
