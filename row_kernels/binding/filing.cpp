@@ -75,10 +75,11 @@ class RowFiling {
 }  // namespace
 
 void define_filing(nb::module_& module) {
-  nb::class_<RowFiling>(module, "RowFiling",
-                        "Copies the rows of its last argument into a matrix and hands them on.\n\n"
-                        "`target` is a C-ordered, writable float64 array of shape (T, N_alloc); the "
-                        "first row of\nthe run goes into its first. An instance serves one run.")
+  nb::class_<RowFiling>(
+      module, "RowFiling",
+      "Copies the rows of its last argument into a matrix and hands them on.\n\n"
+      "`target` is a C-ordered, writable float64 array of shape (T, N_alloc); the "
+      "first row of\nthe run goes into its first. An instance serves one run.")
       .def(nb::init<nb::object>(), nb::arg("target"))
       .def(
           "__call__",

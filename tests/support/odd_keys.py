@@ -40,7 +40,8 @@ def odd_class(base: type, name: str, act: Callable[[], Any]) -> type:
         act()
         clear_type_cache()
 
-    return type(base.__name__, (base,), {OddKey(name, forget_and_act): None})
+    members: dict[Any, Any] = {OddKey(name, forget_and_act): None}
+    return type(base.__name__, (base,), members)
 
 
 def clear_type_cache() -> None:

@@ -127,7 +127,7 @@ def merge_transforms(
         return graph
     signal = copy.deepcopy(graph)
     for path, node in functions_by_path(signal).items():
-        node._state_identity = path  # type: ignore[attr-defined]
+        node._state_identity = path
     return combine_signal_and_transforms(
         signal, context.transform_pipeline, context.metaparameters, registry, context
     )

@@ -31,8 +31,9 @@ extern "C" {
 #define QUERNBROOK_ROW_KERNEL_CAPSULE "quernbrook.row_kernel.1"
 #define QUERNBROOK_REDUCTION_KERNEL_CAPSULE "quernbrook.reduction_kernel.1"
 
-/* Rows of an argument: row r is the `column_count` doubles from `first + r * stride` on. A stride of
- * 0 means one row that serves all, as a literal's does. Strides are in doubles and may be negative.
+/* Rows of an argument: row r is the `column_count` doubles from `first + r * stride` on. A stride
+ * of 0 means one row that serves all, as a literal's does. Strides are in doubles and may be
+ * negative.
  */
 typedef struct {
   const double* first;
@@ -60,8 +61,8 @@ typedef struct {
 /* Results of a row depend on the arguments of that row alone: the kernel keeps no state. */
 #define QUERNBROOK_STATELESS UINT64_C(1)
 
-/* What fresh instances compute depends on their function's name, configuration and rows alone: where
- * a graph has two with equal ones, the evaluator may have one instance stand for both. */
+/* What fresh instances compute depends on their function's name, configuration and rows alone:
+ * where a graph has two with equal ones, the evaluator may have one instance stand for both. */
 #define QUERNBROOK_SHAREABLE UINT64_C(2)
 
 /* A rotation.
@@ -82,9 +83,9 @@ typedef struct {
 
 /* A stateful reduction.
  *
- * `run` makes one row of `column_count` doubles from the weights of the passing signals, a C-ordered
- * block of shape (signal_count, column_count), and their PnL in the row, `signal_count` doubles, or
- * null where the run has none. The result overlaps neither.
+ * `run` makes one row of `column_count` doubles from the weights of the passing signals, a
+ * C-ordered block of shape (signal_count, column_count), and their PnL in the row, `signal_count`
+ * doubles, or null where the run has none. The result overlaps neither.
  */
 typedef struct {
   size_t size;

@@ -8,6 +8,7 @@ result is made.
 from __future__ import annotations
 
 from collections.abc import Iterator, Mapping
+from copy import copy
 from dataclasses import dataclass
 from typing import Any, TypeVar
 
@@ -61,7 +62,7 @@ def _evaluate_chain(
     filed = {key: np.zeros(shape) for key in graphs}
     try:
         joint = evaluate(_chain(graphs), _with_filing(context, filed.values()))
-    except Exception:
+    except Exception:  # noqa: BLE001 - by itself, the graph at fault tells its own
         return _one_by_one(graphs, context)
     states = dict(_states_by_graph(joint.states, len(graphs)))
     return {
@@ -113,17 +114,13 @@ class _FilingRegistry:
 
 def _with_filing(context: EvaluationContext, matrices: Any) -> EvaluationContext:
     """A context with the same inputs, so that nothing of the joint run is left on the caller's."""
-    joint = EvaluationContext.__new__(EvaluationContext)
-    joint.__dict__.update(context.__dict__)
+    joint = copy(context)
     filings = {f"{_FILING}_{place}": RowFiling(matrix) for place, matrix in enumerate(matrices)}
     joint.registry = _FilingRegistry(context.registry, filings)
-    joint._evaluation_lock = None
     return joint
 
 
-def _states_by_graph(
-    states: Mapping[str, Any], count: int
-) -> Iterator[tuple[int, dict[str, Any]]]:
+def _states_by_graph(states: Mapping[str, Any], count: int) -> Iterator[tuple[int, dict[str, Any]]]:
     """The states of each graph under the keys that they have when it runs by itself."""
     # The last graph hangs on the root, the one before it a step further down, and so on.
     for place in range(count):
@@ -142,5 +139,6 @@ def _states_by_graph(
 def _blank_warmup(
     weights: NDArray[np.float64], graph: Node, context: EvaluationContext
 ) -> NDArray[np.float64]:
-    weights[: warmup_rows(graph, context.registry)] = np.nan
+    if context.registry is not None:
+        weights[: warmup_rows(graph, context.registry)] = np.nan
     return weights
