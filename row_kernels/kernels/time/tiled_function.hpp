@@ -36,7 +36,7 @@ class TiledFunction final : public WindowFunction {
 
  private:
   // The rows that one tile is led through before the next has its turn.
-  static constexpr std::ptrdiff_t strip_rows = 32;
+  static constexpr std::ptrdiff_t strip_rows = 64;
   static constexpr std::size_t most_arguments = 2;
 
   std::size_t place() const noexcept { return static_cast<std::size_t>(count_) % plan_.window; }
