@@ -1,5 +1,6 @@
 #include "python/class_statement.hpp"
 
+#include "python/arguments.hpp"
 #include "python/call.hpp"
 #include "python/containers.hpp"
 #include "python/protocol.hpp"
