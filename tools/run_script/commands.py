@@ -67,7 +67,7 @@ def doctest_is_there() -> bool:
 def bench(arguments: Sequence[str]) -> int:
     others, revision = split_comparison(arguments)
     commit = commit_of(revision) if revision else ""
-    prepare(["build", "test", "bench"])
+    prepare(["build", "test", "bench", "workbench"])
     variables = {}
     if revision:
         file = build_revision(commit)
