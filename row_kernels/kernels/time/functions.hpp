@@ -12,8 +12,14 @@ namespace quernbrook::row_kernels {
 /// std::invalid_argument for a window below 1.
 ///
 /// Sums are in twice the working precision, deviations are measured from a centre near the mean,
-/// and nothing is ever subtracted that has left the window: values are within 4 units in the last
-/// place of the exact ones, or of what they are made of where that cancels, whatever came before.
+/// and nothing is ever subtracted that has left the window. Values are within 4 units in the last
+/// place of the exact ones, or of what they are made of where that cancels, whatever came before; a
+/// correlation near 1 within 6. Infinities follow IEEE arithmetic. Powers of deviations that leave
+/// the range of doubles give NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77.
+///
+/// A row costs the same whatever the window is, but for rank and quantile. In every 2 sqrt(window)
+/// rows, of long windows, one does the work that is left for as many; a call of one row then takes
+/// up to 20 times as long. They hold the window's rows and about 4 sqrt(window) aggregates.
 
 /// Whether the divisor of squared deviations is the number of rows, or one less.
 enum class Of { population, sample };
