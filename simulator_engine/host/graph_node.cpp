@@ -104,7 +104,10 @@ Object NodeReader::require(PyObject* node, PyObject* key, const NodePath& path) 
 }
 
 Object NodeReader::optional_field(PyObject* node, PyObject* key) {
-  if (is_plain(node) && find_on_type(type_of(node), key).empty()) return own_attribute(node, key);
+  if (is_plain(node) && find_on_type(type_of(node), key).empty()) {
+    Object value = own_attribute(node, key);
+    if (!value.empty()) return value;
+  }
   foreign_code_ran();
   return host::optional_field(space_, node, key);
 }
