@@ -22,6 +22,8 @@ from support.kernel_calls import (
 VALUE_ERROR, TYPE_ERROR, RUNTIME_ERROR = 1, 2, 7
 STATELESS = 1
 
+SHAREABLE = 2  # fresh instances of one configuration compute the same
+
 
 def make(name: str) -> Any:
     kind = row_kernels.FUNCTIONS[name]
@@ -39,7 +41,9 @@ def test_structures(name: str) -> None:
         call, size = ReductionCall(instance), ctypes.sizeof(ReductionKernel)
         assert not hasattr(instance, "__quernbrook_row_kernel__")
     assert call.kernel.size == size
-    assert call.kernel.flags == (0 if instance.stateful else STATELESS)
+    flags = 0 if instance.stateful else STATELESS
+    # Reductions stand for themselves alone.
+    assert call.kernel.flags == flags | (SHAREABLE if hasattr(instance, "arity") else 0)
 
 
 def test_a_capsule_keeps_its_instance() -> None:
