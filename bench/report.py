@@ -32,6 +32,8 @@ TITLES = {
     "bench_rank": "Rank",
     "bench_rolling": "Rolling statistics",
     "bench_row_functions": "Functions in machine code",
+    "bench_strips": "Strips of rows",
+    "bench_alphas": "The published formulas",
     "bench_large_graphs": "From the call to the first row",
     "bench_pickling": "Pickling a context",
 }

@@ -82,7 +82,8 @@ def host_wheel(folder: Path, files: dict[str, str]) -> Path:
 def test_the_wheel_holds_the_module_and_a_folder_of_its_own(wheel: Path) -> None:
     with ZipFile(wheel) as archive:
         names = {name for name in archive.namelist() if ".dist-info/" not in name}
-    own = {f"{ENGINE}/expression_evaluator/{name}" for name in ("__init__.pyi", "py.typed")}
+    files = ("__init__.pyi", "py.typed", "include/quernbrook/row_kernel.h")
+    own = {f"{ENGINE}/expression_evaluator/{name}" for name in files}
     (module,) = names - own
     assert re.fullmatch(rf"{ENGINE}/expression_evaluator\.[^/]*so", module)
     assert names > own
