@@ -76,7 +76,9 @@ class RowLoop {
     if (!may_read_ahead) return 0;
     Strips strips(run_, registers_, rotations_, functions_, plan);
     npy_intp row = 0;
-    while (row < run_.rows && strips.bind()) {
+    // What other threads replace meanwhile is not looked at where nodes were joined.
+    const auto is_bound = [&] { return (row > 0 && plan.has_joined()) || strips.bind(); };
+    while (row < run_.rows && is_bound()) {
       const npy_intp count = std::min(plan.rows_at_once(), run_.rows - row);
       begin_row(row);
       strips.compute(row, count);

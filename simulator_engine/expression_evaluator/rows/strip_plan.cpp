@@ -142,6 +142,7 @@ void StripPlan::join_equal(Run& run, const RowFunctions& functions) {
     const NodeIndex first = equal_nodes.find(step, sources);
     computed_as_[step.node] = first;
     if (first == step.node) return false;
+    has_joined_ = true;
     // Whoever asks for the state of either asks the one that was run.
     run.table.nodes[step.node].instance = run.table.nodes[first].instance;
     return true;

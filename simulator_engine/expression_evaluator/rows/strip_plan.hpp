@@ -48,6 +48,8 @@ class StripPlan {
   }
   /// The node whose rows are this one's, too: itself unless an equal one stands before it.
   graph_prep::NodeIndex computed_as(graph_prep::NodeIndex node) const { return computed_as_[node]; }
+  /// True where one node's instance has stood for another's: the run can't go on row by row then.
+  bool has_joined() const noexcept { return has_joined_; }
   /// The nodes whose rows others than strips read: their parents are no part of any.
   std::span<const graph_prep::NodeIndex> tops() const noexcept { return tops_; }
   /// True where every node of the run is part of the strips.
@@ -75,6 +77,7 @@ class StripPlan {
   npy_intp rows_at_once_ = 1;
   bool has_universe_ = false;
   bool is_whole_ = false;
+  bool has_joined_ = false;
 };
 
 }  // namespace quernbrook::evaluation
