@@ -155,6 +155,16 @@ def repeat(started):
         started.set()
 
 
+# CPython 3.10 and 3.11 crash, with any thread, where one that waits for the interpreter's lock is
+# not scheduled again before the interpreter's memory is freed: all get the time to leave.
+class LastMoment:
+    def __del__(self, sleep=time.sleep):
+        sleep(0.1)
+
+
+last_moment = LastMoment()
+
+
 # Every container that is made may set off the collector, and with it code of the host's.
 gc.callbacks.append(collected)
 gc.set_threshold(3, 1, 10**6)  # the old generation aside
