@@ -1,0 +1,117 @@
+"""GRAPH: a formula, or the path of a file with one or with a JSON graph."""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+from collections.abc import Iterable
+from pathlib import Path
+from typing import TYPE_CHECKING, Annotated, Any
+
+import typer
+from quernbrook.workbench.command_line.failures import InputError
+from quernbrook.workbench.names import suggestion
+
+if TYPE_CHECKING:
+    from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+
+GraphArgument = Annotated[
+    str,
+    typer.Argument(
+        metavar="GRAPH",
+        show_default=False,
+        help="A formula, such as 'rank(delta(close, 5))', or the path of a file: of a JSON graph "
+        "if it ends in .json, of a formula otherwise. A name alone, such as 'close', is a formula. "
+        "Anything else is a path if there is such a file, or if it ends in .json or .txt.",
+    ),
+]
+
+_PATH_SUFFIXES = (".json", ".txt")
+_NAME = re.compile(r"\w+")
+_PATH_LIKE = re.compile(r"[^\s()]*[./][^\s()]*")
+_OPTION_LIKE = re.compile(r"--[a-z][a-z-]*(=.*)?")
+
+
+def read_graph(text: str, features: Iterable[str] | None = None) -> Node:
+    """Return the graph that a GRAPH argument names.
+
+    features: the names that features may have; None allows any name.
+
+    Raises InputError, or an error of the formula or document, for what is no graph and for names
+    of functions and features that nobody knows.
+    """
+    known = None if features is None else tuple(features)
+    graph = _from_file(Path(text), known) if _is_path(text) else _from_argument(text, known)
+    _require_known_names(graph, known)
+    return graph
+
+
+def _is_path(text: str) -> bool:
+    if _NAME.fullmatch(text):
+        return False
+    # A pipe is a file, too. Unlike Path.exists, this takes texts that no path could have.
+    return text.endswith(_PATH_SUFFIXES) or (os.path.exists(text) and not os.path.isdir(text))
+
+
+def _from_argument(text: str, features: tuple[str, ...] | None) -> Node:
+    from quernbrook.workbench.formulas import FormulaError, parse_formula
+
+    if _OPTION_LIKE.fullmatch(text):
+        raise InputError(f"there is no option {text}: see --help")
+    try:
+        return parse_formula(text, features=features)
+    except FormulaError as error:
+        if not _PATH_LIKE.fullmatch(text):
+            raise
+        raise InputError(f"{text} is no file, and no formula either: {error}") from None
+
+
+def _from_file(path: Path, features: tuple[str, ...] | None) -> Node:
+    from quernbrook.workbench.formulas import FormulaError, parse_formula
+    from quernbrook.workbench.graph_json import GraphJsonError, graph_from_json
+
+    text = _contents(path)
+    try:
+        if path.suffix == ".json":
+            return graph_from_json(_document(path, text), features=features)
+        return parse_formula(text.rstrip(), features=features)
+    except (FormulaError, GraphJsonError) as error:
+        raise InputError(f"{path}: {error}") from None
+    except RecursionError:
+        raise InputError(f"{path}: the graph nests too deeply for JSON") from None
+
+
+def _contents(path: Path) -> str:
+    try:
+        return path.read_text("utf-8-sig")
+    except FileNotFoundError:
+        near = suggestion(path.name, os.listdir(path.parent) if path.parent.is_dir() else ())
+        raise InputError(f"there is no file {path}{near}") from None
+    except OSError as error:
+        raise InputError(f"{path} can't be read: {error.strerror}") from None
+    except UnicodeDecodeError:
+        raise InputError(f"{path} is no text in UTF-8") from None
+
+
+def _document(path: Path, text: str) -> Any:
+    try:
+        return json.loads(text)
+    except ValueError as error:
+        raise InputError(f"{path} is no JSON: {error}") from None
+
+
+def _require_known_names(graph: Node, features: tuple[str, ...] | None) -> None:
+    """Forms such as feature("x") and rotation("f", x) are read with any name."""
+    from quernbrook.workbench.formulas.reader import library
+    from quernbrook.workbench.graphs import FUNCTIONS, LEAVES, children_first, path_of
+
+    functions = library()
+    for visit in children_first(graph):
+        node, path = visit.node, path_of(visit.place)
+        if node.type in FUNCTIONS and not functions.has(node.node):
+            near = suggestion(node.node, functions.names())
+            raise InputError(f"{path}: unknown function '{node.node}'{near}")
+        if node.type in LEAVES and features is not None and node.node not in features:
+            near = suggestion(node.node, features)
+            raise InputError(f"{path}: unknown feature '{node.node}'{near}")
