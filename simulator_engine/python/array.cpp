@@ -8,6 +8,7 @@
 #include "python/array_memory.hpp"
 #include "python/containers.hpp"
 #include "python/numbers.hpp"
+#include "python/protocol.hpp"
 
 namespace quernbrook::python {
 
@@ -23,6 +24,13 @@ bool is_double_array(PyObject* object) {
   if (!PyArray_CheckExact(object)) return false;
   PyArrayObject* array = as_array(object);
   return PyArray_TYPE(array) == NPY_DOUBLE && PyArray_ISBEHAVED_RO(array);
+}
+
+bool is_number_matrix(PyObject* object) {
+  if (!is_plain_matrix(object)) return false;
+  const int type = PyArray_TYPE(as_array(object));
+  return PyTypeNum_ISBOOL(type) || PyTypeNum_ISINTEGER(type) || type == NPY_HALF ||
+         type == NPY_FLOAT || type == NPY_DOUBLE;
 }
 
 bool is_writeable_block(PyObject* object, npy_intp columns) {
@@ -163,6 +171,13 @@ Object first_rows_view(PyObject* matrix, npy_intp count) {
   PyArrayObject* array = as_array(matrix);
   npy_intp shape[] = {std::min(count, PyArray_DIM(array, 0)), PyArray_DIM(array, 1)};
   return view(matrix, 2, shape, PyArray_STRIDES(array), PyArray_DATA(array));
+}
+
+void copy_rows(PyObject* matrix, npy_intp first, npy_intp count, double* target) {
+  npy_intp shape[] = {count, dimension(matrix, 1)};
+  const Object cells = Object::steal(calling_python(
+      [&] { return PyArray_SimpleNewFromData(2, shape, NPY_DOUBLE, target); }));
+  assign(cells, item(matrix, slice(integer(first), integer(first + count))));
 }
 
 bool is_within_base(PyObject* view) {

@@ -56,6 +56,9 @@ inline bool is_plain_array_of_rows(PyObject* object, npy_intp rows) {
   return PyArray_CheckExact(object) && dimensions(object) >= 1 && dimension(object, 0) == rows;
 }
 
+/// An ndarray proper with two dimensions of numbers that NumPy makes doubles of without a word.
+bool is_number_matrix(PyObject* object);
+
 /// A float64 array as is_double_array() wants it: itself, or a copy where it is odd in any way.
 Object aligned(const Object& array);
 
@@ -74,6 +77,8 @@ Object byte_ones(npy_intp rows, npy_intp columns);
 Object row_view(PyObject* matrix, npy_intp row);
 /// `matrix[:count]`, a view, of a C-ordered matrix of doubles.
 Object first_rows_view(PyObject* matrix, npy_intp count);
+/// Rows of an is_number_matrix() as doubles, from `first` on, into C-ordered cells.
+void copy_rows(PyObject* matrix, npy_intp first, npy_intp count, double* target);
 
 /// False for a view that lies, wholly or in part, outside the memory of the array behind it, which
 /// was resized since.

@@ -45,6 +45,10 @@ Object tuple_of(const Items&... items) {
 inline Object tuple_of_list(PyObject* list) {
   return Object::steal(calling_python([&] { return PyList_AsTuple(list); }));
 }
+/// `tuple(sequence)` of an exact list or tuple.
+inline Object tuple_of_sequence(PyObject* sequence) {
+  return Object::steal(calling_python([&] { return PySequence_Tuple(sequence); }));
+}
 
 /// `argument`, or a new container in the place of None.
 inline Object or_new_dict(PyObject* argument) {

@@ -6,6 +6,16 @@
 
 namespace quernbrook::python {
 
+namespace {
+
+/// Where an object whose type says so keeps its dictionary, if it has one yet.
+PyObject** dictionary_of(PyObject* object) {
+  return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(object) +
+                                      Py_TYPE(object)->tp_dictoffset);
+}
+
+}  // namespace
+
 bool has_string_keys(PyObject* dict) {
 #if PY_VERSION_HEX < 0x030B0000
   // A table shared by the instances of a class has no other keys.
@@ -68,12 +78,24 @@ Object plain_attribute(PyObject* object, PyObject* name) {
   return own_attribute(object, name);
 }
 
+Object plain_or_class_attribute(PyObject* object, PyObject* name) {
+  PyTypeObject* type = Py_TYPE(object);
+  if (type->tp_dictoffset < 0 || !has_plain_attribute(type, name)) return {};
+  if (type->tp_dictoffset > 0) {
+    const Object attributes = Object::borrow(*dictionary_of(object));
+    if (!attributes.empty()) {
+      if (!has_string_keys(attributes)) return {};
+      Object own = dict_item(attributes, name);
+      if (!own.empty()) return own;
+    }
+  }
+  return find_on_type(type, name);
+}
+
 Object own_attribute(PyObject* object, PyObject* name) {
   // Foreign code may have given it another class since.
-  const Py_ssize_t offset = Py_TYPE(object)->tp_dictoffset;
-  if (offset <= 0) return {};
-  const Object attributes =
-      Object::borrow(*reinterpret_cast<PyObject**>(reinterpret_cast<char*>(object) + offset));
+  if (Py_TYPE(object)->tp_dictoffset <= 0) return {};
+  const Object attributes = Object::borrow(*dictionary_of(object));
   if (attributes.empty() || !has_string_keys(attributes)) return {};
   return dict_item(attributes, name);
 }

@@ -46,5 +46,7 @@ Object plain_attribute(PyObject* object, PyObject* name);
 
 /// The same where the class is known to be one of that kind.
 Object own_attribute(PyObject* object, PyObject* name);
+/// plain_attribute(), or where the object has none of its own, the entry of its class.
+Object plain_or_class_attribute(PyObject* object, PyObject* name);
 
 }  // namespace quernbrook::python

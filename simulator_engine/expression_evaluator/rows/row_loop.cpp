@@ -40,13 +40,14 @@ class RowLoop {
         rotations_(run, registers_, functions_) {}
 
   void run_all() {
-    npy_intp row = functions_.any() && is_plain_context() ? run_strips() : 0;
-    first_single_row_ = row;
-    for (; row < run_.rows; ++row) {
-      begin_row(row);
-      for (const NodeIndex node : run_.order) run_node(node, row);
-      copy_outputs(row, [](NodeIndex) { return true; });
+    npy_intp row = 0;
+    if (functions_.any() && is_plain_context()) {
+      // It resolves the filters.
+      if (has_filters() && run_.rows > 0) run_row(row++);
+      row = run_strips(row);
     }
+    first_single_row_ = row;
+    for (; row < run_.rows; ++row) run_row(row);
   }
 
  private:
@@ -54,6 +55,11 @@ class RowLoop {
   bool is_plain_context() const {
     return has_plain_item(run_.context, run_.space.names.current_day_index) &&
            has_plain_attribute(type_of(run_.context), run_.space.names.universe);
+  }
+
+  bool has_filters() const {
+    return std::ranges::any_of(
+        run_.table.nodes, [](const Node& node) { return node.kind == NodeKind::filtration; });
   }
 
   void set_day(npy_intp row) {
@@ -66,18 +72,29 @@ class RowLoop {
     set_day(row);
   }
 
-  /// Runs as many rows as can go in strips; the next row.
-  npy_intp run_strips() {
+  void run_row(npy_intp row) {
+    begin_row(row);
+    for (const NodeIndex node : run_.order) run_node(node, row);
+    copy_outputs(row, [](NodeIndex) { return true; });
+  }
+
+  /// The host's promise that nothing changes while a run reads rows ahead of others.
+  bool may_read_ahead() const {
+    return truth(attribute_or(run_.context, run_.space.names._reads_rows_ahead, Py_False));
+  }
+
+  /// Runs as many rows from `row` on as can go in strips; the next row.
+  npy_intp run_strips(npy_intp row) {
+    if (row == run_.rows) return row;
+    const bool may_be_whole = StripPlan::may_be_whole(run_, functions_);
+    if (!may_be_whole && !may_read_ahead()) return row;
     const StripPlan plan(run_, functions_, rotations_);
-    if (plan.steps().empty()) return 0;
-    const host::Names& names = run_.space.names;
-    const bool may_read_ahead =
-        plan.is_whole() || truth(attribute_or(run_.context, names._reads_rows_ahead, Py_False));
-    if (!may_read_ahead) return 0;
+    if (plan.steps().empty()) return row;
+    if (may_be_whole && !plan.is_whole() && !may_read_ahead()) return row;
     Strips strips(run_, registers_, rotations_, functions_, plan);
-    npy_intp row = 0;
     // What other threads replace meanwhile is not looked at where nodes were joined.
-    const auto is_bound = [&] { return (row > 0 && plan.has_joined()) || strips.bind(); };
+    const npy_intp first = row;
+    const auto is_bound = [&] { return (row > first && plan.has_joined()) || strips.bind(); };
     while (row < run_.rows && is_bound()) {
       const npy_intp count = std::min(plan.rows_at_once(), run_.rows - row);
       begin_row(row);
@@ -90,6 +107,7 @@ class RowLoop {
       }
       row += count;
     }
+    if (row == run_.rows) strips.keep_extraction();
     return row;
   }
 

@@ -1,12 +1,14 @@
 #include "expression_evaluator/rows/strip_plan.hpp"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_map>
 
 #include "expression_evaluator/rows/equal_nodes.hpp"
 #include "expression_evaluator/rows/leaf_step.hpp"
 #include "python/array.hpp"
 #include "python/containers.hpp"
+#include "python/dict_insides.hpp"
 #include "python/numbers.hpp"
 #include "python/protocol.hpp"
 
@@ -25,13 +27,13 @@ constexpr npy_intp cells_at_once = 512 * 1024 / sizeof(double);
 /// parts that other nodes will share.
 constexpr std::size_t hot_buffers = 8;
 
-/// Whether a host's own output, which may come or go, could stand for the node.
+/// Whether a host's own output stands for the node, or may do so by what foreign code does.
 bool may_be_precomputed(const Run& run, const Node& node) {
   if (node.canonical_id.is_none()) return false;
-  const bool is_nothing = is_exact_dict(run.precomputed_outputs) &&
-                          dict_size(run.precomputed_outputs) == 0 &&
-                          is_exact_text(node.canonical_id);
-  return !is_nothing;
+  if (!is_exact_dict(run.precomputed_outputs) || !is_exact_text(node.canonical_id)) return true;
+  if (dict_size(run.precomputed_outputs) == 0) return false;
+  return !has_string_keys(run.precomputed_outputs) ||
+         !dict_item(run.precomputed_outputs, node.canonical_id).empty();
 }
 
 /// The number of a literal that is one of Python's own; false for others.
@@ -51,18 +53,68 @@ bool plain_number(const Node& node, double& number) {
       if (!is_plain_value(node.value)) return false;
       number = truth(node.value) ? 1.0 : 0.0;
       return true;
+    case NodeKind::filtration:
+    case NodeKind::unknown:
+      number = 0.0;  // a register that nobody writes
+      return true;
     default:
       return false;
   }
 }
 
+/// What a reduction does in strips, if it can.
+std::optional<StripStep::Kind> reduction_kind(const Run& run, const RowFunctions& functions,
+                                              NodeIndex index) {
+  const Node& node = run.table.nodes[index];
+  if (!node.is_reduction || node.instance.empty()) return {};
+  const Object stateful = plain_or_class_attribute(node.instance, run.space.names.stateful);
+  if (stateful == Py_False) return StripStep::Kind::mean;
+  if (stateful != Py_True || functions.of(index).reduction.empty()) return {};
+  return StripStep::Kind::reduction;
+}
+
+/// Whether the node's rows are its filter's business and its own, once the filter is resolved.
+bool has_plain_children(const Run& run, const Node& reduction) {
+  return std::ranges::all_of(run.table.children_of(reduction), [&](NodeIndex index) {
+    const Node& child = run.table.nodes[index];
+    double number;
+    return index == reduction.filtration_child ||
+           (plain_number(child, number) && !may_be_precomputed(run, child));
+  });
+}
+
+/// True where each reduction reads what its own filter, or itself, has just extracted.
+bool reductions_read_their_own(const Run& run) {
+  NodeIndex extracted = graph_prep::no_node;
+  for (const NodeIndex index : run.order) {
+    const Node& node = run.table.nodes[index];
+    if (node.kind == NodeKind::filtration) {
+      if (extracted != graph_prep::no_node) return false;
+      extracted = index;
+    } else if (node.kind == NodeKind::reduction) {
+      if (node.filtration_child != extracted || may_be_precomputed(run, node)) return false;
+      extracted = graph_prep::no_node;
+    }
+  }
+  return extracted == graph_prep::no_node;
+}
+
 }  // namespace
+
+bool StripPlan::may_be_whole(const Run& run, const RowFunctions& functions) {
+  return std::ranges::all_of(run.table.functions, [&](NodeIndex index) {
+    const RowFunction& function = functions.of(index);
+    return run.table.nodes[index].is_reduction || !function.kernel.empty() ||
+           !function.block.empty();
+  });
+}
 
 StripPlan::StripPlan(Run& run, const RowFunctions& functions, RotationStep& rotations)
     : computed_as_(run.table.nodes.size(), graph_prep::no_node),
       is_refused_(run.table.nodes.size()) {
   if (!functions.any() || !find_parents(run)) return;
   refuse_shared_states(run, functions);
+  refuse_reductions(run, functions);
   has_universe_ = !attribute(run.context, run.space.names.universe).is_none();
   for (const NodeIndex node : run.order) add(run, functions, rotations, node);
   is_whole_ = std::ranges::none_of(
@@ -95,10 +147,30 @@ void StripPlan::refuse_shared_states(const Run& run, const RowFunctions& functio
     if (!is_new && first->second != node) is_refused_[first->second] = is_refused_[node] = 1;
   };
   for (const NodeIndex node : run.table.functions) {
-    const RowKernel& kernel = functions.of(node).kernel;
-    if (!kernel.empty() && (kernel->flags & QUERNBROOK_STATELESS) != 0) continue;
+    const auto note_kernel = [&](const auto& kernel) {
+      if (!kernel.empty() && kernel->state != nullptr) note(kernel->state, node);
+    };
+    const RowFunction& function = functions.of(node);
+    if (!function.kernel.empty() && (function.kernel->flags & QUERNBROOK_STATELESS) != 0) continue;
     note(run.table.nodes[node].instance.get(), node);
-    if (!kernel.empty() && kernel->state != nullptr) note(kernel->state, node);
+    note_kernel(function.kernel);
+    note_kernel(function.reduction);
+  }
+}
+
+/// A filter's extraction and the reduction of it are one step, or row by row both.
+void StripPlan::refuse_reductions(const Run& run, const RowFunctions& functions) {
+  const bool read_their_own = reductions_read_their_own(run);
+  for (const NodeIndex index : run.order) {
+    const Node& node = run.table.nodes[index];
+    if (node.kind == NodeKind::filtration) is_refused_[index] = 1;
+    if (node.kind != NodeKind::reduction) continue;
+    if (!read_their_own || !reduction_kind(run, functions, index) ||
+        !has_plain_children(run, node)) {
+      is_refused_[index] = 1;
+    } else if (is_refused_[index] == 0 && node.filtration_child != graph_prep::no_node) {
+      is_refused_[node.filtration_child] = 0;
+    }
   }
 }
 
@@ -124,6 +196,8 @@ void StripPlan::add(const Run& run, const RowFunctions& functions, RotationStep&
     step.first_source = static_cast<std::uint32_t>(sources_.size());
     step.source_count = static_cast<std::uint32_t>(sources.size());
     sources_.insert(sources_.end(), sources.begin(), sources.end());
+  } else if (node.kind == NodeKind::reduction) {
+    step.kind = *reduction_kind(run, functions, index);
   } else if (!plain_number(node, step.constant)) {
     return;
   }

@@ -13,7 +13,7 @@ namespace quernbrook::evaluation {
 
 /// What a node does for a strip of rows.
 struct StripStep {
-  enum class Kind : std::uint8_t { leaf, constant, kernel, block };
+  enum class Kind : std::uint8_t { leaf, constant, kernel, block, reduction, mean };
   /// Where its rows go: none where they are read where they lie.
   static constexpr std::uint32_t no_buffer = std::numeric_limits<std::uint32_t>::max();
 
@@ -28,12 +28,15 @@ struct StripStep {
 /// Which nodes of a run can be computed a strip of rows at a time, and where their rows lie.
 ///
 /// Such nodes are leaves of plain matrices, plain literals, and functions that opted in, above
-/// nothing but such nodes. Equal ones are computed once. A buffer is used again as soon as the last
+/// nothing but such nodes; reductions with a kernel or by the mean, too, once their filters are
+/// resolved. Equal ones are computed once. A buffer is used again as soon as the last
 /// node that reads it is done: in post-order no more are live than the tree is deep (an operand
 /// tree's register number: Sethi and Ullman, "The Generation of Optimal Code for Arithmetic
 /// Expressions", 1970), and one for each part that several share.
 class StripPlan {
  public:
+  /// False where a function that didn't opt in makes is_whole() impossible.
+  static bool may_be_whole(const Run& run, const RowFunctions& functions);
   /// Gives nodes that are computed once for several the instance that computes them.
   StripPlan(Run& run, const RowFunctions& functions, RotationStep& rotations);
 
@@ -60,6 +63,7 @@ class StripPlan {
  private:
   bool find_parents(const Run& run);
   void refuse_shared_states(const Run& run, const RowFunctions& functions);
+  void refuse_reductions(const Run& run, const RowFunctions& functions);
   void add(const Run& run, const RowFunctions& functions, RotationStep& rotations,
            graph_prep::NodeIndex node);
   void join_equal(Run& run, const RowFunctions& functions);
@@ -71,7 +75,7 @@ class StripPlan {
   std::vector<graph_prep::NodeIndex> sources_;
   std::vector<graph_prep::NodeIndex> parents_;      // by node
   std::vector<graph_prep::NodeIndex> computed_as_;  // by node
-  std::vector<std::uint8_t> is_refused_;            // by node: functions whose states others share
+  std::vector<std::uint8_t> is_refused_;            // by node
   std::vector<graph_prep::NodeIndex> tops_;
   std::size_t buffer_count_ = 0;
   npy_intp rows_at_once_ = 1;

@@ -6,6 +6,7 @@
 
 #include "expression_evaluator/rows/function_output.hpp"
 #include "expression_evaluator/rows/leaf_step.hpp"
+#include "expression_evaluator/signals/extraction_buffer.hpp"
 #include "kernels/universe_mask.hpp"
 #include "python/array.hpp"
 #include "python/call.hpp"
@@ -69,19 +70,31 @@ bool Strips::bind() {
     if (!is_readable(universe_matrix_)) return false;
     universe_ = view_of(universe_matrix_);
   }
-  for (const StripStep& step : plan_.steps()) {
-    if (step.kind != Kind::leaf) continue;
-    Object feature = Object::borrow(plain_feature(run_, run_.table.nodes[step.node]));
-    if (feature.empty() || !is_readable(feature)) return false;
-    const kernels::MatrixView view = view_of(feature);
-    const bool is_read_where_it_lies = universe_.cells == nullptr && view.column_stride == 1 &&
-                                       !run_.data_nan.is_marked(step.node, 0);
-    const bool has_target = step.buffer != StripStep::no_buffer || !run_.node_outputs.empty() ||
-                            step.node == run_.table.root;
-    if (!is_read_where_it_lies && !has_target) return false;
-    leaves_[step.node] = {std::move(feature), view};
+  return std::ranges::all_of(plan_.steps(), [&](const StripStep& step) {
+    if (step.kind == Kind::leaf) return bind_leaf(step);
+    const bool is_reduction = step.kind == Kind::reduction;
+    if (!is_reduction && step.kind != Kind::mean) return true;
+    return pools_[step.node].bind(run_, step.node, is_reduction);
+  });
+}
+
+bool Strips::bind_leaf(const StripStep& step) {
+  Object feature = Object::borrow(plain_feature(run_, run_.table.nodes[step.node]));
+  if (feature.empty() || !is_number_matrix(feature) || dimension(feature, 0) < run_.rows ||
+      dimension(feature, 1) != run_.columns) {
+    return false;
   }
-  return true;
+  const bool is_converted = !is_double_matrix(feature);
+  // The universe's mask is NumPy's business in other types.
+  if (is_converted && universe_.cells != nullptr) return false;
+  const kernels::MatrixView view = is_converted ? kernels::MatrixView{} : view_of(feature);
+  const bool is_read_where_it_lies = !is_converted && universe_.cells == nullptr &&
+                                     view.column_stride == 1 &&
+                                     !run_.data_nan.is_marked(step.node, 0);
+  const bool has_target = step.buffer != StripStep::no_buffer || !run_.node_outputs.empty() ||
+                          step.node == run_.table.root;
+  leaves_[step.node] = {std::move(feature), view, is_converted};
+  return is_read_where_it_lies || has_target;
 }
 
 void Strips::compute(npy_intp first, npy_intp count) {
@@ -108,8 +121,12 @@ void Strips::compute(npy_intp first, npy_intp count) {
         without_gil_.reset();
         run_block(step, count, target);
         break;
+      case Kind::reduction:
+      case Kind::mean:
+        run_reduction(step, count, target);
+        break;
     }
-    if (step.kind == Kind::kernel || step.kind == Kind::block) {
+    if (step.kind != Kind::leaf && step.kind != Kind::constant) {
       rows_[step.node] = {target, run_.columns};
       if (run_.data_nan.tracks()) let_marks_climb(step, count, target);
     }
@@ -156,6 +173,10 @@ void Strips::run_leaf(const StripStep& step, npy_intp count, double* target) {
   if (is_marked) {
     std::fill_n(target, count * run_.columns, nan);
     return;
+  }
+  if (leaves_[step.node].is_converted) {
+    without_gil_.reset();
+    return copy_rows(leaves_[step.node].feature, first_, count, target);
   }
   for (npy_intp row = first_; row < first_ + count; ++row, target += run_.columns) {
     if (universe_.cells == nullptr) {
@@ -248,6 +269,44 @@ void Strips::run_rows(const StripStep& step, npy_intp& count, double* target) {
       return;
     }
   }
+}
+
+void Strips::run_reduction(const StripStep& step, npy_intp& count, double* target) {
+  PoolRows& pool = pools_.at(step.node);
+  const ReductionKernel& kernel = functions_.of(step.node).reduction;
+  for (npy_intp row = first_; row < first_ + count; ++row, target += run_.columns) {
+    pool.read(row);
+    if (step.kind == Kind::mean && pool.mean(target)) continue;
+    quernbrook_failure failure{};
+    if (step.kind == Kind::reduction &&
+        kernel->run(kernel->state, pool.weights(), pool.count(), run_.columns, pool.pnl(), target,
+                    &failure) == 0) {
+      continue;
+    }
+    bool is_done = false;
+    remember(step, row, [&] {
+      if (step.kind == Kind::reduction) raise_kernel_failure(run_, step.node, failure, row, 1);
+      Object mean;
+      try {
+        mean = numpy_mean(run_, pool.block());
+      } catch (const ErrorSet&) {
+        raise_function_failure(run_, step.node, row);
+      }
+      std::copy_n(doubles(as_row(run_, step.node, mean, row)), run_.columns, target);
+      is_done = true;
+    });
+    if (is_done) continue;
+    count = row - first_;
+    return;
+  }
+}
+
+void Strips::keep_extraction() const {
+  const auto last = std::find_if(run_.order.rbegin(), run_.order.rend(), [&](NodeIndex node) {
+    return run_.table.nodes[node].kind == graph_prep::NodeKind::reduction;
+  });
+  if (last == run_.order.rend() || !plan_.is_ahead(*last)) return;
+  run_.extraction_buffer = pools_.at(*last).block();
 }
 
 void Strips::let_marks_climb(const StripStep& step, npy_intp count, double* target) {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <vector>
 
 #include "expression_evaluator/rows/registers.hpp"
 #include "expression_evaluator/rows/strip_plan.hpp"
+#include "expression_evaluator/signals/pool_rows.hpp"
 #include "python/error.hpp"
 #include "python/gil.hpp"
 
@@ -16,7 +18,8 @@ class Strips {
   Strips(Run& run, const Registers& registers, RotationStep& rotations,
          const RowFunctions& functions, const StripPlan& plan);
 
-  /// Finds the matrices of the leaves as things are now; false where one can't be read as it lies.
+  /// Finds the matrices of leaves and signals as things are now; false where one can't be read
+  /// without the host's code.
   bool bind();
   /// Computes `count` rows from `first` on. Outputs that are collected, and the root's, go where
   /// they belong; after the last row of all, each node's stands in its register.
@@ -28,6 +31,9 @@ class Strips {
   graph_prep::NodeIndex failed_node() const noexcept { return failed_node_; }
   [[noreturn]] void raise_failure() { python::raise_taken(exception_); }
 
+  /// Leaves the run's buffer as the last extraction of a row would.
+  void keep_extraction() const;
+
   /// A row of the last strip.
   const double* row_of(graph_prep::NodeIndex node, npy_intp row) const noexcept {
     return rows_[node].first + (row - first_) * rows_[node].stride;
@@ -37,12 +43,15 @@ class Strips {
   struct Leaf {
     Object feature;
     kernels::MatrixView view;
+    bool is_converted = false;  // NumPy makes doubles of its cells
   };
 
+  bool bind_leaf(const StripStep& step);
   double* target_of(const StripStep& step);
   void run_leaf(const StripStep& step, npy_intp count, double* target);
   void run_kernel(const StripStep& step, npy_intp& count, double* target);
   void run_block(const StripStep& step, npy_intp& count, double* target);
+  void run_reduction(const StripStep& step, npy_intp& count, double* target);
   void run_rows(const StripStep& step, npy_intp& count, double* target);
   Object block_of(graph_prep::NodeIndex source, npy_intp count) const;
   void let_marks_climb(const StripStep& step, npy_intp count, double* target);
@@ -60,6 +69,7 @@ class Strips {
   std::vector<quernbrook_rows> rows_;  // by node, of the strip under way
   std::vector<quernbrook_rows> arguments_;
   std::vector<Leaf> leaves_;  // by node
+  std::map<graph_prep::NodeIndex, PoolRows> pools_;  // of reductions
   Object universe_matrix_;    // or empty
   kernels::MatrixView universe_;
   npy_intp first_ = 0;  // row of the strip

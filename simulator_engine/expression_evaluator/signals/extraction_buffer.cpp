@@ -91,8 +91,12 @@ Object ExtractionBuffer::mean(PyObject* rows) {
     Object result = empty_vector(dimension(rows, 1));
     if (sums_.mean(view_of(rows), doubles(result))) return result;
   }
-  const host::Names& names = run_.space.names;
-  return call_named(run_.space.numpy(names.mean), run_.space.axis_keyword, rows, integer(0));
+  return numpy_mean(run_, rows);
+}
+
+Object numpy_mean(const Run& run, PyObject* rows) {
+  const Object mean = run.space.numpy(run.space.names.mean);
+  return call_named(mean, run.space.axis_keyword, rows, integer(0));
 }
 
 }  // namespace quernbrook::evaluation

@@ -30,6 +30,9 @@ class ExtractionBuffer {
   kernels::ColumnMean sums_;
 };
 
+/// `numpy.mean(rows, axis=0)`.
+Object numpy_mean(const Run& run, PyObject* rows);
+
 /// Row `row` of the weights of the passing signals, as a new block.
 Object extract_block(Run& run, PyObject* passing_ids, Py_ssize_t count, npy_intp row);
 
