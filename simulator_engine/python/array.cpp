@@ -29,8 +29,8 @@ bool is_double_array(PyObject* object) {
 bool is_number_matrix(PyObject* object) {
   if (!is_plain_matrix(object)) return false;
   const int type = PyArray_TYPE(as_array(object));
-  return PyTypeNum_ISBOOL(type) || PyTypeNum_ISINTEGER(type) || type == NPY_HALF ||
-         type == NPY_FLOAT || type == NPY_DOUBLE;
+  // NumPy counts from truth values over integers to doubles.
+  return (type >= NPY_BOOL && type <= NPY_DOUBLE) || type == NPY_HALF;
 }
 
 bool is_writeable_block(PyObject* object, npy_intp columns) {
@@ -175,8 +175,8 @@ Object first_rows_view(PyObject* matrix, npy_intp count) {
 
 void copy_rows(PyObject* matrix, npy_intp first, npy_intp count, double* target) {
   npy_intp shape[] = {count, dimension(matrix, 1)};
-  const Object cells = Object::steal(calling_python(
-      [&] { return PyArray_SimpleNewFromData(2, shape, NPY_DOUBLE, target); }));
+  const Object cells = Object::steal(
+      calling_python([&] { return PyArray_SimpleNewFromData(2, shape, NPY_DOUBLE, target); }));
   assign(cells, item(matrix, slice(integer(first), integer(first + count))));
 }
 

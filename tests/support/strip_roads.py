@@ -8,7 +8,7 @@ from typing import Any
 import numpy as np
 from support.c_kernels import CFunction
 from support.graphs import feature, number, reduction, rotation
-from support.leak_roads import POOL, Function, Road, Run, evaluating, new
+from support.leak_roads import FILTERED, POOL, Function, Road, Run, evaluating, new
 from support.opted_in import KernelReduction
 from support.runs import counting_matrix
 
@@ -49,16 +49,19 @@ MIXED: dict[str, Any] = {**KERNELS, "root": Function(lambda left, right: left)}
 AHEAD = {"_reads_rows_ahead": True}
 
 
-def reducing(evaluator: ModuleType) -> Run:
-    kernel = KernelReduction(stateful=True)
-    run = evaluating(reduction("f"), bound={"root": kernel}, useful_signals=POOL)(evaluator)
+def reducing(graph: Any, path: str, **bound: Any) -> Road:
+    def road(evaluator: ModuleType) -> Run:
+        kernel = KernelReduction(stateful=True)
+        run = evaluating(graph, bound={**bound, path: kernel}, useful_signals=POOL)(evaluator)
 
-    def run_afresh() -> Any:
-        kernel.calls.clear()
-        kernel.memory.clear()
-        return run()
+        def run_afresh() -> Any:
+            kernel.calls.clear()
+            kernel.memory.clear()
+            return run()
 
-    return run_afresh
+        return run_afresh
+
+    return road
 
 
 GOOD_STRIP_ROADS: dict[str, Road] = {
@@ -81,7 +84,18 @@ GOOD_STRIP_ROADS: dict[str, Road] = {
     "blocks that fail": evaluating(
         rotation("f", A), bound={"root": Blocks(lambda row: row[:3] if row.ndim == 1 else row[9])}
     ),
-    "a kernel of a reduction": reducing,
+    "a kernel of a reduction": reducing(reduction("f"), "root"),
+    "a filtered reduction in strips": reducing(
+        rotation("add", A, reduction("f", FILTERED)), "root.c1", root=CFunction("add")
+    ),
+    "means in strips": evaluating(
+        rotation("add", A, reduction("f")),
+        bound={"root": CFunction("add"), "root.c1": Function()},
+        useful_signals=POOL,
+    ),
+    "features of float32": evaluating(
+        CHAIN, features={"a": np.ones((3, 3), np.float32)}, before=afresh, bound=KERNELS
+    ),
 }
 
 FAILING_STRIP_ROADS: dict[str, Road] = {

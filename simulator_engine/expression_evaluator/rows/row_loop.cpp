@@ -58,8 +58,8 @@ class RowLoop {
   }
 
   bool has_filters() const {
-    return std::ranges::any_of(
-        run_.table.nodes, [](const Node& node) { return node.kind == NodeKind::filtration; });
+    return std::ranges::any_of(run_.table.nodes,
+                               [](const Node& node) { return node.kind == NodeKind::filtration; });
   }
 
   void set_day(npy_intp row) {

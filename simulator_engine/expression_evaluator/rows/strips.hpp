@@ -68,9 +68,9 @@ class Strips {
   std::vector<double> constants_;      // a row for each constant step
   std::vector<quernbrook_rows> rows_;  // by node, of the strip under way
   std::vector<quernbrook_rows> arguments_;
-  std::vector<Leaf> leaves_;  // by node
+  std::vector<Leaf> leaves_;                         // by node
   std::map<graph_prep::NodeIndex, PoolRows> pools_;  // of reductions
-  Object universe_matrix_;    // or empty
+  Object universe_matrix_;                           // or empty
   kernels::MatrixView universe_;
   npy_intp first_ = 0;  // row of the strip
   std::optional<python::GilRelease> without_gil_;

@@ -79,7 +79,7 @@ class OddName(str):
 class Computed:
     """A signal whose weights are computed."""
 
-    fields = {"sharpe": 1.0}
+    fields = None
     pnl = None
 
     @property
@@ -129,7 +129,10 @@ UNPAIRED = {
     "a filter and a reduction below": beside(reduction("reduce", by_sharpe(), REDUCE)),
     "a filter below a rotation": rotation("total.top", A, by_sharpe(), REDUCE),
     "a filter within a filter": beside(
-        reduction("reduce", filtration("and_", by_sharpe(), node("gt", "gt", [string("sharpe"), number(0.1)])))
+        reduction(
+            "reduce",
+            filtration("and_", by_sharpe(), node("gt", "gt", [string("sharpe"), number(0.1)])),
+        )
     ),
 }
 
@@ -213,7 +216,7 @@ def test_a_mean_that_warns_may_be_an_error(evaluator):
     run.bound = {"root": make_instance("total.top", "kernel"), "root.c1": mean}
     with warnings.catch_warnings():
         warnings.simplefilter("error")
-        with pytest.raises(FunctionExecutionError, match="^Function 'reduce' failed at row 3: "):
+        with pytest.raises(FunctionExecutionError, match=r"^Function 'reduce' failed at row 3: "):
             evaluator.evaluate(run.graph, run.context, bound_function_instances=run.bound)
     assert run.context.current_day_index == 3
 

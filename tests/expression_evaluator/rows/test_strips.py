@@ -67,6 +67,10 @@ FORMS: dict[str, Any] = {
     "single": lambda matrix: matrix.astype(np.float32),
     "big-endian": lambda matrix: matrix.astype(">f8"),
     "integers": lambda matrix: np.nan_to_num(matrix, posinf=3).astype(np.int64),
+    "large integers": lambda matrix: (np.isnan(matrix) + np.uint64(2**64 - 1025)).astype(np.uint64),
+    "half": lambda matrix: turned(matrix.astype(np.float16)),
+    "truths": lambda matrix: backwards(matrix > 2.0),
+    "long": lambda matrix: matrix.astype(np.longdouble),
     "objects": lambda matrix: matrix.astype(object),
     "subclass": lambda matrix: matrix.view(Subclass),
     "rows only": lambda matrix: spaced(matrix)[:, :],
@@ -104,7 +108,7 @@ SETTINGS: dict[str, dict[str, Any]] = {
 
 
 #: What can't go in strips: NumPy has the say there, or a host's own rows.
-ROW_BY_ROW = {"universe of integers", "precomputed", "precomputed elsewhere"}
+ROW_BY_ROW = {"universe of integers", "precomputed"}
 
 
 @pytest.mark.parametrize("promise", [False, True], ids=["", "reads ahead"])
@@ -127,13 +131,18 @@ def test_every_setting(evaluator, graph, guises, promise):
             assert all(calls == [6] for calls in run.calls), name
 
 
-@pytest.mark.parametrize("form", FORMS.values(), ids=FORMS)
+@pytest.mark.parametrize("form", FORMS)
 @pytest.mark.parametrize("guises", GUISES[:3], ids="+".join)
 def test_features_of_every_form(evaluator, guises, form):
-    features = {name: form(matrix) for name, matrix in features_of(6, 3).items()}
-    for graph in GRAPHS.values():
-        expected = plain_answer(graph, features)
-        assert GuiseRun(evaluator, graph, all_in(graph, *guises), features)() == expected
+    features = {name: FORMS[form](matrix) for name, matrix in features_of(6, 3).items()}
+    goes_in_strips = form not in ("objects", "subclass", "long")
+    for name, graph in GRAPHS.items():
+        for marked, universe in ((None, None), (["a"], None), (["a"], UNIVERSE)):
+            expected = plain_answer(graph, features, nan_features=marked, universe=universe)
+            run = GuiseRun(evaluator, graph, all_in(graph, *guises), features, universe=universe)
+            assert run(nan_features=marked) == expected
+            if goes_in_strips and guises == ("kernel",) and universe is None:
+                assert all(calls == [6] for calls in run.calls), name
 
 
 @pytest.mark.parametrize("shape", SHAPES, ids=str)
