@@ -2,8 +2,8 @@
 #include <cstddef>
 #include <memory>
 
-#include "kernels/row_sorter.hpp"
 #include "instruction_sets.hpp"
+#include "kernels/row_sorter.hpp"
 #include "nan.hpp"
 #include "rows/across_function.hpp"
 #include "rows/narrow_rank.hpp"
