@@ -22,9 +22,9 @@ from quernbrook.workbench.panels import Panel, PanelError
 
 DATES = pd.DatetimeIndex(["2024-01-02", "2024-01-03", "2024-01-04"])
 DAYS = [day.date() for day in DATES]
-WIDE = {"day": DAYS, "AA": [1.0, 2.0, 3.0], "BB": [4.0, None, 6.0]}
+WIDE: dict[str, Any] = {"day": DAYS, "AA": [1.0, 2.0, 3.0], "BB": [4.0, None, 6.0]}
 VALUES = [[1.0, 4.0], [2.0, np.nan], [3.0, 6.0]]
-LONG = {
+LONG: dict[str, Any] = {
     "day": [DAYS[1], DAYS[0], DAYS[1], DAYS[2]],
     "code": ["BB", "AA", "AA", "BB"],
     "close": [5.0, 1.0, None, 6.0],
@@ -112,16 +112,11 @@ def test_time_zones_are_kept() -> None:
     assert panel.dates.equals(DATES.tz_localize("Europe/Paris"))
 
 
-def test_numbers_as_symbols() -> None:
-    for frame in (pd.DataFrame(LONG), pl.DataFrame(LONG), pa.table(LONG)):
-        coded = {"AA": 20, "BB": 3}
-        long = {**LONG, "code": [coded[code] for code in LONG["code"]]}
-        panel = Panel.from_long(
-            type(frame)(long) if not isinstance(frame, pa.Table) else pa.table(long),
-            date="day",
-            symbol="code",
-        )
-        assert [*panel.symbols] == [3, 20]
+@pytest.mark.parametrize("kind", [pd.DataFrame, pl.DataFrame, pa.table])
+def test_numbers_as_symbols(kind: Any) -> None:
+    codes = [{"AA": 20, "BB": 3}[code] for code in LONG["code"]]
+    panel = Panel.from_long(kind({**LONG, "code": codes}), date="day", symbol="code")
+    assert [*panel.symbols] == [3, 20]
 
 
 @pytest.mark.parametrize("kind", ["category", "string", "object", pd.ArrowDtype(pa.string())])

@@ -92,22 +92,22 @@ def test_what_makes_no_panel(frames: Any, message: str) -> None:
 @pytest.mark.parametrize(
     ("column", "expected"),
     [
-        (pd.array([1, 2**53 + 1, -3], dtype="int64"), [1.0, 2.0**53, -3.0]),
-        (pd.array([1, 2, 3], dtype="uint8"), [1.0, 2.0, 3.0]),
-        (pd.array([0.1, np.inf, np.nan], dtype="float32"), [float(np.float32(0.1)), np.inf, np.nan]),
-        (pd.array([True, False, True]), [1.0, 0.0, 1.0]),
-        (pd.array([True, None, False], dtype="boolean"), [1.0, np.nan, 0.0]),
-        (pd.array([1, None, 3], dtype="Int64"), [1.0, np.nan, 3.0]),
-        (pd.array([1.5, None, 3], dtype="Float32"), [1.5, np.nan, 3.0]),
-        (pd.array([Decimal("1.25"), None, Decimal("-3")], dtype=pd.ArrowDtype(pa.decimal128(9, 2))), [1.25, np.nan, -3.0]),
-        (pd.array([1, None, 3], dtype=pd.ArrowDtype(pa.int16())), [1.0, np.nan, 3.0]),
+        (pd.Series([1, 2**53 + 1, -3], dtype="int64"), [1.0, 2.0**53, -3.0]),
+        (pd.Series([1, 2, 3], dtype="uint8"), [1.0, 2.0, 3.0]),
+        (pd.Series([0.1, np.inf, np.nan], dtype="float32"), [float(np.float32(0.1)), np.inf, np.nan]),
+        (pd.Series([True, False, True]), [1.0, 0.0, 1.0]),
+        (pd.Series([True, None, False], dtype="boolean"), [1.0, np.nan, 0.0]),
+        (pd.Series([1, None, 3], dtype="Int64"), [1.0, np.nan, 3.0]),
+        (pd.Series([1.5, None, 3], dtype="Float32"), [1.5, np.nan, 3.0]),
+        (pd.Series([Decimal("1.25"), None, Decimal("-3")], dtype=pd.ArrowDtype(pa.decimal128(9, 2))), [1.25, np.nan, -3.0]),
+        (pd.Series([1, None, 3], dtype=pd.ArrowDtype(pa.int16())), [1.0, np.nan, 3.0]),
         (pd.Series([Decimal("1.25"), None, 2], dtype=object), [1.25, np.nan, 2.0]),
         (pd.Series([True, pd.NA, np.float32(0.5)], dtype=object), [1.0, np.nan, 0.5]),
     ],
     ids=lambda value: str(getattr(value, "dtype", "")),
 )  # fmt: skip
 def test_numbers_of_every_kind_become_float64(column: Any, expected: list[float]) -> None:
-    frame = pd.DataFrame({"AA": CLOSE["AA"], "BB": pd.Series(column).set_axis(DATES)})
+    frame = pd.DataFrame({"AA": CLOSE["AA"], "BB": column.set_axis(DATES)})
     values = Panel.from_frames({"close": frame}).fields["close"]
     np.testing.assert_array_equal(values, np.column_stack([[1.0, 2.0, 3.0], expected]))
     assert values.dtype == np.float64 and values.flags.c_contiguous

@@ -15,6 +15,7 @@ from quernbrook.reference_host import default_registry
 from quernbrook.reference_host.graphs import feature
 from quernbrook.simulator_engine.expression_evaluator import evaluate
 from quernbrook.workbench.panels import Panel, PanelError
+from quernbrook.workbench.panels.labels import Date
 
 DATES = pd.DatetimeIndex(["2024-01-02", "2024-01-03", "2024-01-04"])
 CLOSE = pd.DataFrame({"AA": [1.0, 2.0, 3.0], "BB": [4.0, 5.0, 6.0]}, index=DATES)
@@ -71,7 +72,7 @@ def test_what_makes_no_universe(table: Any, message: str) -> None:
 
 @pytest.mark.parametrize("nothing", [None, pd.NaT])
 def test_listings(nothing: Any) -> None:
-    first = {"AA": DATES[1], "BB": "2020-05-05", "CC": "2024-01-03"}
+    first: dict[str, Date] = {"AA": DATES[1], "BB": "2020-05-05", "CC": "2024-01-03"}
     panel = PANEL.with_listings(first, {"BB": DATES[1].date(), "AA": nothing})
     assert panel.universe is not None and panel.universe.tolist() == NUMBERS
     never = PANEL.with_listings({"AA": "2030-01-01", "BB": "2000-01-01"}, {"BB": "2000-01-01"})

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Hashable, Iterable, Mapping
+from collections.abc import Iterable, Mapping
 from dataclasses import dataclass
 from types import MappingProxyType
 from typing import TYPE_CHECKING, Any
@@ -109,8 +109,8 @@ class Panel:
 
     def with_listings(
         self,
-        first: Mapping[Hashable, Date],
-        last: Mapping[Hashable, Date | None] | None = None,
+        first: Mapping[Any, Date],
+        last: Mapping[Any, Date | None] | None = None,
     ) -> Panel:
         """Return the panel with a universe in which symbols are from `first` to `last` date.
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Hashable, Mapping
+from typing import Any
 
 import numpy as np
 import pandas as pd
@@ -30,8 +31,8 @@ def from_booleans(table: Table, dates: pd.DatetimeIndex, symbols: pd.Index) -> M
 
 
 def from_listings(
-    first: Mapping[Hashable, Date],
-    last: Mapping[Hashable, Date | None],
+    first: Mapping[Any, Date],
+    last: Mapping[Any, Date | None],
     dates: pd.DatetimeIndex,
     symbols: pd.Index,
 ) -> Matrix:
