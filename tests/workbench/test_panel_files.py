@@ -106,6 +106,7 @@ def test_what_csv_files_hold(tmp_path: Path, text: str, expected: list[list[floa
         ("date,AA\n2024-01-02,1\n2024-01-03,tech\n", "field 'close': the value of AA on 2024-01-03 is no number: 'tech'"),
         ("date,AA\n2024-01-02,1\n,2\n", "field 'close': the first column must hold dates: '' in row 1 is none from 1678 to 2261; write dates as 2024-01-31"),
         ("date,AA\n2024-01-02,1\n31.01.2024,2\n", "field 'close': the first column must hold dates: '31.01.2024' in row 1 is none from 1678 to 2261; write dates as 2024-01-31"),
+        ("date,AA\n2024-01-02T00:00+01:00,1\n2024-07-02T00:00+02:00,2\n", "field 'close': the first column has dates in several time zones, or some without; write all in UTC"),
         ("date,AA\n2024-01-02,1\n2024-01-02,2\n", "field 'close': the date 2024-01-02 00:00:00 stands there twice"),
         ("date,AA\n", "field 'close': the first column must hold dates; it holds empty"),
         ("date,AA\n2024-01-02,1,2\n", "PATH can't be read: CSV parse error: Expected 2 columns, got 3: 2024-01-02,1,2"),

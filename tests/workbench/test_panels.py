@@ -35,6 +35,7 @@ SECTOR = frame(AA=["tech"] * 3, BB=["oil"] * 3)
 TEXTS = str(SECTOR.dtypes["AA"])
 if TEXTS == "object":
     TEXTS += ": its value on 2024-01-02 00:00:00 is 'tech'"
+ZONES = "has dates in several time zones, or some without; write all in UTC"
 CLOSE = frame(AA=[1.0, 2.0, 3.0], BB=[4.0, np.nan, 6.0])
 
 
@@ -69,6 +70,10 @@ def test_float64_in_one_block_is_not_copied() -> None:
         ({"close": CLOSE, "open": CLOSE.iloc[1:]}, "field 'open' lacks the date 2024-01-02 00:00:00, which 'close' has"),
         ({"close": CLOSE, "sector": SECTOR}, f"field 'sector': 'AA' holds no numbers but {TEXTS}"),
         ({"close": CLOSE.set_axis(["soon", "later", "never"])}, "field 'close': the index must hold dates: 'soon' in row 0 is none from 1678 to 2261; write dates as 2024-01-31"),
+        ({"close": CLOSE.set_axis(["2024-01-02T00:00+01:00", "2024-01-03T00:00+01:00", "2024-01-04"])}, f"field 'close': the index {ZONES}"),
+        ({"close": CLOSE.set_axis(["2024-01-02 00:00Z", "2024-01-03 00:00+01", "2024-01-04 00:00Z"])}, f"field 'close': the index {ZONES}"),
+        ({"close": CLOSE.set_axis(pd.Index([DATES[0], *DATES[1:].tz_localize("UTC")], dtype=object))}, f"field 'close': the index {ZONES}"),
+        ({"close": CLOSE.set_axis(["2024-01-02", None, "soon"])}, "field 'close': row 1 has no date"),
         ({"close": CLOSE.set_axis([1, "2024-01-02", 3])}, "field 'close': the index must hold dates; it holds mixed-integer"),
         ({"close": CLOSE.set_axis(np.array(["2024-01-02", "2024-01-03", "9999-12-31"], "M8[s]"))}, "field 'close': Out of bounds nanosecond timestamp: 9999-12-31 00:00:00"),
         ({"close": CLOSE.tz_localize("Europe/Paris"), "open": CLOSE}, "field 'open' has dates without a time zone, field 'close' in the time zone Europe/Paris; bring both to one with tz_localize or tz_convert"),
@@ -118,6 +123,7 @@ def test_numbers_of_every_kind_become_float64(column: Any, expected: list[float]
     [
         [day.date() for day in DATES],
         [day.isoformat() for day in DATES],
+        [day.to_pydatetime() for day in DATES],
         DATES.as_unit("s"),
         pd.Index(DATES, dtype=pd.ArrowDtype(pa.timestamp("us"))),
     ],
@@ -134,6 +140,14 @@ def test_time_zones_are_kept() -> None:
     panel = Panel.from_frames({"close": zoned, "open": other})
     assert str(panel.dates.tz) == "Europe/Paris"
     pd.testing.assert_frame_equal(panel.frame(panel.fields["open"]), zoned)
+
+
+@pytest.mark.parametrize("zone", ["UTC", "Europe/Paris"])
+def test_texts_and_objects_with_a_time_zone(zone: str) -> None:
+    zoned = DATES.tz_localize(zone)
+    for index in ([day.isoformat() for day in zoned], zoned.astype(object)):
+        dates = Panel.from_frames({"close": CLOSE.set_axis(index)}).dates
+        assert dates.tz is not None and (dates == zoned).all()
 
 
 def test_panels_are_read_only() -> None:
@@ -167,6 +181,7 @@ def test_panels_travel(send: Callable[[Panel], Panel]) -> None:
         ((DATES, ["AA"], {"close": np.ones((3, 2))}), "field 'close' has the shape (3, 2); the dates and symbols make (3, 1)"),
         ((DATES, ["AA"], {"close": np.ones((3, 1), dtype=np.float32)}), "field 'close' is float32 and C-contiguous; it must be float64 and C-contiguous"),
         ((DATES, ["AA", "BB"], {"close": np.ones((2, 3)).T}), "field 'close' is float64 and not C-contiguous; it must be float64 and C-contiguous"),
+        ((DATES, ["AA"], {3: np.ones((3, 1))}), "the name of a field must be a text, not 3"),
         ((DATES, ["AA"], {}, np.ones((1, 1))), "the universe has the shape (1, 1); the dates and symbols make (3, 1)"),
     ],
 )  # fmt: skip

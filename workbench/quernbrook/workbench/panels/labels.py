@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from datetime import date, tzinfo
 from typing import TypeAlias
 
@@ -12,6 +13,7 @@ Date: TypeAlias = str | date | np.datetime64
 """A date as a caller gives it; texts are ISO 8601."""
 
 _EXAMPLE = "write dates as 2024-01-31"
+_OFFSET = re.compile(r"[T ].*(Z|[+-]\d\d(?::?\d\d)?)$", re.IGNORECASE)
 
 
 class PanelError(ValueError):
@@ -24,12 +26,11 @@ def as_dates(what: str, place: str, labels: pd.Index) -> pd.DatetimeIndex:
     Datetimes, `datetime.date` and texts in ISO 8601 are dates. `what` and `place` begin the
     messages: "field 'close'" and "the index".
 
-    Raises PanelError for anything else, a missing date, several offsets from UTC, and dates that
-    nanoseconds don't reach (before 1677, after 2262).
+    Raises PanelError for anything else, a missing date, texts or objects of several time zones,
+    and dates that nanoseconds don't reach (before 1677, after 2262).
     """
     dates = _converted(what, place, labels)
-    if dates.hasnans:
-        raise PanelError(f"{what}: row {int(np.argmax(dates.isna()))} has no date")
+    _require_none_missing(what, dates)
     if dates.unit == "ns":
         return dates
     try:
@@ -111,18 +112,33 @@ def _converted(what: str, place: str, labels: pd.Index) -> pd.DatetimeIndex:
     if kind not in ("string", "date", "datetime", "datetime64"):
         holds = kind if labels.dtype == object else labels.dtype
         raise PanelError(f"{what}: {place} must hold dates; it holds {holds}")
-    try:
-        dates = pd.to_datetime(labels, format="ISO8601", errors="coerce")
-    except ValueError as error:
-        raise PanelError(f"{what}: {place} must hold dates: {error}") from error
-    if not isinstance(dates, pd.DatetimeIndex):
-        raise PanelError(f"{what}: {place} has several offsets from UTC; write all dates in UTC")
-    is_none = np.asarray(dates.isna()) & ~np.asarray(labels.isna())
-    if is_none.any():
-        row = int(np.argmax(is_none))
+    _require_none_missing(what, labels)
+    # A long table has each date many times.
+    codes, unique = pd.factorize(labels)
+    if len({_offset(label) for label in unique}) > 1:
+        raise PanelError(
+            f"{what}: {place} has dates in several time zones, or some without; write all in UTC"
+        )
+    dates = pd.DatetimeIndex(pd.to_datetime(unique, format="ISO8601", errors="coerce"))
+    if dates.hasnans:
+        row = int(np.argmax(dates.isna()[codes]))
         found = f"{str(labels[row])!r} in row {row} is none from 1678 to 2261"
         raise PanelError(f"{what}: {place} must hold dates: {found}; {_EXAMPLE}")
-    return dates
+    return dates.take(codes).rename(labels.name)
+
+
+def _offset(label: object) -> str | None:
+    """The offset from UTC at the end of a text, or a datetime's time zone."""
+    if isinstance(label, str):
+        found = _OFFSET.search(label)
+        return found and found[1]
+    zone = getattr(label, "tzinfo", None)
+    return None if zone is None else str(zone)
+
+
+def _require_none_missing(what: str, dates: pd.Index) -> None:
+    if dates.hasnans:
+        raise PanelError(f"{what}: row {int(np.argmax(dates.isna()))} has no date")
 
 
 def _require_single(what: str, kind: str, labels: pd.Index) -> None:

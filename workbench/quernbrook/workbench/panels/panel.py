@@ -55,6 +55,8 @@ class Panel:
         require_increasing("the panel", self.dates)
         require_symbols("the panel", self.symbols)
         for name, values in self.fields.items():
+            if not isinstance(name, str):
+                raise PanelError(f"the name of a field must be a text, not {name!r}")
             self._require_matrix(f"field '{name}'", values)
         if self.universe is not None:
             self._require_matrix("the universe", self.universe)
