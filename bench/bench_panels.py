@@ -1,7 +1,6 @@
 """Reading a panel from files, beside Arrow's own reading of the same files.
 
-Both read in one thread or in as many as Arrow takes; then the clock counts the processor's time of
-all of them.
+All read in as many threads as Arrow takes; the clock counts the processor's time of all of them.
 """
 
 from __future__ import annotations

@@ -162,6 +162,14 @@ def test_full_tables_in_order_are_not_copied(kind: str) -> None:
     np.testing.assert_array_equal(result.weights, -panel.fields["close"])
 
 
+@pytest.mark.parametrize("table", [pl.DataFrame(LONG).clear(), pa.table(LONG).slice(0, 0)])
+def test_tables_without_rows(table: Any) -> None:
+    long = Panel.from_long(table, date="day", symbol="code")
+    assert long.fields["close"].shape == (0, 0)
+    wide = Panel.from_frames({"a": table.select(["day", "close"])})
+    assert wide.fields["a"].shape == (0, 1) and wide.dates.empty
+
+
 @settings(deadline=None, max_examples=50)
 @given(st.data())
 def test_long_tables_in_any_order(data: st.DataObject) -> None:

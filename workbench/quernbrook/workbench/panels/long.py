@@ -90,8 +90,6 @@ def _encoded(name: str, column: Column) -> tuple[NDArray[np.intp], pd.Index]:
         row = pc.index(column.is_null(), True).as_py()
         raise PanelError(f"{_WHAT}: row {row} has no symbol")
     encoded = column.dictionary_encode().unify_dictionaries().combine_chunks()
-    if isinstance(encoded, pa.ChunkedArray):  # without rows
-        return np.empty(0, dtype=np.intp), pd.Index([], name=name)
     order = pc.array_sort_indices(encoded.dictionary).to_numpy()
     places = np.empty(len(order), dtype=np.intp)
     places[order] = np.arange(len(order))
