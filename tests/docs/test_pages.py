@@ -84,6 +84,7 @@ def test_there_are_pages() -> None:
         "docs/guide/functions.md",
         "docs/guide/graphs.md",
         "docs/guide/host.md",
+        "docs/guide/panels.md",
         "docs/guide/reductions.md",
         "docs/guide/registry.md",
         "docs/guide/row_blocks.md",
