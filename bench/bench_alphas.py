@@ -37,9 +37,9 @@ def workload(rows: int, columns: int) -> str:
     return f"published formulas in one run, {rows:,} x {columns}"
 
 
-def evaluate_singly(numbers: Iterable[int], context: EvaluationContext) -> None:
-    for number in numbers:
-        evaluate(GRAPHS[number], context)
+def evaluate_singly(numbers: Iterable[int], context: EvaluationContext) -> list[Any]:
+    # All results are kept, here and by the others, as one run keeps them.
+    return [evaluate(GRAPHS[number], context) for number in numbers]
 
 
 def context_of(columns: int, rows: int) -> Any:
@@ -90,13 +90,8 @@ def test_one_by_one(measure: Callable[..., None], rows: int, columns: int) -> No
 @pytest.mark.parametrize(("rows", "columns"), [SMALL, pytest.param(*LARGE, marks=pytest.mark.slow)])
 def test_pandas(measure: Callable[..., None], rows: int, columns: int) -> None:
     with alphas_in_pandas.formulas(panel_of(rows, columns)) as formulas:
-
-        def one_by_one() -> None:
-            for compute in formulas.values():
-                compute()
-
         measure(
-            one_by_one,
+            lambda: [compute() for compute in formulas.values()],
             workload=workload(rows, columns),
             contender=f"pandas, {len(formulas)}",
             count=rows * columns * len(formulas),
@@ -113,13 +108,12 @@ def test_those_of_polars(
     numbers = list(alphas_in_polars.FORMULAS)
     table = alphas_in_polars.long_table(panel_of(rows, columns))
     context = context_of(columns, rows)
-
-    def in_polars() -> None:
-        for number in numbers:
-            alphas_in_polars.run(number, table)
-
+    runs: dict[str, Callable[[], Any]] = {
+        MODULE: lambda: evaluate_singly(numbers, context),
+        "polars": lambda: [alphas_in_polars.run(number, table) for number in numbers],
+    }
     measure(
-        in_polars if contender == "polars" else lambda: evaluate_singly(numbers, context),
+        runs[contender],
         workload=f"{len(numbers)} of them, one by one, {rows:,} x {columns}",
         contender=contender,
         count=rows * columns * len(numbers),
