@@ -1,25 +1,31 @@
-"""The 101 published formulas in one run, one by one, and in a compiler of such formulas.
+"""The 101 published formulas in one run and one by one, and the same in other libraries.
 
-KunQuant takes part where it is installed; it has 82 of the formulas, and the minutes in which it
+pandas has all of them, as the tests transcribe them, and polars a part. KunQuant, a compiler of
+such formulas, takes part where it is installed; it has 82 of them, and the minutes in which it
 compiles them are not timed. All run in one thread, in double precision.
 """
 
 from __future__ import annotations
 
-from collections.abc import Callable
-from functools import cache
+from collections.abc import Callable, Iterable
+from functools import cache, partial
 from typing import Any
 
 import numpy as np
 import pytest
 from quernbrook.reference_host import default_registry
-from quernbrook.simulator_engine.expression_evaluator import evaluate
+from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, evaluate
 from quernbrook.workbench.alphas import published_graphs
 from quernbrook.workbench.panels import Panel, synthetic_panel
 from quernbrook.workbench.together import evaluate_together
 
+from bench import alphas_in_pandas, alphas_in_polars, memory
+from bench.evaluators import MODULE
+
 UNIT = "ns a cell and formula"
-shapes = pytest.mark.parametrize(("rows", "columns"), [(260, 64), (2000, 496)])
+SMALL, LARGE = (260, 64), (2000, 496)
+shapes = pytest.mark.parametrize(("rows", "columns"), [SMALL, LARGE])
+GRAPHS = published_graphs()
 
 
 @cache
@@ -28,24 +34,89 @@ def panel_of(rows: int, columns: int) -> Panel:
 
 
 def workload(rows: int, columns: int) -> str:
-    return f"published formulas, {rows:,} x {columns}"
+    return f"published formulas in one run, {rows:,} x {columns}"
+
+
+def evaluate_singly(numbers: Iterable[int], context: EvaluationContext) -> list[Any]:
+    # All results are kept, here and by the others, as one run keeps them.
+    return [evaluate(GRAPHS[number], context) for number in numbers]
+
+
+def context_of(columns: int, rows: int) -> Any:
+    return panel_of(rows, columns).context(default_registry())
+
+
+def context_without_states(columns: int, rows: int) -> Any:
+    context = context_of(columns, rows)
+    # They are results, and Python's numbers take more room than all else.
+    context._collect_states = False
+    return context
+
+
+def memory_of_all(rows: int, columns: int) -> str:
+    """What one run of all takes at most beyond the features and the matrices of results."""
+    prepare = partial(context_without_states, columns)
+    results = len(GRAPHS) * rows * columns * 8
+    return memory.beyond_result(prepare, rows, partial(evaluate_together, GRAPHS), results)
 
 
 @shapes
-@pytest.mark.parametrize("together", [True, False])
-def test_alphas(measure: Callable[..., None], rows: int, columns: int, together: bool) -> None:
-    graphs = published_graphs()
-    context = panel_of(rows, columns).context(default_registry())
-
-    def one_by_one() -> None:
-        for graph in graphs.values():
-            evaluate(graph, context)
-
+def test_in_one_run(measure: Callable[..., None], rows: int, columns: int) -> None:
+    context = context_of(columns, rows)
     measure(
-        (lambda: evaluate_together(graphs, context)) if together else one_by_one,
+        lambda: evaluate_together(GRAPHS, context),
         workload=workload(rows, columns),
-        contender="101 in one run" if together else "101, one by one",
-        count=rows * columns * len(graphs),
+        contender=MODULE,
+        count=rows * columns * len(GRAPHS),
+        unit=UNIT,
+        rounds=3,
+        memory=memory_of_all(rows, columns),
+    )
+
+
+@shapes
+def test_one_by_one(measure: Callable[..., None], rows: int, columns: int) -> None:
+    context = context_of(columns, rows)
+    measure(
+        lambda: evaluate_singly(GRAPHS, context),
+        workload=workload(rows, columns),
+        contender="101, one by one",
+        count=rows * columns * len(GRAPHS),
+        unit=UNIT,
+        rounds=3,
+    )
+
+
+@pytest.mark.parametrize(("rows", "columns"), [SMALL, pytest.param(*LARGE, marks=pytest.mark.slow)])
+def test_pandas(measure: Callable[..., None], rows: int, columns: int) -> None:
+    with alphas_in_pandas.formulas(panel_of(rows, columns)) as formulas:
+        measure(
+            lambda: [compute() for compute in formulas.values()],
+            workload=workload(rows, columns),
+            contender=f"pandas, {len(formulas)}",
+            count=rows * columns * len(formulas),
+            unit=UNIT,
+            rounds=1,
+        )
+
+
+@shapes
+@pytest.mark.parametrize("contender", [MODULE, "polars"])
+def test_those_of_polars(
+    measure: Callable[..., None], rows: int, columns: int, contender: str
+) -> None:
+    numbers = list(alphas_in_polars.FORMULAS)
+    table = alphas_in_polars.long_table(panel_of(rows, columns))
+    context = context_of(columns, rows)
+    runs: dict[str, Callable[[], Any]] = {
+        MODULE: lambda: evaluate_singly(numbers, context),
+        "polars": lambda: [alphas_in_polars.run(number, table) for number in numbers],
+    }
+    measure(
+        runs[contender],
+        workload=f"{len(numbers)} of them, one by one, {rows:,} x {columns}",
+        contender=contender,
+        count=rows * columns * len(numbers),
         unit=UNIT,
         rounds=3,
     )

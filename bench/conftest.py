@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from bench.report import BEYOND, Figure, beyond, by_workload
+from bench.report import BEYOND, Figure, beyond, by_subject_and_unit, by_workload, spreads
 
 PACKAGES = ["numpy", "bottleneck", "numbagg", "numexpr", "pandas", "polars", "scipy", "Cython"]
 FIGURES = pytest.StashKey[list[Figure]]()
@@ -44,7 +44,8 @@ def measure(benchmark: Any, request: pytest.FixtureRequest) -> Iterator[Callable
     """Times `call`, which does `count` times what the unit names, in one workload's group.
 
     `unit` begins with the unit of time: "ns a cell". `floor` tells that the contender does only a
-    part of the work, `part` which one (see bench/report.py), and `memory` what it took.
+    part of the work, `part` which one (see bench/report.py), and `memory` what it took. `setup`
+    comes before every round and isn't timed.
     """
 
     def run(
@@ -59,12 +60,13 @@ def measure(benchmark: Any, request: pytest.FixtureRequest) -> Iterator[Callable
         floor: bool = False,
         part: str = "",
         memory: str = "",
+        setup: Callable[[], None] | None = None,
     ) -> None:
         benchmark.group = workload
         benchmark.extra_info.update(
             contender=contender, count=count, unit=unit, floor=floor, part=part, memory=memory
         )
-        benchmark.pedantic(call, rounds=rounds, iterations=iterations, warmup_rounds=1)
+        benchmark.pedantic(call, setup=setup, rounds=rounds, iterations=iterations, warmup_rounds=1)
 
     yield run
     if benchmark.stats is not None:
@@ -87,3 +89,6 @@ def pytest_terminal_summary(terminalreporter: Any, config: pytest.Config) -> Non
             terminalreporter.write_line(line.rstrip())
         if own := beyond(group):
             terminalreporter.write_line(f"{BEYOND:<26} {own:>26}")
+    for figures in by_subject_and_unit(config.stash[FIGURES]):
+        for line in spreads(by_workload(figures)):
+            terminalreporter.write_line(line)

@@ -7,6 +7,7 @@ out keep what the page says of them, each with the commit that it was measured a
 from __future__ import annotations
 
 import json
+import statistics
 import sys
 from collections.abc import Iterable, Mapping, Sequence
 from dataclasses import dataclass
@@ -34,6 +35,9 @@ TITLES = {
     "bench_row_functions": "Functions in machine code",
     "bench_strips": "Strips of rows",
     "bench_alphas": "The published formulas",
+    "bench_single_alphas": "Each published formula",
+    "bench_alpha_ticks": "Ticks of the published formulas",
+    "bench_demo": "The demonstration",
     "bench_large_graphs": "From the call to the first row",
     "bench_pickling": "Pickling a context",
     "bench_panels": "Reading panels",
@@ -51,6 +55,8 @@ DEPICTED = [
 # which may keep and change what they are given.
 CALLS, COPY, ARGUMENTS = "calls", "copy", "arguments"
 BEYOND = "beyond calls and copies"
+# From so many workloads of one unit on, a table is summed up.
+MANY = 20
 # This module, those who do the whole work, those who do a part of it.
 BLUE, DARK, LIGHT = "#1b6ca8", "#5b6b77", "#b4c0c8"
 
@@ -115,6 +121,14 @@ def by_workload(figures: Iterable[Figure]) -> list[list[Figure]]:
     return list(groups.values())
 
 
+def by_subject_and_unit(figures: Iterable[Figure]) -> list[list[Figure]]:
+    """Those that stand in one table."""
+    tables: dict[tuple[str, str], list[Figure]] = {}
+    for figure in figures:
+        tables.setdefault((figure.subject, figure.unit), []).append(figure)
+    return list(tables.values())
+
+
 def beyond(group: Sequence[Figure]) -> str:
     """What the module spends on its own; empty where its parts weren't measured.
 
@@ -145,9 +159,10 @@ def table(header: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
 def section(figures: Sequence[Figure], setting: str) -> str:
     """The tables of one subject, one for each unit of time."""
     parts = [f"## {TITLES[figures[0].subject]}", setting]
-    for unit in dict.fromkeys(figure.unit for figure in figures):
-        groups = by_workload(each for each in figures if each.unit == unit)
-        parts.append(times(unit, groups))
+    for same in by_subject_and_unit(figures):
+        groups = by_workload(same)
+        parts.append(times(same[0].unit, groups))
+        parts.extend(spreads(groups))
     with_memory = [each for each in figures if each.memory]
     if with_memory:
         names = list(dict.fromkeys(each.contender for each in with_memory))
@@ -174,6 +189,27 @@ def times(unit: str, groups: Sequence[Sequence[Figure]]) -> str:
         for row, text in zip(rows, own, strict=True):
             row.insert(2, text)
     return table(header, rows)
+
+
+def spreads(groups: Sequence[Sequence[Figure]]) -> list[str]:
+    """A line for each contender of many workloads: its lowest, middle and highest ratios."""
+    ratios: dict[str, list[tuple[float, str]]] = {}
+    for first, *rest in groups:
+        for each in rest:
+            ratio = each.median / first.median
+            ratios.setdefault(each.contender, []).append((ratio, each.workload))
+    lines = []
+    for name, found in ratios.items():
+        if len(found) < MANY:
+            continue
+        least = ", ".join(f"{ratio:.1f} ({workload})" for ratio, workload in sorted(found)[:5])
+        greatest, of = max(found)
+        middle = statistics.median(ratio for ratio, _ in found)
+        lines.append(
+            f"Of {len(found)} ratios, {name} has {middle:.1f} in the middle, {least} at the lower "
+            f"end and {greatest:.1f} ({of}) at the upper."
+        )
+    return lines
 
 
 def faster(figures: Sequence[Figure]) -> str:

@@ -135,6 +135,18 @@ def test_each_unit_has_one_table_in_whatever_order_its_figures_come() -> None:
     ]
 
 
+def test_a_table_of_many_workloads_is_summed_up() -> None:
+    numbers = range(1, report.MANY + 2)
+    formulas = [figure("this module", 10.0, workload=f"formula {n}") for n in numbers]
+    peers = [figure("another", 10.0 * n, workload=f"formula {n}") for n in numbers]
+    few = [figure("a third", 10.0, workload=f"formula {n}") for n in (1, 2)]
+    assert report.spreads(report.by_workload([*formulas, *peers, *few])) == [
+        "Of 21 ratios, another has 11.0 in the middle, 1.0 (formula 1), 2.0 (formula 2), "
+        "3.0 (formula 3), 4.0 (formula 4), 5.0 (formula 5) at the lower end and 21.0 (formula 21) "
+        "at the upper."
+    ]
+
+
 def test_who_does_a_part_only_is_not_faster() -> None:
     fast = figure("another", 100.0)
     assert report.faster([MODULE, fast, *PARTS]).splitlines()[2:] == [f"- {CHAIN}: another, 0.50"]

@@ -7,7 +7,8 @@ result is made.
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Mapping
+import re
+from collections.abc import Mapping
 from copy import copy
 from dataclasses import dataclass
 from typing import Any, TypeVar
@@ -64,10 +65,10 @@ def _evaluate_chain(
         joint = evaluate(_chain(graphs), _with_filing(context, filed.values()))
     except Exception:  # noqa: BLE001 - by itself, the graph at fault tells its own
         return _one_by_one(graphs, context)
-    states = dict(_states_by_graph(joint.states, len(graphs)))
+    by_graph = _states_by_graph(joint.states, len(graphs))
     return {
-        key: EvaluationResult(_blank_warmup(filed[key], graph, context), states.get(place, {}))
-        for place, (key, graph) in enumerate(graphs.items())
+        key: EvaluationResult(_blank_warmup(filed[key], graph, context), states)
+        for (key, graph), states in zip(graphs.items(), by_graph, strict=True)
     }
 
 
@@ -120,20 +121,21 @@ def _with_filing(context: EvaluationContext, matrices: Any) -> EvaluationContext
     return joint
 
 
-def _states_by_graph(states: Mapping[str, Any], count: int) -> Iterator[tuple[int, dict[str, Any]]]:
+def _states_by_graph(states: Mapping[str, Any], count: int) -> list[dict[str, Any]]:
     """The states of each graph under the keys that they have when it runs by itself."""
-    # The last graph hangs on the root, the one before it a step further down, and so on.
-    for place in range(count):
-        steps = count - 1 - place
-        own = "root" + ".c0" * steps + (".c1" if place > 0 else ".c0")
-        yield (
-            place,
-            {
-                "root" + key[len(own) :]: state
-                for key, state in states.items()
-                if key == own or key.startswith(own + ".")
-            },
-        )
+    by_graph: list[dict[str, Any]] = [{} for _ in range(count)]
+    # The last graph hangs on the root, the one before it a step further down, and so on; the first
+    # is at the end of all steps.
+    steps_down = re.compile(rf"root((?:\.c0){{0,{count}}})(\.c1)?")
+    for key, state in states.items():
+        found = steps_down.match(key)
+        assert found is not None
+        steps = len(found[1]) // len(".c0")
+        if steps == count:
+            by_graph[0]["root" + key[found.end(1) :]] = state
+        else:
+            by_graph[count - 1 - steps]["root" + key[found.end() :]] = state
+    return by_graph
 
 
 def _blank_warmup(
