@@ -74,17 +74,15 @@ void RotationStep::run_kernel(NodeIndex index, const quernbrook_row_kernel& kern
   if (status != 0) raise_kernel_failure(run_, index, failure, row, 1);
 }
 
-std::vector<NodeIndex> RotationStep::argument_sources(NodeIndex index) {
+void RotationStep::append_argument_sources(NodeIndex index, std::vector<NodeIndex>& sources) {
   const Node& node = run_.table.nodes[index];
   CallPlan& plan = plans_[index];
   plan.with_config = takes_config_children(node, plan);
   plan.in_bound_run = run_is_bound();
   choose_arguments(node, plan);
-  std::vector<NodeIndex> sources;
   for (std::size_t place = 0; place < plan.argument_count; ++place) {
     sources.push_back(arguments_[node.first_child + place].source);
   }
-  return sources;
 }
 
 Object RotationStep::call_with(NodeIndex index, std::span<const Object> rows) {

@@ -16,8 +16,9 @@ class RotationStep {
 
   void run(graph_prep::NodeIndex node, npy_intp row);
 
-  /// The children that the node's arguments stand for, as things are now.
-  std::vector<graph_prep::NodeIndex> argument_sources(graph_prep::NodeIndex node);
+  /// Appends the children that the node's arguments stand for, as things are now.
+  void append_argument_sources(graph_prep::NodeIndex node,
+                               std::vector<graph_prep::NodeIndex>& sources);
   /// The instance's result for rows of its own; empty where it failed.
   Object call_with(graph_prep::NodeIndex node, std::span<const Object> rows);
 

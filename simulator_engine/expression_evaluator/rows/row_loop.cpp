@@ -43,10 +43,15 @@ class RowLoop {
     npy_intp row = 0;
     if (functions_.any() && is_plain_context()) {
       // It resolves the filters.
-      if (has_filters() && run_.rows > 0) run_row(row++);
+      if (has_filters() && run_.rows > 0) {
+        clear_registers();
+        run_row(row++);
+      }
       row = run_strips(row);
     }
     first_single_row_ = row;
+    // A run in strips alone ends with a row in each.
+    if (row < run_.rows || run_.rows == 0) clear_registers();
     for (; row < run_.rows; ++row) run_row(row);
   }
 
@@ -64,6 +69,12 @@ class RowLoop {
 
   void set_day(npy_intp row) {
     set_attribute(run_.context, run_.space.names.current_day_index, integer(row));
+  }
+
+  void clear_registers() {
+    if (are_clear_) return;
+    std::fill_n(registers_.row(0), registers_.cell_count(), 0.0);
+    are_clear_ = true;
   }
 
   void begin_row(npy_intp row) {
@@ -91,6 +102,7 @@ class RowLoop {
     const StripPlan plan(run_, functions_, rotations_);
     if (plan.steps().empty()) return row;
     if (may_be_whole && !plan.is_whole() && !may_read_ahead()) return row;
+    if (!plan.is_whole()) clear_registers();
     Strips strips(run_, registers_, rotations_, functions_, plan);
     // What other threads replace meanwhile is not looked at where nodes were joined.
     const npy_intp first = row;
@@ -183,6 +195,7 @@ class RowLoop {
   RotationStep rotations_;
   Turns turns_;
   npy_intp first_single_row_ = 0;  // of those that go row by row
+  bool are_clear_ = false;         // the registers were set to zero
 };
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <optional>
-#include <unordered_map>
+#include <utility>
 
 #include "expression_evaluator/rows/equal_nodes.hpp"
 #include "expression_evaluator/rows/leaf_step.hpp"
@@ -141,20 +141,20 @@ bool StripPlan::find_parents(const Run& run) {
 
 /// Two nodes of one state take turns row by row.
 void StripPlan::refuse_shared_states(const Run& run, const RowFunctions& functions) {
-  std::unordered_map<const void*, NodeIndex> first_of;
-  const auto note = [&](const void* state, NodeIndex node) {
-    const auto [first, is_new] = first_of.try_emplace(state, node);
-    if (!is_new && first->second != node) is_refused_[first->second] = is_refused_[node] = 1;
-  };
+  std::vector<std::pair<const void*, NodeIndex>> states;
   for (const NodeIndex node : run.table.functions) {
-    const auto note_kernel = [&](const auto& kernel) {
-      if (!kernel.empty() && kernel->state != nullptr) note(kernel->state, node);
-    };
     const RowFunction& function = functions.of(node);
     if (!function.kernel.empty() && (function.kernel->flags & QUERNBROOK_STATELESS) != 0) continue;
-    note(run.table.nodes[node].instance.get(), node);
-    note_kernel(function.kernel);
-    note_kernel(function.reduction);
+    states.emplace_back(run.table.nodes[node].instance.get(), node);
+    if (!function.kernel.empty()) states.emplace_back(function.kernel->state, node);
+    if (!function.reduction.empty()) states.emplace_back(function.reduction->state, node);
+  }
+  std::ranges::sort(states);
+  for (std::size_t place = 1; place < states.size(); ++place) {
+    const auto& [state, node] = states[place];
+    const auto& [state_before, node_before] = states[place - 1];
+    if (state == nullptr || state != state_before || node == node_before) continue;
+    is_refused_[node] = is_refused_[node_before] = 1;
   }
 }
 
@@ -190,12 +190,11 @@ void StripPlan::add(const Run& run, const RowFunctions& functions, RotationStep&
     const RowFunction& function = functions.of(index);
     if (function.kernel.empty() && function.block.empty()) return;
     step.kind = function.kernel.empty() ? StripStep::Kind::block : StripStep::Kind::kernel;
-    const std::vector<NodeIndex> sources = rotations.argument_sources(index);
-    // Without arguments, the method couldn't tell how many rows are wanted.
-    if (step.kind == StripStep::Kind::block && sources.empty()) return;
     step.first_source = static_cast<std::uint32_t>(sources_.size());
-    step.source_count = static_cast<std::uint32_t>(sources.size());
-    sources_.insert(sources_.end(), sources.begin(), sources.end());
+    rotations.append_argument_sources(index, sources_);
+    step.source_count = static_cast<std::uint32_t>(sources_.size()) - step.first_source;
+    // Without arguments, the method couldn't tell how many rows are wanted.
+    if (step.kind == StripStep::Kind::block && step.source_count == 0) return;
   } else if (node.kind == NodeKind::reduction) {
     step.kind = *reduction_kind(run, functions, index);
   } else if (!plain_number(node, step.constant)) {

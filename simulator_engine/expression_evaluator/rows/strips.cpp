@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 #include "expression_evaluator/rows/function_output.hpp"
 #include "expression_evaluator/rows/leaf_step.hpp"
@@ -43,8 +44,8 @@ Strips::Strips(Run& run, const Registers& registers, RotationStep& rotations,
       leaves_(run.table.nodes.size()) {
   const auto columns = static_cast<std::size_t>(run.columns);
   // Without columns, too, kernels get pointers that are not null.
-  buffers_.resize(plan.buffer_count() * static_cast<std::size_t>(plan.rows_at_once()) * columns +
-                  1);
+  buffers_ = std::make_unique_for_overwrite<double[]>(
+      plan.buffer_count() * static_cast<std::size_t>(plan.rows_at_once()) * columns + 1);
   constants_.reserve(1);
   for (const StripStep& step : plan.steps()) {
     if (step.kind == Kind::constant) constants_.insert(constants_.end(), columns, step.constant);
@@ -159,7 +160,7 @@ double* Strips::target_of(const StripStep& step) {
   if (!run_.node_outputs.empty()) return doubles(run_.node_outputs[step.node]) + start;
   if (step.node == run_.table.root) return doubles(run_.weights) + start;
   if (step.buffer == StripStep::no_buffer) return nullptr;
-  return buffers_.data() + static_cast<npy_intp>(step.buffer) * plan_.rows_at_once() * run_.columns;
+  return buffers_.get() + static_cast<npy_intp>(step.buffer) * plan_.rows_at_once() * run_.columns;
 }
 
 void Strips::run_leaf(const StripStep& step, npy_intp count, double* target) {

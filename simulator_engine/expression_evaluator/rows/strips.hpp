@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -64,7 +65,7 @@ class Strips {
   RotationStep& rotations_;
   const RowFunctions& functions_;
   const StripPlan& plan_;
-  std::vector<double> buffers_;
+  std::unique_ptr<double[]> buffers_;
   std::vector<double> constants_;      // a row for each constant step
   std::vector<quernbrook_rows> rows_;  // by node, of the strip under way
   std::vector<quernbrook_rows> arguments_;

@@ -204,7 +204,8 @@ void prepare_buffers(Run& run) {
   run.rows = array_size(run.row_count);
   // The row loop writes every row of these.
   run.weights = uninitialised(run.rows, run.columns);
-  run.registers = zeros(register_count(run), run.columns);
+  // Whatever goes row by row finds zeros there.
+  run.registers = uninitialised(register_count(run), run.columns);
   prepare_extraction_buffer(run);
   run.data_nan.seed(run);
   const bool by_default = truth(run.bound_instances) || truth(run.precomputed_outputs);
