@@ -24,12 +24,18 @@ void require_window(std::size_t window) {
   if (window < 1) throw std::invalid_argument("window must be at least 1; got 0");
 }
 
+// As even as can be: a short last part costs as much as a long one.
+std::size_t even_part_length(std::size_t window, std::size_t part_count) {
+  return (window + part_count - 1) / part_count;
+}
+
 // Parts near the root of the window need the least memory, and the work at the beginning of one,
 // which goes through all others, stays a small share. Short windows are cheapest in one part.
 std::size_t usual_part_length(std::size_t window) {
   constexpr std::size_t short_window = 32;
   if (window <= short_window) return window;
-  return static_cast<std::size_t>(2.0 * std::sqrt(static_cast<double>(window)));
+  return even_part_length(
+      window, window / static_cast<std::size_t>(2.0 * std::sqrt(static_cast<double>(window))));
 }
 
 Plan plan_of_parts(std::size_t window, std::size_t part_length, double factor = 1.0,
@@ -62,7 +68,7 @@ std::unique_ptr<WindowFunction> centred(std::size_t window, CentredLoops loops, 
                                            half_statistics_loops().directly.*loops);
   }
   const std::size_t part_count = std::max<std::size_t>(3, window / usual_part_length(window));
-  const std::size_t part_length = (window + part_count - 1) / part_count;
+  const std::size_t part_length = even_part_length(window, part_count);
   return std::make_unique<TiledFunction>(window, plan_of_parts(window, part_length, factor, term),
                                          statistics_loops().in_parts.*loops,
                                          half_statistics_loops().in_parts.*loops);

@@ -88,24 +88,21 @@ struct Correlation : Centred<2, SumsOfSquaresAndProducts> {
   }
 
  private:
-  /// `joint` over the root of the product of the other two, rounded once, without a division or
-  /// a root, which would take most of the time.
+  /// `joint` over the root of the product of the other two, rounded once: what the rounded root,
+  /// its reciprocal and their products lack is made good in first order.
   static Lanes ratio(const LongLanes& joint, const LongLanes& first,
                      const LongLanes& second) noexcept {
     const Lanes product = first.value * second.value;
-    const Lanes reciprocal_root = nearly_reciprocal_root(product);
-    // What its square times the product lacks to 1, by the product as it is before rounding.
-    const Lanes once = product * reciprocal_root;
-    const Lanes twice = once * reciprocal_root;
-    const Lanes lacking =
-        (1.0 - twice) - lost_in_product(once, reciprocal_root, twice) -
-        reciprocal_root *
-            (lost_in_product(product, reciprocal_root, once) +
-             reciprocal_root * (lost_in_product(first.value, second.value, product) +
-                                (first.value * second.error + first.error * second.value)));
-    const Lanes rough = joint.value * reciprocal_root;
-    const Lanes ratio = rough + (lost_in_product(joint.value, reciprocal_root, rough) +
-                                 joint.error * reciprocal_root + 0.5 * rough * lacking);
+    const Lanes root = square_root(product);
+    const Lanes reciprocal = 1.0 / root;
+    const Lanes product_lacks = lost_in_product(first.value, second.value, product) +
+                                (first.value * second.error + first.error * second.value);
+    const Lanes square_lacks = product_lacks - lost_in_product(root, root, product);
+    const Lanes reciprocal_lacks = -lost_in_product(root, reciprocal, all(1.0));
+    const Lanes rough = joint.value * reciprocal;
+    const Lanes lacking = reciprocal_lacks - 0.5 * square_lacks * reciprocal * reciprocal;
+    const Lanes ratio = rough + (lost_in_product(joint.value, reciprocal, rough) +
+                                 joint.error * reciprocal + rough * lacking);
     // Where the product overflows or loses digits, at the price of more roots.
     const Bits is_extreme = (product < 0x1p-960) | (product > 0x1p1000);
     if (!any(is_extreme)) return ratio;

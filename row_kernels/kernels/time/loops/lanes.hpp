@@ -63,19 +63,6 @@ inline Lanes square_root(Lanes lanes) noexcept {
 #endif
 }
 
-/// One over the square root of normal numbers, to ten digits: three steps of Newton's, from the
-/// exponent halved.
-inline Lanes nearly_reciprocal_root(Lanes number) noexcept {
-  Bits bits;
-  __builtin_memcpy(&bits, &number, sizeof bits);
-  bits = 0x5fe6eb50c7b537a9 - (bits >> 1);
-  Lanes root;
-  __builtin_memcpy(&root, &bits, sizeof root);
-  const Lanes half = 0.5 * number;
-  for (int step = 0; step < 3; ++step) root *= 1.5 - half * (root * root);
-  return root;
-}
-
 /// Of finite numbers: neither NaN nor infinite.
 inline Bits is_finite(Lanes lanes) noexcept { return lanes - lanes == Lanes{}; }
 
@@ -102,9 +89,10 @@ inline Lanes upper_half(Lanes lanes) noexcept {
   return lanes;
 }
 
-/// What the rounded product of two numbers lacks, itself rounded where it is subnormal. One
-/// operation where products and sums can be fused, else by halves (Veltkamp 1968, Dekker 1971):
-/// those are exact, too, but for the least numbers, so that the bits are the same.
+/// What a product lacks that was rounded, or that is known to come near to `product`: itself
+/// rounded only where it is subnormal. One operation where products and sums can be fused, else by
+/// halves (Veltkamp 1968, Dekker 1971), which gives the same bits but near the ends of what doubles
+/// hold.
 inline Lanes lost_in_product(Lanes left, Lanes right, Lanes product) noexcept {
 #if defined(__AVX512F__)
   return _mm512_fmsub_pd(left, right, product);
