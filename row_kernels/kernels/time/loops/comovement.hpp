@@ -37,7 +37,7 @@ struct Covariance : Centred<2, SumsOfProducts> {
 
 /// Of two arguments that move together the correlation depends on deviations, means and shifts in
 /// second order only, as long as all three sums take the same; it depends on their products in
-/// first order. So those are not rounded, and neither are the sums.
+/// first order. So those of sums and shifts are not rounded, and those of a row once.
 struct SumsOfSquaresAndProducts {
   Lanes sum[2]{};
   LongLanes squares[2]{};
@@ -73,7 +73,7 @@ struct SumsOfSquaresAndProducts {
 struct Correlation : Centred<2, SumsOfSquaresAndProducts> {
   static Lanes finish(const Plan& plan, const Base&, Part older, const Part& newer, const Cells<2>&,
                       std::size_t) noexcept {
-    // Whose products are those of the sums with the means.
+    // Times the root of the window's length, so that their products are those of sums with means.
     Lanes mean[2];
     for (std::size_t a = 0; a < 2; ++a) {
       mean[a] = (older.sum[a] + newer.sum[a]) * plan.factor;

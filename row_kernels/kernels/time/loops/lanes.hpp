@@ -91,15 +91,15 @@ inline Lanes upper_half(Lanes lanes) noexcept {
 
 /// What a product lacks that was rounded, or that is known to come near to `product`: itself
 /// rounded only where it is subnormal. One operation where products and sums can be fused, else by
-/// halves (Veltkamp 1968, Dekker 1971), which gives the same bits but near the ends of what doubles
-/// hold.
+/// halves (Veltkamp 1968, Dekker 1971), which gives the same bits; near the ends of what doubles
+/// hold, where it doesn't, number by number.
 inline Lanes lost_in_product(Lanes left, Lanes right, Lanes product) noexcept {
 #if defined(__AVX512F__)
   return _mm512_fmsub_pd(left, right, product);
 #elif defined(__FMA__)
   return _mm256_fmsub_pd(left, right, product);
 #else
-  Lanes lost;
+  Lanes lost{};
 #if !defined(__FP_FAST_FMA)
   constexpr double splitter = 0x1p27 + 1.0;
   const Lanes left_upper = splitter * left - (splitter * left - left);
@@ -140,8 +140,9 @@ struct LongLanes {
     error += other.error;
   }
 
-  /// Adds a term of the same sign, at a third of the cost. Where a term exceeds the value, up to
-  /// half a unit of its last place is lost: at most one such unit in all, as values double then.
+  /// Adds a term at half of the cost. Where a term exceeds the value, up to half a unit of its last
+  /// place is lost: of terms of one sign at most one such unit of the sum in all, as values double
+  /// then, and of others one of the sum of their sizes.
   void add_growing(Lanes term) noexcept {
     const Lanes sum = value + term;
     error += term - (sum - value);
