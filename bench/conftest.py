@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 from collections.abc import Callable, Iterator
 from importlib import metadata
 from typing import Any
@@ -11,6 +12,8 @@ import pytest
 from bench.report import BEYOND, Figure, beyond, by_subject_and_unit, by_workload, spreads
 
 PACKAGES = ["numpy", "bottleneck", "numbagg", "numexpr", "pandas", "polars", "scipy", "Cython"]
+# One thread for all, and for numbagg, too, which asks when it is imported.
+os.environ["NUMBA_NUM_THREADS"] = "1"
 FIGURES = pytest.StashKey[list[Figure]]()
 
 

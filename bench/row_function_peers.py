@@ -1,7 +1,8 @@
 """What NumPy, pandas, bottleneck and numbagg have for the functions of the library.
 
-Each gets what it likes best: frames for pandas, columns along memory for numbagg. A function takes
-the operands and the window, and gives a whole matrix.
+Each gets what it likes best: frames for pandas, and for what runs along time in bottleneck and
+numbagg columns along memory. A function takes the operands and the window, and gives a whole
+matrix.
 """
 
 from __future__ import annotations
@@ -42,18 +43,24 @@ def transposed(operand: Matrix) -> Matrix:
     return np.ascontiguousarray(operand.T)
 
 
-PREPARE: dict[str, Callable[[Matrix], Any]] = {
-    "NumPy": as_it_is,
-    "pandas": pandas.DataFrame,
-    "bottleneck": as_it_is,
-    "numbagg": transposed,
-}
-LIBRARIES = list(PREPARE)
+LIBRARIES = ["NumPy", "pandas", "bottleneck", "numbagg"]
 
 
-def result_of(library: str, peer: Peer, operands: list[Matrix], window: int) -> Matrix:
-    result = np.asarray(peer(*(PREPARE[library](operand) for operand in operands), window))
-    return result.T if library == "numbagg" else result
+def preparation(library: str, name: str) -> Callable[[Matrix], Any]:
+    """What turns an operand into what a library gets for a function."""
+    if library == "pandas":
+        return pandas.DataFrame
+    return transposed if _is_transposed(library, name) else as_it_is
+
+
+def _is_transposed(library: str, name: str) -> bool:
+    return library in ("bottleneck", "numbagg") and name.startswith("longitudinal_")
+
+
+def result_of(library: str, name: str, operands: list[Matrix], window: int) -> Matrix:
+    prepare = preparation(library, name)
+    result = np.asarray(PEERS[library][name](*map(prepare, operands), window))
+    return result.T if _is_transposed(library, name) else result
 
 
 def numpy_scale(x: Matrix, _: int) -> Matrix:
@@ -140,21 +147,23 @@ PEERS: dict[str, dict[str, Peer]] = {
     },
     "bottleneck": {
         "latitudinal_rank": bottleneck_rank,
-        "longitudinal_sum": lambda x, w: bottleneck.move_sum(x, w, axis=0),
-        "longitudinal_mean": lambda x, w: bottleneck.move_mean(x, w, axis=0),
-        "longitudinal_std": lambda x, w: bottleneck.move_std(x, w, axis=0),
-        "longitudinal_variance": lambda x, w: bottleneck.move_var(x, w, axis=0),
-        "longitudinal_max": lambda x, w: bottleneck.move_max(x, w, axis=0),
-        "longitudinal_min": lambda x, w: bottleneck.move_min(x, w, axis=0),
-        "longitudinal_days_since_max": lambda x, w: bottleneck.move_argmax(x, w, axis=0),
-        "longitudinal_days_since_min": lambda x, w: bottleneck.move_argmin(x, w, axis=0),
-        "longitudinal_rank": lambda x, w: (bottleneck.move_rank(x, w, axis=0) + 1.0) / 2.0,
-        "longitudinal_quantile": lambda x, w: bottleneck.move_median(x, w, axis=0),
+        "longitudinal_sum": lambda x, w: bottleneck.move_sum(x, w),
+        "longitudinal_mean": lambda x, w: bottleneck.move_mean(x, w),
+        "longitudinal_std": lambda x, w: bottleneck.move_std(x, w),
+        "longitudinal_variance": lambda x, w: bottleneck.move_var(x, w),
+        "longitudinal_max": lambda x, w: bottleneck.move_max(x, w),
+        "longitudinal_min": lambda x, w: bottleneck.move_min(x, w),
+        "longitudinal_days_since_max": lambda x, w: bottleneck.move_argmax(x, w),
+        "longitudinal_days_since_min": lambda x, w: bottleneck.move_argmin(x, w),
+        "longitudinal_rank": lambda x, w: (bottleneck.move_rank(x, w) + 1.0) / 2.0,
+        "longitudinal_quantile": lambda x, w: bottleneck.move_median(x, w),
     },
     "numbagg": {
         "longitudinal_sum": lambda x, w: numbagg.move_sum(x, window=w),
         "longitudinal_mean": lambda x, w: numbagg.move_mean(x, window=w),
         "longitudinal_sample_std": lambda x, w: numbagg.move_std(x, window=w),
+        "longitudinal_sample_variance": lambda x, w: numbagg.move_var(x, window=w),
+        "longitudinal_sample_covariance": lambda x, y, w: numbagg.move_cov(x, y, window=w),
         "longitudinal_correlation": lambda x, y, w: numbagg.move_corr(x, y, window=w),
     },
 }

@@ -1,7 +1,4 @@
-#include <array>
-#include <cstdio>
 #include <memory>
-#include <stdexcept>
 
 #include "definition.hpp"
 #include "functions.hpp"
@@ -39,16 +36,6 @@ std::unique_ptr<WindowFunction> make_kurtosis_of(std::size_t window, bool sample
 
 std::unique_ptr<WindowFunction> make_rank_of_newest(std::size_t window) {
   return make_rank(window);
-}
-
-std::unique_ptr<WindowFunction> make_quantile_of(std::size_t window, double share) {
-  if (!(share >= 0.0 && share <= 1.0)) {
-    std::array<char, 80> text{};
-    std::snprintf(text.data(), text.size(), "share must be at least 0 and at most 1; got %g",
-                  share);
-    throw std::invalid_argument(text.data());
-  }
-  return make_quantile(window, share);
 }
 
 // What all of them but delay and delta have in common.
@@ -121,7 +108,7 @@ void define_time(nb::module_& module) {
   define<make_correlation>(module, "longitudinal_correlation",
                            "Pearson's correlation of two rows over the window, from -1 to 1; NaN "
                            "where all values of one\n"
-                           "are equal.\n" STRICT_WINDOW,
+                           "are equal, and exactly -1 or 1 for a window of 2.\n" STRICT_WINDOW,
                            window);
   define<make_skewness_of>(
       module, "longitudinal_skewness",
@@ -153,7 +140,7 @@ void define_time(nb::module_& module) {
       "(window - 1); equal values share the average of their ranks. NaN for a window of 1, where\n"
       "nothing is compared.\n" STRICT_WINDOW,
       window);
-  define<make_quantile_of>(
+  define<make_quantile>(
       module, "longitudinal_quantile",
       "The value below which a `share` of the window lies, from 0 to 1, between two values in\n"
       "proportion, in the units of the row: the seventh definition of R. J. Hyndman and Y. Fan, "

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import pickle
 from itertools import cycle, repeat
 from typing import Any
 
@@ -136,6 +137,36 @@ def test_constant_windows(name: str, config: dict[str, Any]) -> None:
         np.testing.assert_array_equal(result, expected)
     else:
         np.testing.assert_allclose(result, expected, rtol=1e-15)
+
+
+@pytest.mark.parametrize("registry", [COMPILED, PLAIN], ids=["compiled", "plain"])
+def test_correlation_of_two_rows(registry: Any) -> None:
+    """Two points lie on a line, whatever their distance."""
+    least, greatest = 5e-324, 1.7e308
+    x = np.array([[0.1, 0.1, 0.0, -greatest, 3.0, -0.0, 1.0, np.nan, 1.0],
+                  [0.3, 0.3, least, greatest, 3.0, 0.0, np.inf, 1.0, 2.0]])  # fmt: skip
+    y = np.array([[7.0, 7.1, 1e-9, -1e-200, 1.0, 1.0, 1.0, 1.0, -np.inf],
+                  [7.1, 7.0, 1e9, -1e-100, 2.0, 2.0, 2.0, 2.0, 1.0]])  # fmt: skip
+    correlation = registry.create_instance("longitudinal_correlation", window=2)
+    assert np.isnan(correlation(x[0], y[0])).all()
+    expected = [1.0, -1.0, 1.0, -1.0, np.nan, np.nan, np.nan, np.nan, np.nan]
+    np.testing.assert_array_equal(correlation(x[1], y[1]), expected)
+
+
+@along_time
+def test_pickled_anywhere(name: str, config: dict[str, Any]) -> None:
+    """An instance that was pickled goes on with the same bits."""
+    window, columns = config["window"], 9
+    rows = 3 * window + 5
+    arguments = arguments_of(COMPILED.create_instance(name, **config), rows, columns)
+    expected = bits(whole(COMPILED.create_instance(name, **config), arguments))
+    instance = COMPILED.create_instance(name, **config)
+    parts = []
+    for part in strips(rows, cycle([1, 3, window])):
+        taken = [argument[part] for argument in arguments]
+        parts.append(KernelCall(instance)(taken, part.stop - part.start, columns))
+        instance = pickle.loads(pickle.dumps(instance))
+    assert bits(np.concatenate(parts)) == expected
 
 
 @along_time

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import ctypes
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from typing import Any
 
 import numpy as np
@@ -96,20 +96,25 @@ class KernelCall:
 
     def fill(self, result: np.ndarray, arguments: Sequence[np.ndarray]) -> None:
         """The same into a C-ordered block."""
+        self.bound(result, arguments)()
+
+    def bound(self, result: np.ndarray, arguments: Sequence[np.ndarray]) -> Callable[[], None]:
+        """The call of `fill`, to be made again and again without what leads up to it."""
         views = (Rows * max(len(arguments), 1))()
         for view, argument in zip(views, arguments, strict=False):
             view.first = ctypes.cast(argument.ctypes.data, _Cells)
             view.stride = argument.strides[0] // 8 if argument.ndim == 2 else 0
         failure = Failure()
-        if self.kernel.run(
-            self.kernel.state,
-            views,
-            len(arguments),
-            *result.shape,
-            ctypes.cast(result.ctypes.data, _Cells),
-            ctypes.byref(failure),
-        ):
-            raise KernelFailure(failure)
+        cells = ctypes.cast(result.ctypes.data, _Cells)
+        run, state, count = self.kernel.run, self.kernel.state, len(arguments)
+        shape, told = result.shape, ctypes.byref(failure)
+        kept = (self.capsule, result, arguments)  # what the addresses lead to
+
+        def call(_: object = kept) -> None:
+            if run(state, views, count, *shape, cells, told):
+                raise KernelFailure(failure)
+
+        return call
 
 
 class ReductionCall:

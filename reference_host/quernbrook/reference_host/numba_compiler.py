@@ -32,44 +32,19 @@ _OPTIONS = {"error_model": "numpy"}
 def compiled(function: Callable[..., Any], name: str, arity: int, over_rows: bool) -> Any:
     """The kernel as Numba's cfunc. Raises TypeError where Numba can't compile it."""
     step = numba.njit(function, **_OPTIONS)
-    kernel = _kernel_over_rows(step, name, arity) if over_rows else _kernel(step, name, arity)
+    fill = _fill_from_rows(step, arity) if over_rows else _fill_cell_by_cell(step, arity)
     try:
-        return numba.cfunc(_SIGNATURE, **_OPTIONS)(kernel)
+        return numba.cfunc(_SIGNATURE, **_OPTIONS)(_kernel(fill, name, arity))
     except numba.core.errors.NumbaError as error:
         raise TypeError(f"row_kernel can't compile '{name}': {error}") from error
 
 
-def _kernel(step: Any, name: str, arity: int) -> Any:
-    row_pointers, cells_at = _row_pointers(arity), _cells_at(arity)
-    fail, wrong_count, raised = _failing(), _wrong_count(name, arity), _raised(name)
-
-    def kernel(
-        state: Any,
-        arguments: Any,
-        argument_count: Any,
-        row_count: Any,
-        column_count: Any,
-        result: Any,
-        failure: Any,
-    ) -> Any:
-        if argument_count != arity:
-            return fail(failure, 0, _TYPE_ERROR, wrong_count)
-        cells = numba.carray(result, (row_count, column_count))
-        for row in range(row_count):
-            pointers = row_pointers(arguments, row)
-            try:
-                for column in range(column_count):
-                    cells[row, column] = step(*cells_at(pointers, column))
-            except Exception:  # noqa: BLE001 - compiled code knows no others
-                return fail(failure, row, _RUNTIME_ERROR, raised)
-        return 0
-
-    return kernel
-
-
-def _kernel_over_rows(step: Any, name: str, arity: int) -> Any:
-    row_pointers, arrays_at = _row_pointers(arity), _arrays_at(arity)
-    fail, wrong_count, raised = _failing(), _wrong_count(name, arity), _raised(name)
+def _kernel(fill: Any, name: str, arity: int) -> Any:
+    row_pointers, fail = _row_pointers(arity), _failing()
+    wrong_count, raised = (
+        _text(f"{name} takes {arity} input(s)"),
+        _text(f"{name} raised an exception"),
+    )
 
     def kernel(
         state: Any,
@@ -85,8 +60,7 @@ def _kernel_over_rows(step: Any, name: str, arity: int) -> Any:
         cells = numba.carray(result, (row_count, column_count))
         for row in range(row_count):
             try:
-                rows = arrays_at(row_pointers(arguments, row), column_count)
-                cells[row] = step(*rows)
+                fill(cells[row], row_pointers(arguments, row))
             except Exception:  # noqa: BLE001 - compiled code knows no others
                 return fail(failure, row, _RUNTIME_ERROR, raised)
         return 0
@@ -94,12 +68,23 @@ def _kernel_over_rows(step: Any, name: str, arity: int) -> Any:
     return kernel
 
 
-def _wrong_count(name: str, arity: int) -> Any:
-    return _text(f"{name} takes {arity} input(s)")
+def _fill_cell_by_cell(step: Any, arity: int) -> Any:
+    cells_at = _cells_at(arity)
+
+    def fill(cells: Any, pointers: Any) -> None:
+        for column in range(cells.size):
+            cells[column] = step(*cells_at(pointers, column))
+
+    return numba.njit(fill, **_OPTIONS)
 
 
-def _raised(name: str) -> Any:
-    return _text(f"{name} raised an exception")
+def _fill_from_rows(step: Any, arity: int) -> Any:
+    arrays_at = _arrays_at(arity)
+
+    def fill(cells: Any, pointers: Any) -> None:
+        cells[:] = step(*arrays_at(pointers, cells.size))
+
+    return numba.njit(fill, **_OPTIONS)
 
 
 def _text(text: str) -> Any:

@@ -54,14 +54,28 @@ class LongitudinalCovariance(_WithChoice):
 
 
 class LongitudinalCorrelation(RollingRotation):
-    """Pearson's correlation of two rows; NaN where all values of one are equal."""
+    """Pearson's correlation of two rows; NaN where all values of one are equal.
+
+    Exactly -1 or 1 for a window of 2.
+    """
 
     name = "longitudinal_correlation"
     arity = 2
 
     def compute(self, x: Block, y: Block) -> Row:
+        if self.window == 2:
+            return _concordance(x, y)
         x, y = deviations(x), deviations(y)
         return mean(x * y) / (np.sqrt(mean(x**2)) * np.sqrt(mean(y**2)))
+
+
+def _concordance(x: Block, y: Block) -> Row:
+    """Whether both go the same way, 1 or -1; NaN where one stays or isn't finite."""
+    product = np.ones(x.shape[1])
+    for rows in (x, y):
+        way = np.subtract(rows[1] > rows[0], rows[1] < rows[0], dtype=np.float64)
+        product *= np.where(np.isfinite(rows).all(axis=0) & (way != 0.0), way, np.nan)
+    return product
 
 
 class LongitudinalSkewness(_WithChoice):

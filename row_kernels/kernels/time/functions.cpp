@@ -1,7 +1,9 @@
 #include "time/functions.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -22,12 +24,18 @@ void require_window(std::size_t window) {
   if (window < 1) throw std::invalid_argument("window must be at least 1; got 0");
 }
 
+// As even as can be: a short last part costs as much as a long one.
+std::size_t even_part_length(std::size_t window, std::size_t part_count) {
+  return (window + part_count - 1) / part_count;
+}
+
 // Parts near the root of the window need the least memory, and the work at the beginning of one,
 // which goes through all others, stays a small share. Short windows are cheapest in one part.
 std::size_t usual_part_length(std::size_t window) {
   constexpr std::size_t short_window = 32;
   if (window <= short_window) return window;
-  return static_cast<std::size_t>(2.0 * std::sqrt(static_cast<double>(window)));
+  return even_part_length(
+      window, window / static_cast<std::size_t>(2.0 * std::sqrt(static_cast<double>(window))));
 }
 
 Plan plan_of_parts(std::size_t window, std::size_t part_length, double factor = 1.0,
@@ -50,7 +58,7 @@ std::unique_ptr<WindowFunction> simple(std::size_t window, Loops loops) {
   return make(window, plan_of_parts(window, usual_part_length(window)), loops);
 }
 
-// The centre is the mean of the other parts, which leaves a third of the window to one part.
+// The centre is the mean of the other parts, of which there are two at least.
 std::unique_ptr<WindowFunction> centred(std::size_t window, CentredLoops loops, double factor = 1.0,
                                         double term = 0.0) {
   constexpr std::size_t very_short_window = 5;
@@ -59,7 +67,8 @@ std::unique_ptr<WindowFunction> centred(std::size_t window, CentredLoops loops, 
     return std::make_unique<TiledFunction>(window, plan, statistics_loops().directly.*loops,
                                            half_statistics_loops().directly.*loops);
   }
-  const std::size_t part_length = std::min(window / 3, usual_part_length(window));
+  const std::size_t part_count = std::max<std::size_t>(3, window / usual_part_length(window));
+  const std::size_t part_length = even_part_length(window, part_count);
   return std::make_unique<TiledFunction>(window, plan_of_parts(window, part_length, factor, term),
                                          statistics_loops().in_parts.*loops,
                                          half_statistics_loops().in_parts.*loops);
@@ -144,7 +153,9 @@ std::unique_ptr<WindowFunction> make_covariance(std::size_t window, Of of) {
 std::unique_ptr<WindowFunction> make_correlation(std::size_t window) {
   require_window(window);
   if (window == 1) return lone(&Statistics::lone_pair, nan);
-  return centred(window, &CentredStatistics::correlation);
+  if (window == 2) return make(window, Plan{.window = window}, &Statistics::concordance);
+  return centred(window, &CentredStatistics::correlation,
+                 1.0 / std::sqrt(static_cast<double>(window)));
 }
 
 // From sums over the window: the divisors of the moments are in the factors.
@@ -210,13 +221,16 @@ std::unique_ptr<WindowFunction> make_rank(std::size_t window) {
   return std::make_unique<TiledFunction>(window, plan, sorted_rank_loops, sorted_rank_loops);
 }
 
-std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q) {
+std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double share) {
   require_window(window);
-  if (!(q >= 0.0 && q <= 1.0)) {
-    throw std::invalid_argument("q must be within 0 and 1; got " + std::to_string(q));
+  if (!(share >= 0.0 && share <= 1.0)) {
+    std::array<char, 80> text{};
+    std::snprintf(text.data(), text.size(), "share must be at least 0 and at most 1; got %g",
+                  share);
+    throw std::invalid_argument(text.data());
   }
   constexpr std::size_t longest_in_lines = 256;
-  const Plan plan{.window = window, .factor = q};
+  const Plan plan{.window = window, .factor = share};
   if (window <= longest_in_lines) return make(window, plan, &Statistics::quantile);
   return std::make_unique<TiledFunction>(window, plan, sorted_quantile_loops,
                                          sorted_quantile_loops);

@@ -13,9 +13,9 @@ namespace quernbrook::row_kernels {
 ///
 /// Sums are in twice the working precision, deviations are measured from a centre near the mean,
 /// and nothing is ever subtracted that has left the window. Values are within 4 units in the last
-/// place of the exact ones, or of what they are made of where that cancels, whatever came before; a
-/// correlation near 1 within 6. Infinities follow IEEE arithmetic. Powers of deviations that leave
-/// the range of doubles give NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77.
+/// place of the exact ones, or of what they are made of where that cancels, whatever came before.
+/// Infinities follow IEEE arithmetic. Powers of deviations that leave the range of doubles give
+/// NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77.
 ///
 /// A row costs the same whatever the window is, but for rank and quantile. In every 2 sqrt(window)
 /// rows, of long windows, one does the work that is left for as many; a call of one row then takes
@@ -47,7 +47,7 @@ std::unique_ptr<WindowFunction> make_z_score(std::size_t window);
 
 /// Of two arguments.
 std::unique_ptr<WindowFunction> make_covariance(std::size_t window, Of divisor = Of::population);
-/// NaN where all values of an argument are equal.
+/// NaN where all values of an argument are equal; of two rows exactly 1 or -1.
 std::unique_ptr<WindowFunction> make_correlation(std::size_t window);
 
 /// The third standardized moment, and the fourth less 3; or Fisher's adjusted ones for samples,
@@ -67,9 +67,9 @@ std::unique_ptr<WindowFunction> make_product(std::size_t window);
 /// a window of 1.
 std::unique_ptr<WindowFunction> make_rank(std::size_t window);
 
-/// The value below which a share `q` of the window lies, between its neighbours where there is
-/// none. Throws std::invalid_argument for a `q` that isn't within 0 and 1.
-std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double q);
+/// The value below which a `share` of the window lies, between its neighbours where there is none.
+/// Throws std::invalid_argument for a `share` that isn't within 0 and 1.
+std::unique_ptr<WindowFunction> make_quantile(std::size_t window, double share);
 
 /// Of the line of least squares over the rows: its rise a row, its value at the oldest row, and the
 /// newest value less the line's. A window of 1 has no slope (NaN); its line is level.

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "panels.hpp"
+#include "time/functions.hpp"
 #include "time/instruction_set.hpp"
 #include "time_functions.hpp"
 
@@ -176,6 +177,34 @@ TEST_CASE("all instruction sets") {
       }
     }
   }
+}
+
+TEST_CASE("all instruction sets, of deviations at the ends of what doubles hold") {
+  const InstructionSet widest = widest_instruction_set();
+  for (const double scale : {5e-324, 1e-160, 1e-150, 1e-120, 1e-80, 1e80, 1e145, 1e153, 1e300}) {
+    Input input = input_of(150, 9);
+    for (double& cell : input.first.cells) cell *= scale;
+    for (const TimeFunction& function : time_functions()) {
+      for (const std::size_t window : {3u, 5u, 6u, 20u, 40u}) {
+        const Panel expected = whole(function, window, input);
+        for (const InstructionSet set : {InstructionSet::baseline, InstructionSet::avx2}) {
+          use_instruction_set(set);
+          const Panel result = whole(function, window, input);
+          use_instruction_set(widest);
+          CAPTURE(function.name);
+          CAPTURE(window);
+          CAPTURE(scale);
+          CHECK(difference(result, expected) == "");
+        }
+      }
+    }
+  }
+}
+
+TEST_CASE("a share of a quantile that isn't one") {
+  for (const double share : {-0.1, 1.5, nan})
+    CHECK_THROWS_AS(make_quantile(5, share), std::invalid_argument);
+  CHECK_THROWS_WITH(make_quantile(5, 1.5), "share must be at least 0 and at most 1; got 1.5");
 }
 
 TEST_CASE("one row that serves all") {

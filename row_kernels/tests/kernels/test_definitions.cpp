@@ -99,4 +99,53 @@ TEST_CASE("long windows") {
   }
 }
 
+TEST_CASE("arguments that move together or apart, more and more strictly") {
+  const auto correlation =
+      std::find_if(time_functions().begin(), time_functions().end(),
+                   [](const auto& each) { return each.name == "correlation"; });
+  REQUIRE(correlation != time_functions().end());
+  for (const std::size_t window : {3u, 4u, 5u, 6u, 7u, 12u, 20u, 33u, 60u, 250u}) {
+    const auto seed = static_cast<unsigned>(window);
+    const Panel first = random_panel(3 * window + 400, 32, seed, 0.0);
+    const Panel noise = random_panel(first.rows, 32, seed + 1, 0.0);
+    for (const double share : {1e-1, 1e-4, 1e-7, 1e-8, 1e-12, 0.0}) {
+      Panel second(first.rows, 32);
+      for (std::size_t row = 0; row < first.rows; ++row) {
+        for (std::size_t column = 0; column < 32; ++column) {
+          const double together = first.at(row, column) + share * noise.at(row, column);
+          second.at(row, column) = (column < 16 ? 1.0 : -1.0) / 3.0 * together;
+        }
+      }
+      CAPTURE(share);
+      CHECK(first_fault(*correlation, window, first, second, window / 60 + 1) == "");
+    }
+  }
+}
+
+TEST_CASE("products of the least and the greatest numbers") {
+  const std::size_t window = 40;
+  const auto product = std::find_if(time_functions().begin(), time_functions().end(),
+                                    [](const auto& each) { return each.name == "product"; });
+  REQUIRE(product != time_functions().end());
+  Panel panel(150, 8);
+  for (std::size_t row = 0; row < panel.rows; ++row) {
+    for (std::size_t column = 0; column < 8; ++column) {
+      // All small ones of a window side by side.
+      const bool is_small = (row + 3 * column) % window < window / 2;
+      panel.at(row, column) = is_small ? 7 * 0x1p-1074 : 0x1p1023;
+    }
+  }
+  const auto instance = product->make(window);
+  Panel result(panel.rows, 8);
+  const Rows arguments[] = {{panel.cells.data(), 8}};
+  instance->run(arguments, static_cast<std::ptrdiff_t>(panel.rows), 8, result.cells.data());
+  const double expected = std::exp2(20.0 * (1023 - 1074)) * std::pow(7.0, 20);
+  for (std::size_t row = window - 1; row < panel.rows; ++row) {
+    for (std::size_t column = 0; column < 8; ++column) {
+      CAPTURE(row);
+      REQUIRE(result.at(row, column) == doctest::Approx(expected).epsilon(1e-15));
+    }
+  }
+}
+
 }  // namespace row_kernel_tests

@@ -100,6 +100,33 @@ TEST_CASE("windows of equal values have no spread, whatever came before") {
   }
 }
 
+TEST_CASE("the correlation of two rows is 1 or -1, whatever their size") {
+  const double least = 5e-324;
+  const double greatest = 1.7e308;
+  // The oldest and newest value of each argument, and the correlation.
+  const double rows[][5] = {{0.1, 0.3, 7.0, 7.1, 1.0},
+                            {0.1, 0.3, 7.1, 7.0, -1.0},
+                            {0.3, 0.1, 1e9, 1e-9, 1.0},
+                            {0.0, least, 1.0, 0.0, -1.0},
+                            {greatest, -greatest, -greatest, greatest, -1.0},
+                            {1.0, std::nextafter(1.0, 2.0), least, 2 * least, 1.0},
+                            {0.1, 0.1, 1.0, 2.0, nan},
+                            {-0.0, 0.0, 1.0, 2.0, nan},
+                            {0.1, infinity, 1.0, 2.0, nan},
+                            {-infinity, infinity, 1.0, 2.0, nan},
+                            {0.1, 0.2, nan, 2.0, nan}};
+  for (const auto& row : rows) {
+    const double first[] = {row[0], row[1]};
+    const double second[] = {row[2], row[3]};
+    const Rows arguments[] = {{first, 1}, {second, 1}};
+    double result[2];
+    function_of("correlation").make(2)->run(arguments, 2, 1, result);
+    CAPTURE(row[0]);
+    CHECK(std::isnan(result[0]));
+    CHECK((std::isnan(row[4]) ? std::isnan(result[1]) : result[1] == row[4]));
+  }
+}
+
 TEST_CASE("infinities in the window are what the definition makes of them") {
   Panel panel(9, 8);
   for (double& cell : panel.cells) cell = 2.0;

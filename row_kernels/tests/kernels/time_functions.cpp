@@ -75,8 +75,12 @@ Expected covariance(const Values& first, const Values& second) {
 
 Expected correlation(const Values& first, const Values& second) {
   if (all_equal(first) || all_equal(second)) return exactly(nan);
+  if (first.size() == 2) {
+    return exactly((first[0] < first[1]) == (second[0] < second[1]) ? 1.0 : -1.0);
+  }
   const Wide scale = square_root(variance(first)) * square_root(variance(second));
-  return {joint_deviations(first, second) / first.size() / scale, 1};
+  const Wide correlation = joint_deviations(first, second) / first.size() / scale;
+  return {correlation, 1 - magnitude(correlation)};
 }
 
 Expected skewness(const Values& values, const Values&) {
@@ -204,10 +208,10 @@ Expected rank(const Values& values, const Values&) {
   return {static_cast<Wide>(places) / 2 / (values.size() - 1), 0};
 }
 
-Definition quantile(double q) {
-  return [q](Values values, const Values&) {
+Definition quantile(double share) {
+  return [share](Values values, const Values&) {
     std::sort(values.begin(), values.end());
-    const double position = q * static_cast<double>(values.size() - 1);
+    const double position = share * static_cast<double>(values.size() - 1);
     const auto lower = static_cast<std::size_t>(position);
     const Wide low = values[lower];
     const Wide high = values[std::min(lower + 1, values.size() - 1)];

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "time/loops/centre.hpp"
+#include "time/loops/ends.hpp"
 
 namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
@@ -37,8 +38,8 @@ void advance_directly(const Plan& plan, double* tile, std::size_t columns, std::
         const typename Statistic::Base base{mean_of_part<count>(rows, plan.window)};
         typename Statistic::Part part{};
         for (std::size_t row = 0; row < plan.window; ++row) {
-          if constexpr (requires { part.add_near(Lanes{}, Lanes{}); }) {
-            part.add_near(rows(row).of[0], base.centre.of[0]);
+          if constexpr (requires { part.add_near(newest, base.centre); }) {
+            part.add_near(rows(row), base.centre);
           } else {
             Statistic::append(plan, base, part, rows(row), row);
           }
@@ -53,16 +54,7 @@ void advance_directly(const Plan& plan, double* tile, std::size_t columns, std::
 }
 
 template <class Statistic>
-std::size_t size_of_direct_tile(const Plan& plan) noexcept {
-  return plan.window * Statistic::arguments * tile_columns;
-}
-
-template <class Statistic>
-void rebuild_nothing_directly(const Plan&, double*, std::size_t) noexcept {}
-
-template <class Statistic>
-inline constexpr TileLoops direct_loops{Statistic::arguments, size_of_direct_tile<Statistic>,
-                                        advance_directly<Statistic>,
-                                        rebuild_nothing_directly<Statistic>};
+inline constexpr TileLoops direct_loops{Statistic::arguments, size_of_rows<Statistic>,
+                                        advance_directly<Statistic>, rebuild_nothing<Statistic>};
 
 }  // namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET

@@ -89,6 +89,38 @@ inline Lanes upper_half(Lanes lanes) noexcept {
   return lanes;
 }
 
+/// What a product lacks that was rounded, or that is known to come near to `product`: itself
+/// rounded only where it is subnormal. One operation where products and sums can be fused, else by
+/// halves (Veltkamp 1968, Dekker 1971), which gives the same bits; near the ends of what doubles
+/// hold, where it doesn't, number by number.
+inline Lanes lost_in_product(Lanes left, Lanes right, Lanes product) noexcept {
+#if defined(__AVX512F__)
+  return _mm512_fmsub_pd(left, right, product);
+#elif defined(__FMA__)
+  return _mm256_fmsub_pd(left, right, product);
+#else
+  Lanes lost{};
+#if !defined(__FP_FAST_FMA)
+  constexpr double splitter = 0x1p27 + 1.0;
+  const Lanes left_upper = splitter * left - (splitter * left - left);
+  const Lanes right_upper = splitter * right - (splitter * right - right);
+  const Lanes left_lower = left - left_upper;
+  const Lanes right_lower = right - right_upper;
+  lost =
+      ((left_upper * right_upper - product) + left_upper * right_lower + left_lower * right_upper) +
+      left_lower * right_lower;
+  const Bits is_tiny = (product < 0x1p-960) & (product > -0x1p-960);
+  const Bits is_huge =
+      (left > 0x1p990) | (left < -0x1p990) | (right > 0x1p990) | (right < -0x1p990);
+  if (!any(((left != 0.0) & (right != 0.0) & is_tiny) | is_huge)) return lost;
+#endif
+  for (std::size_t lane = 0; lane < lane_count; ++lane) {
+    lost[lane] = __builtin_fma(left[lane], right[lane], -product[lane]);
+  }
+  return lost;
+#endif
+}
+
 /// A sum that is not rounded: `value` is the rounded one, `error` what it lacks (Ogita, Rump and
 /// Oishi 2005). Where `value` is infinite or NaN, `error` may be NaN.
 struct LongLanes {
@@ -108,26 +140,31 @@ struct LongLanes {
     error += other.error;
   }
 
-  /// Adds a term of the same sign, at a third of the cost. Where a term exceeds the value, up to
-  /// half a unit of its last place is lost: at most one such unit in all, as values double then.
+  /// Adds a term at half of the cost. Where a term exceeds the value, up to half a unit of its last
+  /// place is lost: of terms of one sign at most one such unit of the sum in all, as values double
+  /// then, and of others one of the sum of their sizes.
   void add_growing(Lanes term) noexcept {
     const Lanes sum = value + term;
     error += term - (sum - value);
     value = sum;
   }
 
+  void add_growing(const LongLanes& other) noexcept {
+    add_growing(other.value);
+    error += other.error;
+  }
+
   /// Adds the square of `number` without rounding it, if all terms are such.
   void add_square(Lanes number) noexcept {
-    const Lanes upper = upper_half(number);
-    add_growing(upper * upper);
-    error += (number - upper) * (upper + number);
+    const Lanes square = number * number;
+    add_growing(square);
+    error += lost_in_product(number, number, square);
   }
 
   /// Adds the square of `number` plus what that lacks.
   void add_square(Lanes number, Lanes lacking) noexcept {
-    const Lanes upper = upper_half(number);
-    add_growing(upper * upper);
-    error += ((number - upper) + lacking) * (upper + number);
+    add_square(number);
+    error += 2.0 * lacking * number;
   }
 
   /// Less a number that is smaller or cancels little, rounded once.
@@ -136,16 +173,27 @@ struct LongLanes {
     return difference + (((value - difference) - smaller) + error);
   }
 
+  /// Rounded. NaN where the value isn't finite.
+  Lanes sum() const noexcept { return value + error; }
+
   /// Rounded, infinities included.
-  Lanes rounded() const noexcept {
-    const Lanes sum = value + error;
-    return select(error == error, sum, value);
-  }
+  Lanes rounded() const noexcept { return select(error == error, sum(), value); }
 };
+
+/// A product that is not rounded.
+inline LongLanes product_of(Lanes left, Lanes right) noexcept {
+  const Lanes product = left * right;
+  return {product, lost_in_product(left, right, product)};
+}
 
 /// The sum of two, rounded: within one and a half units of the last place of what they stand for.
 inline Lanes rounded_sum(const LongLanes& left, const LongLanes& right) noexcept {
   return LongLanes{left.value + right.value, left.error + right.error}.rounded();
+}
+
+/// The same. NaN where a value isn't finite.
+inline Lanes sum_of(const LongLanes& left, const LongLanes& right) noexcept {
+  return (left.value + right.value) + (left.error + right.error);
 }
 
 /// What `difference`, which is `left - right` as it is rounded, lacks (Knuth 1969).

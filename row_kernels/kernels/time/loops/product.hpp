@@ -15,9 +15,9 @@ struct Product {
     Lanes exponent{};  // of `unit`
 
     void multiply(Part other) noexcept {
-      value = {value.value * other.value.value, value.error * other.value.value +
-                                                    value.value * other.value.error +
-                                                    lost(value.value, other.value.value)};
+      const Lanes product = value.value * other.value.value;
+      value = {product, value.error * other.value.value + value.value * other.value.error +
+                            lost_in_product(value.value, other.value.value, product)};
       exponent += other.exponent;
       normalize();
     }
@@ -68,18 +68,8 @@ struct Product {
   static Part part_of(Lanes cells) noexcept {
     Part part{{cells, Lanes{}}, Lanes{}};
     part.normalize();
+    part.normalize();  // once more, for subnormal and for the largest numbers
     return part;
-  }
-
-  // What the rounded product of two numbers lacks (Dekker 1971).
-  static Lanes lost(Lanes left, Lanes right) noexcept {
-    const Lanes left_upper = upper_half(left);
-    const Lanes left_lower = left - left_upper;
-    const Lanes right_upper = upper_half(right);
-    const Lanes right_lower = right - right_upper;
-    return ((left_upper * right_upper - left * right) + left_upper * right_lower +
-            left_lower * right_upper) +
-           left_lower * right_lower;
   }
 };
 

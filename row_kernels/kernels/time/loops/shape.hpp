@@ -4,151 +4,73 @@
 
 namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
-/// Skewness, from sums of the first three powers of the deviations, for windows of 2 and more.
-struct Skewness {
-  static constexpr std::size_t arguments = 1;
+struct SumsOfCubes {
+  Lanes sum{};
+  LongLanes squares{};
+  LongLanes cubes{};
 
-  struct Base {
-    Centre<1> centre;
-  };
-  struct Part {
-    Lanes sum{};
-    LongLanes squares{};
-    LongLanes cubes{};
-
-    void add(Lanes deviation) noexcept {
-      const Lanes square = deviation * deviation;
-      sum += deviation;
-      squares.add_growing(square);
-      cubes.add(square * deviation);
-    }
-  };
-  struct Total {
-    Centre<1> mean;
-    Lanes sum;  // of the deviations from the mean as it is rounded
-    Lanes squares;
-    Lanes cubes;
-  };
-
-  static void append(const Plan&, const Base& base, Part& newer, const Cells<1>& cells,
-                     std::size_t) noexcept {
-    newer.add(cells.of[0] - base.centre.of[0]);
+  void add(const Cells<1>& cells, const Centre<1>& centre) noexcept {
+    const Lanes deviation = cells.of[0] - centre.of[0];
+    const Lanes square = deviation * deviation;
+    sum += deviation;
+    squares.add_growing(square);
+    cubes.add(square * deviation);
   }
 
-  static void prepend(const Plan&, const Base& base, Part& older, const Cells<1>& cells,
-                      std::size_t) noexcept {
-    older.add(cells.of[0] - base.centre.of[0]);
+  void add_moved(const SumsOfCubes& others, const Centre<1>& shift, double length) noexcept {
+    const Lanes by = shift.of[0];
+    const Lanes all_squares = others.squares.sum();
+    const Lanes shifts = length * by;
+    sum += shifts + others.sum;
+    squares.add_growing(all_squares + by * (shifts + 2.0 * others.sum));
+    cubes.add(others.cubes.sum() + by * (3.0 * all_squares + by * (shifts + 3.0 * others.sum)));
   }
+};
 
-  template <class Rows>
-  static Total total(const Rows& rows, std::size_t length) noexcept {
-    const Centre<1> mean = mean_of_part<1>(rows, length);
-    Part part;
-    for (std::size_t row = 0; row < length; ++row) part.add(rows(row).of[0] - mean.of[0]);
-    return {mean, part.sum, part.squares.value + part.squares.error,
-            part.cubes.value + part.cubes.error};
-  }
-
-  template <class Others>
-  static void common(const Plan&, const Others& others, Base& base, Part& older) noexcept {
-    base.centre = mean_of_parts<1, Total>(others);
-    others([&](const Total& total, std::size_t length, double) {
-      const Lanes shift = total.mean.of[0] - base.centre.of[0];
-      const Lanes shifts = static_cast<double>(length) * shift;
-      older.sum += shifts + total.sum;
-      older.squares.add_growing(total.squares + shift * (shifts + 2.0 * total.sum));
-      older.cubes.add(total.cubes +
-                      shift * (3.0 * total.squares + shift * (shifts + 3.0 * total.sum)));
-    });
-  }
-
+/// Skewness, for windows of 2 and more.
+struct Skewness : Centred<1, SumsOfCubes> {
   static Lanes finish(const Plan& plan, const Base&, const Part& older, const Part& newer,
                       const Cells<1>&, std::size_t) noexcept {
     const Lanes sum = older.sum + newer.sum;
     const Lanes mean = sum / static_cast<double>(plan.window);
-    const Lanes squares =
-        (older.squares.value + newer.squares.value) + (older.squares.error + newer.squares.error);
-    const Lanes cubes =
-        (older.cubes.value + newer.cubes.value) + (older.cubes.error + newer.cubes.error);
+    const Lanes squares = sum_of(older.squares, newer.squares);
+    const Lanes cubes = sum_of(older.cubes, newer.cubes);
     const Lanes second = squares - sum * mean;
     const Lanes third = cubes - mean * (3.0 * squares - 2.0 * sum * mean);
     return plan.factor * (third / second / square_root(second));
   }
 };
 
-/// Kurtosis, from sums of the first four powers of the deviations, for windows of 2 and more.
-struct Kurtosis {
-  static constexpr std::size_t arguments = 1;
+struct SumsOfFourths {
+  SumsOfCubes lower{};
+  LongLanes fourths{};
 
-  using Base = Skewness::Base;
-  struct Part {
-    Lanes sum{};
-    LongLanes squares{};
-    LongLanes cubes{};
-    LongLanes fourths{};
-
-    void add(Lanes deviation) noexcept {
-      const Lanes square = deviation * deviation;
-      sum += deviation;
-      squares.add_growing(square);
-      cubes.add(square * deviation);
-      fourths.add_growing(square * square);
-    }
-  };
-  struct Total {
-    Centre<1> mean;
-    Lanes sum;  // of the deviations from the mean as it is rounded
-    Lanes squares;
-    Lanes cubes;
-    Lanes fourths;
-  };
-
-  static void append(const Plan&, const Base& base, Part& newer, const Cells<1>& cells,
-                     std::size_t) noexcept {
-    newer.add(cells.of[0] - base.centre.of[0]);
+  void add(const Cells<1>& cells, const Centre<1>& centre) noexcept {
+    lower.add(cells, centre);
+    const Lanes deviation = cells.of[0] - centre.of[0];
+    const Lanes square = deviation * deviation;
+    fourths.add_growing(square * square);
   }
 
-  static void prepend(const Plan&, const Base& base, Part& older, const Cells<1>& cells,
-                      std::size_t) noexcept {
-    older.add(cells.of[0] - base.centre.of[0]);
+  void add_moved(const SumsOfFourths& others, const Centre<1>& shift, double length) noexcept {
+    const Lanes by = shift.of[0];
+    lower.add_moved(others.lower, shift, length);
+    fourths.add_growing(
+        others.fourths.sum() +
+        by * (4.0 * others.lower.cubes.sum() + by * (6.0 * others.lower.squares.sum() +
+                                                     by * (length * by + 4.0 * others.lower.sum))));
   }
+};
 
-  template <class Rows>
-  static Total total(const Rows& rows, std::size_t length) noexcept {
-    const Centre<1> mean = mean_of_part<1>(rows, length);
-    Part part;
-    for (std::size_t row = 0; row < length; ++row) part.add(rows(row).of[0] - mean.of[0]);
-    return {mean, part.sum, part.squares.value + part.squares.error,
-            part.cubes.value + part.cubes.error, part.fourths.value + part.fourths.error};
-  }
-
-  template <class Others>
-  static void common(const Plan&, const Others& others, Base& base, Part& older) noexcept {
-    base.centre = mean_of_parts<1, Total>(others);
-    others([&](const Total& total, std::size_t length, double) {
-      const Lanes shift = total.mean.of[0] - base.centre.of[0];
-      const Lanes shifts = static_cast<double>(length) * shift;
-      older.sum += shifts + total.sum;
-      older.squares.add_growing(total.squares + shift * (shifts + 2.0 * total.sum));
-      older.cubes.add(total.cubes +
-                      shift * (3.0 * total.squares + shift * (shifts + 3.0 * total.sum)));
-      older.fourths.add_growing(
-          total.fourths +
-          shift * (4.0 * total.cubes +
-                   shift * (6.0 * total.squares + shift * (shifts + 4.0 * total.sum))));
-    });
-  }
-
+/// Kurtosis, for windows of 2 and more.
+struct Kurtosis : Centred<1, SumsOfFourths> {
   static Lanes finish(const Plan& plan, const Base&, const Part& older, const Part& newer,
                       const Cells<1>&, std::size_t) noexcept {
-    const Lanes sum = older.sum + newer.sum;
+    const Lanes sum = older.lower.sum + newer.lower.sum;
     const Lanes mean = sum / static_cast<double>(plan.window);
-    const Lanes squares =
-        (older.squares.value + newer.squares.value) + (older.squares.error + newer.squares.error);
-    const Lanes cubes =
-        (older.cubes.value + newer.cubes.value) + (older.cubes.error + newer.cubes.error);
-    const Lanes fourths =
-        (older.fourths.value + newer.fourths.value) + (older.fourths.error + newer.fourths.error);
+    const Lanes squares = sum_of(older.lower.squares, newer.lower.squares);
+    const Lanes cubes = sum_of(older.lower.cubes, newer.lower.cubes);
+    const Lanes fourths = sum_of(older.fourths, newer.fourths);
     const Lanes second = squares - sum * mean;
     const Lanes fourth = fourths - mean * (4.0 * cubes - mean * (6.0 * squares - 3.0 * sum * mean));
     return plan.factor * (fourth / second / second) + plan.term;

@@ -4,68 +4,36 @@
 
 namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 
+struct SumsOfSquares {
+  Lanes sum{};
+  LongLanes squares{};
+
+  void add(const Cells<1>& cells, const Centre<1>& centre) noexcept {
+    const Lanes deviation = cells.of[0] - centre.of[0];
+    sum += deviation;
+    squares.add_square(deviation, lost(cells.of[0], centre.of[0], deviation));
+  }
+
+  /// Takes deviations as they are rounded, which is enough for few rows and their own mean.
+  void add_near(const Cells<1>& cells, const Centre<1>& centre) noexcept {
+    const Lanes deviation = cells.of[0] - centre.of[0];
+    sum += deviation;
+    squares.add_square(deviation);
+  }
+
+  void add_moved(const SumsOfSquares& others, const Centre<1>& shift, double length) noexcept {
+    const Lanes shifts = length * shift.of[0];
+    sum += shifts + others.sum;
+    squares.add_growing(others.squares.value + shift.of[0] * (shifts + 2.0 * others.sum));
+    squares.error += others.squares.error;
+  }
+};
+
 /// Statistics of the squared deviations from the window's mean, for windows of 2 and more. A
 /// derived structure gives `value(plan, deviation, squares)` from the newest value's deviation and
 /// the sum of all squared ones; the plan's factor is what divides that sum.
 template <class Derived>
-struct Spread {
-  static constexpr std::size_t arguments = 1;
-
-  struct Base {
-    Centre<1> centre;
-  };
-  struct Part {
-    Lanes sum{};
-    LongLanes squares{};
-
-    /// Takes deviations as they are rounded, which is enough for few rows and their own mean.
-    void add_near(Lanes value, Lanes centre) noexcept {
-      const Lanes deviation = value - centre;
-      sum += deviation;
-      squares.add_square(deviation);
-    }
-
-    void add(Lanes value, Lanes centre) noexcept {
-      const Lanes deviation = value - centre;
-      sum += deviation;
-      squares.add_square(deviation, lost(value, centre, deviation));
-    }
-  };
-  struct Total {
-    Centre<1> mean;
-    Lanes sum;  // of the deviations from the mean as it is rounded
-    Lanes squares;
-  };
-
-  static void append(const Plan&, const Base& base, Part& newer, const Cells<1>& cells,
-                     std::size_t) noexcept {
-    newer.add(cells.of[0], base.centre.of[0]);
-  }
-
-  static void prepend(const Plan&, const Base& base, Part& older, const Cells<1>& cells,
-                      std::size_t) noexcept {
-    older.add(cells.of[0], base.centre.of[0]);
-  }
-
-  template <class Rows>
-  static Total total(const Rows& rows, std::size_t length) noexcept {
-    const Centre<1> mean = mean_of_part<1>(rows, length);
-    Part part;
-    for (std::size_t row = 0; row < length; ++row) part.add(rows(row).of[0], mean.of[0]);
-    return {mean, part.sum, part.squares.value + part.squares.error};
-  }
-
-  template <class Others>
-  static void common(const Plan&, const Others& others, Base& base, Part& older) noexcept {
-    base.centre = mean_of_parts<1, Total>(others);
-    others([&](const Total& total, std::size_t length, double) {
-      const Lanes shift = total.mean.of[0] - base.centre.of[0];
-      const Lanes shifts = static_cast<double>(length) * shift;
-      older.sum += shifts + total.sum;
-      older.squares.add_growing(total.squares + shift * (shifts + 2.0 * total.sum));
-    });
-  }
-
+struct Spread : Centred<1, SumsOfSquares> {
   static Lanes finish(const Plan& plan, const Base& base, Part older, const Part& newer,
                       const Cells<1>& cells, std::size_t) noexcept {
     older.squares.add(newer.squares);

@@ -2,8 +2,8 @@
 #include "time/loops/statistics.hpp"
 
 #include "time/loops/comovement.hpp"
-#include "time/loops/delay.hpp"
 #include "time/loops/direct_loops.hpp"
+#include "time/loops/ends.hpp"
 #include "time/loops/exponential.hpp"
 #include "time/loops/extremes.hpp"
 #include "time/loops/lone_value.hpp"
@@ -20,6 +20,7 @@ namespace quernbrook::row_kernels::QUERNBROOK_INSTRUCTION_SET {
 const Statistics statistics{
     .delay = end_loops<Delay>,
     .delta = end_loops<Delta>,
+    .concordance = end_loops<Concordance>,
     .sum = block_loops<Sum>,
     .mean = block_loops<Mean>,
     .maximum = block_loops<Maximum>,

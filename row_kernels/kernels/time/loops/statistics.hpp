@@ -19,6 +19,7 @@ struct CentredStatistics {
 struct Statistics {
   TileLoops delay;
   TileLoops delta;
+  TileLoops concordance;
   TileLoops sum;
   TileLoops mean;
   TileLoops maximum;
