@@ -199,7 +199,7 @@ RowSorter::Outcome RowSorter::sort_by_value(const double* cells, const double* t
   radix_sort<column_bits, digit_bits, 2>(keys_.data(), spare_keys_.data(), columns_,
                                          counters_.data());
   column_mask_ = (1u << column_bits) - 1;
-  return settle_neighbours(keys_.data(), column_mask_, cells);
+  return settle_neighbours(keys_.data(), column_mask_, cells, columns_ / 4 + 16);
 }
 
 // The image is the leading bits of the value, which is near to logarithmic: for values that differ
@@ -224,7 +224,9 @@ RowSorter::Outcome RowSorter::sort_by_bits(const double* cells) {
   }
   counters_.resize(4 * 256);
   radix_sort<32, 8, 4>(wide_keys_.data(), spare_wide_keys_.data(), columns_, counters_.data());
-  const Outcome outcome = settle_neighbours(wide_keys_.data(), column_mask, cells);
+  // Differences of prices in cents are near to equal by the dozen; other sorts take far longer.
+  const Outcome outcome =
+      settle_neighbours(wide_keys_.data(), column_mask, cells, 4 * columns_ + 16);
   if (outcome == Outcome::sorted) {
     for (std::size_t place = 0; place < columns_; ++place) {
       keys_[place] = static_cast<std::uint32_t>(wide_keys_[place]);
@@ -258,12 +260,11 @@ RowSorter::Outcome RowSorter::sort_by_comparison(const double* cells) {
 
 // Sorts the finite values that share an image by insertion, unless they are too many for that.
 template <class Key>
-RowSorter::Outcome RowSorter::settle_neighbours(Key* keys, Key column_mask,
-                                                const double* cells) noexcept {
+RowSorter::Outcome RowSorter::settle_neighbours(Key* keys, Key column_mask, const double* cells,
+                                                std::size_t comparisons) noexcept {
   const auto value = [=](Key key) { return cells[key & column_mask]; };
   const auto share_image = [=](Key left, Key right) { return (left ^ right) <= column_mask; };
   constexpr std::size_t block = 32;
-  std::size_t comparisons = columns_ / 4 + 16;
   std::size_t place = census_.negative_infinities;
   const std::size_t end = place + census_.finite;
   while (place + 1 < end) {

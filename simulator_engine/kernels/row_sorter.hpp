@@ -50,7 +50,8 @@ class RowSorter {
   Outcome sort_by_bits(const double* cells);
   Outcome sort_by_comparison(const double* cells);
   template <class Key>
-  Outcome settle_neighbours(Key* keys, Key column_mask, const double* cells) noexcept;
+  Outcome settle_neighbours(Key* keys, Key column_mask, const double* cells,
+                            std::size_t comparisons) noexcept;
 
   std::size_t columns_;
   bool keeps_ties_ = false;

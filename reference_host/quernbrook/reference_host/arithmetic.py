@@ -53,6 +53,10 @@ def signed_power(base: Row, exponent: Row) -> Row:
 def _power(base: float, exponent: float) -> float:
     if math.isnan(base) or math.isnan(exponent):
         return math.nan
+    if exponent == 2.0:
+        return base * base
+    if exponent == 0.5 and base >= 0.0:
+        return math.sqrt(base + 0.0)  # -0.0 has the root 0.0
     try:
         return math.pow(base, exponent)
     except (OverflowError, ValueError):

@@ -60,7 +60,7 @@ def _evaluate_chain(
     graphs: Mapping[Key, Node], context: EvaluationContext
 ) -> dict[Key, EvaluationResult]:
     shape = context.features[0].shape
-    filed = {key: np.zeros(shape) for key in graphs}
+    filed = {key: np.empty(shape) for key in graphs}
     try:
         joint = evaluate(_chain(graphs), _with_filing(context, filed.values()))
     except Exception:  # noqa: BLE001 - by itself, the graph at fault tells its own
