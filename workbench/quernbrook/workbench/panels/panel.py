@@ -12,6 +12,7 @@ from quernbrook.reference_host import FunctionRegistry
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext
 
 Matrix = NDArray[np.float64]
+Vector = NDArray[np.float64]
 
 
 class PanelError(ValueError):
