@@ -47,12 +47,12 @@ def unit_gross(weights: Matrix) -> Matrix:
 
 
 def gross_exposure(weights: Matrix) -> Vector:
-    """The sum of the absolute weights of each day, in the weights' units; NaN without any weight."""
+    """The sum of each day's absolute weights, in the weights' units; NaN without any weight."""
     return _where_any(weights, np.abs(_held(weights)).sum(axis=1))
 
 
 def net_exposure(weights: Matrix) -> Vector:
-    """The sum of the weights of each day, in the weights' units; NaN without any weight."""
+    """The sum of each day's weights, in the weights' units; NaN without any weight."""
     return _where_any(weights, _held(weights).sum(axis=1))
 
 

@@ -12,7 +12,8 @@ import matplotlib
 import numpy as np
 import pandas as pd
 from matplotlib.axes import Axes
-from matplotlib.colors import BoundaryNorm, ListedColormap
+from matplotlib.collections import QuadMesh
+from matplotlib.colors import BoundaryNorm, Colormap, ListedColormap, Normalize
 from matplotlib.dates import AutoDateLocator, ConciseDateFormatter
 from matplotlib.figure import Figure
 from quernbrook.workbench.seeing import series
@@ -30,9 +31,9 @@ _FEW_SYMBOLS = 30
 def heat_map(values: pd.DataFrame, title: str = "Weights") -> Figure:
     """Return values as colours, dates from left to right and symbols from top to bottom.
 
-    Grey is NaN. Of more than 1,000 days or 800 symbols every k-th is shown, which the title says.
-    The scale's ends are the 99th percentile of the absolute values; values beyond, if there are
-    any, have the colour of the end, which the scale's pointed ends tell.
+    Grey is NaN or infinite. Of more than 1,000 days or 800 symbols every k-th is shown, which the
+    title says. The scale's ends are the 99th percentile of the absolute values; values beyond, if
+    there are any, have the colour of the end, which the scale's pointed ends tell.
     """
     shown = thinned(values, _ROWS, _COLUMNS)
     scale = scale_of(values.to_numpy(dtype=np.float64))
@@ -40,9 +41,8 @@ def heat_map(values: pd.DataFrame, title: str = "Weights") -> Figure:
         figure = Figure(figsize=_TALL, layout="constrained")
         axes = figure.subplots()
         palette = matplotlib.colormaps["RdBu" if scale.is_signed else "viridis"]
-        mesh = _cells(
-            axes, shown, palette.with_extremes(bad=NO_VALUE), vmin=scale.low, vmax=scale.high
-        )
+        norm = Normalize(scale.low, scale.high)
+        mesh = _cells(axes, shown, palette.with_extremes(bad=NO_VALUE), norm)
         axes.set_title(_title(title, shown))
         figure.colorbar(mesh, ax=axes, extend="both" if scale.is_clipped else "neither")
     return figure
@@ -61,7 +61,7 @@ def nan_causes(causes: Causes, like: pd.DataFrame, title: str = "Causes of NaN")
         above, below = figure.subplots(2, sharex=True, height_ratios=(2.0, 1.0))
         palette = ListedColormap([CAUSES[cause] for cause in Cause])
         norm = BoundaryNorm(np.arange(len(Cause) + 1) - 0.5, len(Cause))
-        _cells(above, shown, palette, norm=norm)
+        _cells(above, shown, palette, norm)
         above.set_title(_title(title, shown))
         shares = series.nan_causes(causes, pd.DatetimeIndex(like.index))
         below.stackplot(
@@ -156,16 +156,17 @@ def _draw(axes: Axes, curves: pd.DataFrame) -> None:
     axes.grid(alpha=0.3)
 
 
-def _cells(axes: Axes, shown: Shown, palette: ListedColormap, **scale: object) -> object:
+def _cells(axes: Axes, shown: Shown, palette: Colormap, norm: Normalize) -> QuadMesh:
     """Draw a table's cells, each as wide as the days until the next row's date."""
     frame = shown.frame
+    values = frame.to_numpy(dtype=np.float64).T
     mesh = axes.pcolormesh(
         _edges(pd.DatetimeIndex(frame.index)),
         np.arange(frame.shape[1] + 1) - 0.5,
-        np.ma.masked_invalid(frame.to_numpy(dtype=np.float64).T),
+        np.ma.masked_array(values, ~np.isfinite(values)),
         cmap=palette,
+        norm=norm,
         rasterized=True,
-        **scale,
     )
     axes.invert_yaxis()
     axes.set_ylabel("symbol")
@@ -181,7 +182,7 @@ def _cells(axes: Axes, shown: Shown, palette: ListedColormap, **scale: object) -
 
 def _edges(dates: pd.DatetimeIndex) -> pd.DatetimeIndex:
     last = dates[-1] - dates[-2] if len(dates) > 1 else pd.Timedelta(days=1)
-    return dates.append(pd.DatetimeIndex([dates[-1] + last]))
+    return pd.DatetimeIndex([*dates, dates[-1] + last])
 
 
 def _dates(axes: Axes) -> None:

@@ -2,11 +2,11 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping
+from collections.abc import Callable, Mapping
 
 import numpy as np
 import pandas as pd
-from quernbrook.workbench.panels.panel import Matrix
+from quernbrook.workbench.panels.panel import Matrix, Vector
 from quernbrook.workbench.seeing import measures
 from quernbrook.workbench.seeing.causes import Cause, Causes, causes_by_day
 
@@ -56,12 +56,12 @@ def pnl(
 
 def cumulative(earned: pd.DataFrame) -> pd.DataFrame:
     """The running sums of columns, 0 for NaN."""
-    return earned.apply(lambda column: measures.cumulative(column.to_numpy()))
+    return _by_column(earned, measures.cumulative)
 
 
 def drawdown(earned: pd.DataFrame) -> pd.DataFrame:
     """The running sums of columns less the highest that they have been."""
-    return earned.apply(lambda column: measures.drawdown(column.to_numpy()))
+    return _by_column(earned, measures.drawdown)
 
 
 def nan_causes(causes: Causes, dates: pd.DatetimeIndex) -> pd.DataFrame:
@@ -82,6 +82,11 @@ def correlations(weights: Mapping[str, pd.DataFrame]) -> pd.DataFrame:
     held = [measures.holdings(_matrix(frame)) for frame in weights.values()]
     names = list(weights)
     return pd.DataFrame(measures.correlations(held), index=names, columns=names)
+
+
+def _by_column(earned: pd.DataFrame, measure: Callable[[Vector], Vector]) -> pd.DataFrame:
+    made = {name: measure(column.to_numpy()) for name, column in earned.items()}
+    return pd.DataFrame(made, index=earned.index)
 
 
 def _matrix(frame: pd.DataFrame) -> Matrix:

@@ -85,4 +85,4 @@ def _step(count: int, shown: int) -> int:
 def _ordinal(number: int) -> str:
     if number % 100 in (11, 12, 13):
         return f"{number}th"
-    return f"{number}{ {1: 'st', 2: 'nd', 3: 'rd'}.get(number % 10, 'th')}"
+    return f"{number}{ {1: 'st', 2: 'nd', 3: 'rd'}.get(number % 10, 'th') }"
