@@ -66,7 +66,7 @@ def run_facts(run: Run) -> Mapping[str, str]:
 def pnl_facts(earned: pd.DataFrame) -> Mapping[str, str]:
     sums, falls = series.cumulative(earned), series.drawdown(earned)
     return {
-        str(name): f"{sums[name].iloc[-1]:.1%} in all, deepest drawdown {-falls[name].min():.1%}"
+        str(name): f"{sums[name].iloc[-1]:.1%} in all, deepest drawdown {abs(falls[name].min()):.1%}"
         for name in earned
     }
 

@@ -74,6 +74,8 @@ def _earned(run: Run, benchmark: pd.Series | None) -> pd.DataFrame | None:
         finite = run.returns.where(np.isfinite(run.returns))
         benchmark = finite.mean(axis=1).rename("all symbols, equal weights")
     name = "benchmark" if benchmark.name is None else str(benchmark.name)
+    if name == "weights":
+        name = "weights (benchmark)"
     return series.pnl(run.weights, run.returns, benchmark).rename(columns={"benchmark": name})
 
 

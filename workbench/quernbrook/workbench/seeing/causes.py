@@ -8,7 +8,7 @@ from enum import IntEnum
 import numpy as np
 from numpy.typing import NDArray
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
-from quernbrook.reference_host import nodes_by_path
+from quernbrook.reference_host import FunctionRegistry, nodes_by_path
 from quernbrook.reference_host.warmup import warmup_rows
 from quernbrook.simulator_engine._registry_protocols import RegistryProtocol
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext
@@ -67,7 +67,9 @@ def nan_causes(
     if values.shape != shape:
         raise ValueError(f"values have the shape {values.shape}, the features {shape}")
     outside = _outside(context)
-    histories = history_rows(graph, context.registry)
+    # What no registry knows has no window.
+    registry = FunctionRegistry() if context.registry is None else context.registry
+    histories = history_rows(graph, registry)
     rows = np.arange(len(values))[:, np.newaxis]
     is_missing = np.zeros(values.shape, dtype=bool)
     for name, history in histories.items():
@@ -75,7 +77,7 @@ def nan_causes(
         is_nan = np.isnan(data) if name not in data_nan_features else np.ones(shape, dtype=bool)
         is_missing |= _within(is_nan & ~outside, history)
     longest = max(histories.values(), default=0)
-    warm_up = max(longest, warmup_rows(graph, context.registry))
+    warm_up = max(longest, warmup_rows(graph, registry))
     found = np.select(
         [~np.isnan(values), rows < warm_up, outside, is_missing, _within(outside, longest)],
         [Cause.VALUE, Cause.WARM_UP, Cause.UNIVERSE, Cause.MISSING_DATA, Cause.UNIVERSE],
@@ -105,16 +107,12 @@ def causes_by_day(causes: Causes) -> dict[Cause, Vector]:
 
 
 def _own_history(node: Node, registry: RegistryProtocol) -> int:
-    bare = Node(node.type, node.node, [child for child in node.children or () if not _nests(child)])
+    bare = Node(node.type, node.node, [child for child in node.children or () if not child.children])
     # Without functions below it, these are its window's rows before the newest.
     rows = warmup_rows(bare, registry)
     if node.node in _WINDOW_ROWS_AGO and node.type == "rotation":
         rows += 1
     return rows
-
-
-def _nests(node: Node) -> bool:
-    return bool(node.children)
 
 
 def _outside(context: EvaluationContext) -> NDArray[np.bool_]:

@@ -163,7 +163,7 @@ def _cells(axes: Axes, shown: Shown, palette: Colormap, norm: Normalize) -> Quad
     mesh = axes.pcolormesh(
         _edges(pd.DatetimeIndex(frame.index)),
         np.arange(frame.shape[1] + 1) - 0.5,
-        np.ma.masked_array(values, ~np.isfinite(values)),
+        np.where(np.isfinite(values), values, np.nan),
         cmap=palette,
         norm=norm,
         rasterized=True,
