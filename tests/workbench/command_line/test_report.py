@@ -59,5 +59,7 @@ def test_wrong_input_ends_in_a_line(
 
 def test_a_report_that_is_there_stays_if_the_run_fails(program: Program, data: Path) -> None:
     Path("r.html").write_text("before")
-    assert program("report", "rotation('longitudinal_mean', close)", "--data", data, "--out", "r.html")
+    assert program(
+        "report", "rotation('longitudinal_mean', close)", "--data", data, "--out", "r.html"
+    )
     assert Path("r.html").read_text() == "before"

@@ -65,4 +65,3 @@ def browser(tmp_path_factory: pytest.TempPathFactory) -> Iterator[webdriver.Chro
     variables = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
     with webdriver.Chrome(options, Service(driver, env=variables)) as opened:
         yield opened
-

@@ -105,7 +105,9 @@ def test_links_lead_to_sections(opened: Chrome) -> None:
         link.click()
         section = opened.execute_script("return document.querySelector(location.hash)")
         assert section.find_element(By.TAG_NAME, "h2").is_displayed()
-        assert opened.execute_script("return arguments[0].getBoundingClientRect().top", section) < 900
+        assert (
+            opened.execute_script("return arguments[0].getBoundingClientRect().top", section) < 900
+        )
 
 
 def test_the_tree_unfolds(opened: Chrome) -> None:

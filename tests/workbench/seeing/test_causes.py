@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
-from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import default_registry
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, evaluate
 from quernbrook.workbench import parse_formula
@@ -17,7 +16,9 @@ DAYS = 8
 LETTERS = {"v": "VALUE", "w": "WARM_UP", "u": "UNIVERSE", "m": "MISSING_DATA", "c": "COMPUTED"}
 
 
-def context(x: Matrix, y: Matrix | None = None, universe: Matrix | None = None) -> EvaluationContext:
+def context(
+    x: Matrix, y: Matrix | None = None, universe: Matrix | None = None
+) -> EvaluationContext:
     features = (x, np.ones_like(x) if y is None else y)
     return EvaluationContext(
         features, {"x": 0, "y": 1}, universe=universe, registry=default_registry()
@@ -26,7 +27,7 @@ def context(x: Matrix, y: Matrix | None = None, universe: Matrix | None = None) 
 
 def column(**cells: float) -> Matrix:
     """A feature of one symbol: 1, 2, 3, ... but for some days, "d3=nan"."""
-    values = np.arange(1.0, DAYS + 1.0)
+    values = np.arange(1.0, DAYS + 1.0, dtype=np.float64)
     for name, value in cells.items():
         values[int(name[1:])] = value
     return values[:, np.newaxis]
@@ -150,14 +151,10 @@ def test_all_causes_hold_on_a_rough_market(number: int) -> None:
     assert not (found == Cause.UNIVERSE).any()
 
 
-def graph_of(formula: str) -> Node:
-    return parse_formula(formula)
-
-
 def test_the_output_of_any_node() -> None:
     x = column(d4=np.nan)
     held = context(x, universe=column(d1=0.0))
-    graph = graph_of("log(sum(x, 2)) * 3")
+    graph = parse_formula("log(sum(x, 2)) * 3")
     masked = np.where(np.arange(DAYS)[:, np.newaxis] == 1, np.nan, x)
     sums = masked + np.vstack([[[np.nan]], masked[:-1]])
     np.testing.assert_allclose(node_output(graph, held, "root.c0.c0.c0"), masked)
@@ -171,4 +168,4 @@ def test_the_output_of_any_node() -> None:
 
 def test_a_node_that_is_not_there() -> None:
     with pytest.raises(ValueError, match=r"no node 'root.c7'; the nearest is 'root.c"):
-        node_output(graph_of("x + y"), context(column()), "root.c7")
+        node_output(parse_formula("x + y"), context(column()), "root.c7")

@@ -19,7 +19,7 @@ from quernbrook.workbench.seeing import pictures, series
 def cells(axes: Axes) -> Matrix:
     (mesh,) = axes.collections
     drawn: Any = mesh.get_array()
-    return np.ma.filled(drawn, np.nan)
+    return np.asarray(drawn.filled(np.nan))
 
 
 def lines(axes: Axes) -> dict[str, list[float]]:
@@ -83,8 +83,8 @@ def test_pnl_and_drawdown_beside_a_benchmark(weights: pd.DataFrame) -> None:
     returns = pd.DataFrame(
         [[0.5, 0.5], [-0.1, 0.3], [0.2, 0.9]], index=weights.index, columns=weights.columns
     )
-    # In another order, and without the last day.
-    benchmark = pd.Series([0.1, 0.2], index=weights.index[[1, 0]])
+    # In another order, and without a number for the last day.
+    benchmark = pd.Series([np.inf, 0.1, 0.2], index=weights.index[[2, 1, 0]])
     figure = pictures.pnl(weights, returns, benchmark)
     above, below = figure.axes
     np.testing.assert_allclose(lines(above)["weights"], [0.0, -0.2, 0.0], atol=1e-15)
@@ -102,8 +102,8 @@ def test_correlations(weights: pd.DataFrame) -> None:
     figure = pictures.correlations({"a": weights, "b": -weights, "none": weights * np.nan})
     (image,) = figure.axes[0].images
     shown: Any = image.get_array()
-    expected = [[1.0, -1.0, np.nan], [-1.0, 1.0, np.nan], [np.nan] * 3]
-    np.testing.assert_allclose(np.ma.filled(shown, np.nan), expected)
+    expected = np.array([[1.0, -1.0, np.nan], [-1.0, 1.0, np.nan], [np.nan] * 3])
+    np.testing.assert_allclose(shown.filled(np.nan), expected)
     assert [text.get_text() for text in figure.axes[0].texts][:3] == ["1.00", "-1.00", "nan"]
     with pytest.raises(ValueError, match="'b' has other dates or symbols than 'a'"):
         pictures.correlations({"a": weights, "b": weights.iloc[1:]})

@@ -144,6 +144,11 @@ def test_many_symbols_and_nodes_are_cut_with_a_note() -> None:
     assert sum(at.get("scope") == "row" for _, at in page.elements) == 1_000
 
 
+def test_without_days_there_is_nothing_to_report_on(run: Run) -> None:
+    with pytest.raises(ValueError, match=r"nothing to report on: .* \(0, 8\)"):
+        report_page(replace(run, weights=run.weights.iloc[:0]))
+
+
 def test_one_day_of_one_symbol() -> None:
     panel = Panel(
         pd.DatetimeIndex(["2024-01-04"]), pd.Index(["only"]), {"close": np.array([[3.0]])}

@@ -64,10 +64,10 @@ def run_facts(run: Run) -> Mapping[str, str]:
 
 
 def pnl_facts(earned: pd.DataFrame) -> Mapping[str, str]:
-    sums, falls = series.cumulative(earned), series.drawdown(earned)
+    ends, falls = series.cumulative(earned).iloc[-1], series.drawdown(earned).min()
     return {
-        str(name): f"{sums[name].iloc[-1]:.1%} in all, deepest drawdown {abs(falls[name].min()):.1%}"
-        for name in earned
+        str(name): f"{end:.1%} in all, deepest drawdown {abs(fall):.1%}"
+        for (name, end), fall in zip(ends.items(), falls, strict=True)
     }
 
 

@@ -39,7 +39,11 @@ def report_page(run: Run, *, benchmark: pd.Series | None = None) -> str:
 
     Weights and exposures are in the weights' units. Turnover, PnL and drawdown are those of weights
     scaled to a gross exposure of 1 on each day.
+
+    Raises ValueError for a run without days or symbols.
     """
+    if run.weights.empty:
+        raise ValueError(f"nothing to report on: the weights have the shape {run.weights.shape}")
     earned = _earned(run, benchmark)
     pictures = _pictures(run, earned)
     _link(pictures)

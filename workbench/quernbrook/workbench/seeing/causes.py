@@ -107,7 +107,8 @@ def causes_by_day(causes: Causes) -> dict[Cause, Vector]:
 
 
 def _own_history(node: Node, registry: RegistryProtocol) -> int:
-    bare = Node(node.type, node.node, [child for child in node.children or () if not child.children])
+    childless = [child for child in node.children or () if not child.children]
+    bare = Node(node.type, node.node, childless)
     # Without functions below it, these are its window's rows before the newest.
     rows = warmup_rows(bare, registry)
     if node.node in _WINDOW_ROWS_AGO and node.type == "rotation":

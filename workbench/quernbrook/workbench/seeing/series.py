@@ -39,7 +39,7 @@ def pnl(
 
     returns: of the same dates and symbols, as fractions, from the day before to the day.
     benchmark: daily returns, by date, of what stands in the column "benchmark"; dates that it
-        lacks are NaN.
+        lacks, and infinite returns, are NaN.
 
     A day's weights earn the next day's returns.
 
@@ -50,7 +50,8 @@ def pnl(
     earned = measures.pnl(_nan_where_none(weights), _matrix(returns))
     found = pd.DataFrame({"weights": earned}, index=weights.index)
     if benchmark is not None:
-        found["benchmark"] = benchmark.reindex(weights.index).astype(np.float64)
+        compared = benchmark.reindex(weights.index).astype(np.float64)
+        found["benchmark"] = compared.where(np.isfinite(compared))
     return found
 
 
