@@ -63,8 +63,8 @@ def test_turnover_is_the_mean_change_of_days_with_holdings() -> None:
 
 
 def test_returns_are_nan_where_there_is_no_price_before() -> None:
-    prices = np.array([[100.0, NAN, 0.0], [110.0, 5.0, 3.0], [99.0, 6.0, NAN]])
-    expected = [[NAN, NAN, NAN], [0.1, NAN, NAN], [-0.1, 0.2, NAN]]
+    prices = np.array([[100.0, NAN, 0.0, INF], [110.0, 5.0, 3.0, INF], [99.0, 6.0, NAN, 1.0]])
+    expected = [[NAN] * 4, [0.1, NAN, NAN, NAN], [-0.1, 0.2, NAN, -1.0]]
     np.testing.assert_allclose(measures.returns_of(prices), expected)
 
 

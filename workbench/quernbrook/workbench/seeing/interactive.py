@@ -47,7 +47,7 @@ def heat_map(values: pd.DataFrame, title: str = "Weights") -> figure:
     """
     shown = thinned(values, _DAYS_OF_CELLS, _SYMBOLS_OF_CELLS)
     scale = scale_of(values.to_numpy(dtype=np.float64))
-    matrix = shown.frame.to_numpy(dtype=np.float32).T
+    matrix = shown.frame.to_numpy(dtype=np.float64).T
     symbols = [str(symbol) for symbol in shown.frame.columns]
     dates = pd.DatetimeIndex(shown.frame.index)
     rows, columns = matrix.shape
@@ -205,8 +205,7 @@ def _dated(title: str) -> figure:
 
 
 def _source(table: pd.DataFrame) -> ColumnDataSource:
-    """Half the usual precision, which is a hundred times that of a screen."""
-    columns = {str(name): values.to_numpy(dtype=np.float32) for name, values in table.items()}
+    columns = {str(name): values.to_numpy(dtype=np.float64) for name, values in table.items()}
     dates = _milliseconds(pd.DatetimeIndex(table.index))
     return ColumnDataSource({"date": dates, **columns})
 

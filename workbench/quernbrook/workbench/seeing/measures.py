@@ -89,11 +89,12 @@ def turnover(weights: Matrix) -> float:
 def returns_of(prices: Matrix) -> Matrix:
     """The relative change of prices since the day before, as a fraction: 0.01 is one percent.
 
-    NaN on the first day, beside a missing price and after a price of 0.
+    NaN on the first day, beside a missing price, after a price of 0 and between infinite ones.
     """
     result = np.full(prices.shape, np.nan)
     before, now = prices[:-1], prices[1:]
-    np.divide(now, before, out=result[1:], where=before != 0.0)
+    with np.errstate(invalid="ignore", over="ignore"):
+        np.divide(now, before, out=result[1:], where=before != 0.0)
     return result - 1.0
 
 
