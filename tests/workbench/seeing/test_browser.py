@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import io
 import json
 import time
 from collections.abc import Callable
@@ -11,6 +12,7 @@ from typing import Any
 import numpy as np
 import pandas as pd
 import pytest
+from PIL import Image
 from quernbrook.reference_host import default_registry
 from quernbrook.reference_host.graphs import feature
 from quernbrook.workbench.panels import Panel
@@ -92,7 +94,7 @@ def test_pictures_hold_the_numbers(opened: Chrome, run: Run) -> None:
     shown = figure(
         opened,
         "Exposure",
-        "Array.from(figure.renderers[0].data_source.get_column('gross'), "
+        "Array.from(figure.renderers[0].data_source.get_column('curve_0'), "
         "(one) => isNaN(one) ? null : one)",
     )
     # JSON has no NaN.
@@ -148,12 +150,25 @@ def test_the_table_is_searched(opened: Chrome) -> None:
     assert opened.find_element(By.ID, "count").text == "1 of 8"
 
 
+# What the box beside the pointer says.
+TOLD = """
+const inside = (node) => [node, ...[...node.querySelectorAll("*")]
+  .flatMap((one) => one.shadowRoot ? inside(one.shadowRoot) : [])];
+return inside(document).flatMap((one) => [...one.querySelectorAll(".bk-tooltip-row-value")])
+  .map((one) => one.textContent.trim());
+"""
+
+
 def point(browser: Chrome, x: float, y: float, *, click: bool = False) -> None:
     actions = ActionChains(browser)
     actions.w3c_actions.pointer_action.move_to_location(int(x), int(y))
     if click:
         actions.w3c_actions.pointer_action.click()
     actions.perform()
+
+
+def wait_until_told(browser: Chrome, texts: list[str]) -> None:
+    wait(lambda: bool(browser.execute_script(TOLD) == texts))
 
 
 def test_pointing_at_a_curve_tells_its_values(opened: Chrome) -> None:
@@ -165,14 +180,8 @@ def test_pointing_at_a_curve_tells_its_values(opened: Chrome) -> None:
         return [outer.left + inner.left + inner.width / 2, outer.top + inner.top + inner.height / 2];
     """
     point(opened, *opened.execute_script(FIGURE + place, "Exposure"))
-    told = """
-        const inside = (node) => [node, ...[...node.querySelectorAll("*")]
-          .flatMap((one) => one.shadowRoot ? inside(one.shadowRoot) : [])];
-        return inside(document).flatMap((one) => [...one.querySelectorAll(".bk-tooltip-row-value")])
-          .map((one) => one.textContent);
-    """
-    wait(lambda: len(opened.execute_script(told)) == 3)
-    date, gross, net = opened.execute_script(told)
+    wait(lambda: len(opened.execute_script(TOLD)) == 3)
+    date, gross, net = opened.execute_script(TOLD)
     assert date.startswith("2015-0") and abs(float(net)) <= float(gross)
 
 
@@ -241,6 +250,35 @@ def test_a_phone_needs_no_sideways_scrolling(browser: Chrome, file: Path) -> Non
     wait(lambda: bool(figure(browser, "PnL", "Bokeh.index.find_one(figure).bbox.width") <= 360))
     assert figure(browser, "PnL", "Bokeh.index.find_one(figure).frame.bbox.width") > 200
     browser.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+
+
+def test_cells_stand_at_their_day_and_symbol(browser: Chrome, tmp_path: Path) -> None:
+    values = np.full((5, 4), -1.0)
+    values[:, 0] = 1.0
+    values[0, 3] = 1.0
+    dates = pd.bdate_range("2024-01-01", periods=5)
+    panel = Panel(dates, pd.Index(list("ABCD")), {"x": values})
+    path = tmp_path / "cells.html"
+    path.write_text(report_page(run_graph(feature("x"), panel, default_registry())), "utf-8")
+    open_page(browser, path)
+    inner = """
+        const view = Bokeh.index.find_one(figure);
+        view.el.scrollIntoView({block: "center"});
+        const outer = view.el.getBoundingClientRect();
+        const box = view.frame.bbox;
+        return [outer.left + box.left, outer.top + box.top, box.width, box.height];
+    """
+    left, top, width, height = browser.execute_script(FIGURE + inner, "Weights")
+    screen = Image.open(io.BytesIO(browser.get_screenshot_as_png())).convert("RGB")
+    for day, symbol in ((0, 0), (4, 0), (0, 3), (4, 3), (1, 1)):
+        x = left + (day + 0.3) / 5 * width
+        y = top + (symbol + 0.3) / 4 * height
+        pixel: Any = screen.getpixel((int(x), int(y)))
+        is_blue = pixel[2] > pixel[0]
+        assert is_blue == (values[day, symbol] > 0.0)
+        point(browser, x, y)
+        told = [str(dates[day].date()), "ABCD"[symbol], f"{values[day, symbol]:.4f}"]
+        wait_until_told(browser, told)
 
 
 def test_hostile_names_are_shown_and_not_run(browser: Chrome, tmp_path: Path) -> None:

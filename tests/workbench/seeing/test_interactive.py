@@ -51,21 +51,29 @@ def test_nan_causes(run: Run) -> None:
     made = interactive.nan_causes(run.causes, run.panel.dates)
     held = data(made)
     shares = series.nan_causes(run.causes, run.panel.dates)
-    assert list(held) == ["date", *shares]
-    for name, values in shares.items():
-        np.testing.assert_allclose(held[str(name)], values, rtol=1e-6)
+    for place, name in enumerate(shares):
+        np.testing.assert_array_equal(held[f"curve_{place}"], shares[name])
     assert [label(item) for item in made.legend[0].items] == list(shares)
 
 
 def test_curves_hold_the_numbers_of_the_measures(weights: pd.DataFrame) -> None:
     held = data(interactive.exposures(weights))
-    assert held["gross"].tolist() == [2.0, 2.0, 4.0]
-    assert held["net"].tolist() == [0.0, 2.0, -2.0]
-    assert data(interactive.concentration(weights))["concentration"].tolist() == [0.5, 1.0, 0.625]
-    np.testing.assert_allclose(data(interactive.turnover(weights))["turnover"], [np.nan, 1.0, 2.0])
+    assert held["curve_0"].tolist() == [2.0, 2.0, 4.0]
+    assert held["curve_1"].tolist() == [0.0, 2.0, -2.0]
+    assert data(interactive.concentration(weights))["curve_0"].tolist() == [0.5, 1.0, 0.625]
+    np.testing.assert_allclose(data(interactive.turnover(weights))["curve_0"], [np.nan, 1.0, 2.0])
     earned = pd.DataFrame({"weights": [np.nan, -0.5, 0.75]}, index=weights.index)
-    assert data(interactive.pnl(earned))["weights"].tolist() == [0.0, -0.5, 0.25]
-    assert data(interactive.drawdown(earned))["weights"].tolist() == [0.0, -0.5, 0.0]
+    assert data(interactive.pnl(earned))["curve_0"].tolist() == [0.0, -0.5, 0.25]
+    assert data(interactive.drawdown(earned))["curve_0"].tolist() == [0.0, -0.5, 0.0]
+
+
+def test_curves_of_any_name(weights: pd.DataFrame) -> None:
+    names = ["date", "{}", "curve_0"]
+    table = pd.DataFrame([[1.0, 2.0, 3.0]] * 3, index=weights.index, columns=names)
+    made = interactive.curves(table, "Odd")
+    assert [label(item) for item in made.legend[0].items] == names
+    assert [data(made)[f"curve_{place}"][0] for place in range(3)] == [1.0, 2.0, 3.0]
+    assert data(made)["date"][0] == weights.index[0].timestamp() * 1e3
 
 
 def test_long_curves_say_what_they_show() -> None:
@@ -73,7 +81,7 @@ def test_long_curves_say_what_they_show() -> None:
     table = pd.DataFrame({"a": np.arange(25_000.0)}, index=index)
     made = interactive.curves(table, "Long")
     assert title(made) == "Long (shows every 3rd of 25,000 days)"
-    assert data(made)["a"][-1] == 24_999.0
+    assert data(made)["curve_0"][-1] == 24_999.0
 
 
 def test_correlations(weights: pd.DataFrame) -> None:

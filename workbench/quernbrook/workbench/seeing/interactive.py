@@ -6,7 +6,7 @@ values, a click on a legend's entry hides its curve, and the tools above a pictu
 
 from __future__ import annotations
 
-from collections.abc import Mapping, Sequence
+from collections.abc import Hashable, Iterable, Mapping, Sequence
 from typing import Any, Literal
 
 import numpy as np
@@ -97,10 +97,10 @@ def nan_causes(causes: Causes, dates: pd.DatetimeIndex, title: str = "Causes of 
     names = [str(name) for name in shown.frame]
     source = _source(shown.frame)
     colours = [CAUSES[cause] for cause in Cause]
-    made.varea_stack(names, x="date", source=source, color=colours, legend_label=names)
+    made.varea_stack(_keys(names), x="date", source=source, color=colours, legend_label=names)
     made.y_range = Range1d(start=0.0, end=1.0, bounds="auto")
     # Areas can't be pointed at.
-    line = made.line("date", names[0], source=source, line_alpha=0.0)
+    line = made.line("date", _keys(names)[0], source=source, line_alpha=0.0)
     _tell(made, line, names, "0.0%")
     _place_legend(made)
     return made
@@ -173,8 +173,10 @@ def curves(table: pd.DataFrame, title: str) -> figure:
     source = _source(shown.frame)
     names = [str(name) for name in table]
     lines = [
-        made.line("date", name, source=source, color=colour, line_width=1.5, legend_label=name)
-        for name, colour in zip(names, CURVES, strict=False)
+        made.line(
+            "date", key, source=source, color=colour, line_width=1.5, legend_label=name, name=name
+        )
+        for key, name, colour in zip(_keys(names), names, CURVES, strict=False)
     ]
     _tell(made, lines[0], names, "0.0000")
     _place_legend(made)
@@ -205,9 +207,14 @@ def _dated(title: str) -> figure:
 
 
 def _source(table: pd.DataFrame) -> ColumnDataSource:
-    columns = {str(name): values.to_numpy(dtype=np.float64) for name, values in table.items()}
+    columns = (values.to_numpy(dtype=np.float64) for _, values in table.items())
     dates = _milliseconds(pd.DatetimeIndex(table.index))
-    return ColumnDataSource({"date": dates, **columns})
+    return ColumnDataSource({"date": dates, **dict(zip(_keys(table), columns, strict=True))})
+
+
+def _keys(names: Iterable[Hashable]) -> list[str]:
+    """Of columns in a source: names may be anything, "date" or "{}" among it."""
+    return [f"curve_{place}" for place, _ in enumerate(names)]
 
 
 def _milliseconds(dates: pd.DatetimeIndex) -> Vector:
@@ -222,9 +229,13 @@ def _label(axis: Axis, labels: Sequence[str]) -> None:
 
 def _tell(made: figure, line: GlyphRenderer, names: Sequence[str], form: str) -> None:
     """All values of the day that is pointed at."""
-    tooltips = [("date", "@date{%F}"), *((name, f"@{{{name}}}{{{form}}}") for name in names)]
+    tooltips = [("date", "@date{%F}"), *_values(names, form)]
     hover = HoverTool(renderers=[line], tooltips=tooltips, formatters=_DATE, mode="vline")
     made.add_tools(hover)
+
+
+def _values(names: Sequence[str], form: str) -> list[tuple[str, str]]:
+    return [(name, f"@{key}{{{form}}}") for key, name in zip(_keys(names), names, strict=True)]
 
 
 def _place_legend(made: figure) -> None:
