@@ -68,11 +68,11 @@ def test_curves_hold_the_numbers_of_the_measures(weights: pd.DataFrame) -> None:
 
 
 def test_curves_of_any_name(weights: pd.DataFrame) -> None:
-    names = ["date", "{}", "curve_0"]
-    table = pd.DataFrame([[1.0, 2.0, 3.0]] * 3, index=weights.index, columns=names)
+    names = ["date", "{}", "curve_0", "@x", "last"]
+    table = pd.DataFrame([[1.0, 2.0, 3.0, 4.0, 5.0]] * 3, index=weights.index, columns=names)
     made = interactive.curves(table, "Odd")
     assert [label(item) for item in made.legend[0].items] == names
-    assert [data(made)[f"curve_{place}"][0] for place in range(3)] == [1.0, 2.0, 3.0]
+    assert [data(made)[f"curve_{place}"][0] for place in range(5)] == [1.0, 2.0, 3.0, 4.0, 5.0]
     assert data(made)["date"][0] == weights.index[0].timestamp() * 1e3
 
 

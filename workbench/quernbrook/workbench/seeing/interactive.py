@@ -7,6 +7,7 @@ values, a click on a legend's entry hides its curve, and the tools above a pictu
 from __future__ import annotations
 
 from collections.abc import Hashable, Iterable, Mapping, Sequence
+from itertools import cycle
 from typing import Any, Literal
 
 import numpy as np
@@ -176,7 +177,7 @@ def curves(table: pd.DataFrame, title: str) -> figure:
         made.line(
             "date", key, source=source, color=colour, line_width=1.5, legend_label=name, name=name
         )
-        for key, name, colour in zip(_keys(names), names, CURVES, strict=False)
+        for key, name, colour in zip(_keys(names), names, cycle(CURVES), strict=False)
     ]
     _tell(made, lines[0], names, "0.0000")
     _place_legend(made)

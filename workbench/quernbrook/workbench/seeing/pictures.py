@@ -7,6 +7,7 @@ from __future__ import annotations
 
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
+from itertools import cycle
 
 import matplotlib
 import numpy as np
@@ -151,7 +152,7 @@ def _curves(curves: pd.DataFrame, title: str, unit: str) -> Figure:
 
 
 def _draw(axes: Axes, curves: pd.DataFrame) -> None:
-    for (name, values), colour in zip(curves.items(), CURVES, strict=False):
+    for (name, values), colour in zip(curves.items(), cycle(CURVES), strict=False):
         axes.plot(curves.index, values.to_numpy(), label=str(name), color=colour, linewidth=1.0)
     axes.grid(alpha=0.3)
 
