@@ -90,6 +90,20 @@ def test_without_doctest_a_note_tells_that_tests_are_skipped(
     assert "apt-get install doctest-dev" in note
 
 
+def test_without_a_browser_a_note_tells_that_tests_are_skipped(
+    commands: Any, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    asked: list[str] = []
+    monkeypatch.setenv("PATH", "")
+    monkeypatch.setattr(
+        commands.system_packages, "install", lambda packages, reason: asked.append(packages)
+    )
+    commands.get_browser()
+    assert asked == ["chromium chromium-driver"]
+    note = capsys.readouterr().err
+    assert note.startswith("run: the tests in a browser are skipped: they need chromium")
+
+
 def test_what_quick_leaves_out_is_listed() -> None:
     marked = {
         file.relative_to(ROOT).as_posix()

@@ -12,6 +12,7 @@ import pytest
 from quernbrook.workbench.alphas import measures
 from quernbrook.workbench.alphas.__main__ import main
 from quernbrook.workbench.panels import synthetic_panel, write_panel
+from quernbrook.workbench.seeing.measures import correlations
 
 NAN = math.nan
 
@@ -60,25 +61,9 @@ def test_a_folder_that_cannot_be_written_ends_in_one_sentence(
     assert capsys.readouterr().err == f"alphas: {tmp_path / 'file'} can't be written: File exists\n"
 
 
-def test_coverage_counts_what_is_finite() -> None:
-    assert measures.coverage(np.array([[1.0, NAN], [math.inf, 0.0]])) == 0.5
-
-
-def test_holdings_have_no_net_and_the_size_one() -> None:
-    values = np.array([[1.0, 3.0, NAN], [5.0, 5.0, 5.0], [NAN, 2.0, NAN], [0.0, 1.0, 5.0]])
-    expected = [[-0.5, 0.5, 0.0], [0.0] * 3, [0.0] * 3, [-1 / 3, -1 / 6, 1 / 2]]
-    np.testing.assert_allclose(measures.holdings(values), expected, atol=1e-15)
-
-
-def test_turnover_is_the_mean_change_of_days_with_holdings() -> None:
-    held = np.array([[0.0, 0.0], [0.5, -0.5], [0.5, -0.5], [-0.5, 0.5], [0.0, 0.0]])
-    assert measures.turnover(held) == 1.0
-    assert math.isnan(measures.turnover(held[:2]))
-
-
 def test_correlations_with_the_others() -> None:
     held = [np.array([[0.5, -0.5]]), np.array([[-0.5, 0.5]]), np.zeros((1, 2))]
-    matrix = measures.correlations(held)
+    matrix = correlations(held)
     np.testing.assert_allclose(matrix[:2, :2], [[1.0, -1.0], [-1.0, 1.0]])
     assert np.isnan(matrix[2]).all()
     means = measures.mean_absolute_correlations(matrix)

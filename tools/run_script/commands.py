@@ -15,6 +15,7 @@ from messages import Failure, note
 from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROOT
 
 DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
+BROWSER = ("chromium", "chromium-driver")
 
 
 def demo(arguments: Sequence[str]) -> int:
@@ -35,6 +36,8 @@ def test(arguments: Sequence[str]) -> int:
     if quick:
         others.remove("--quick")
     cpp_failed = 0 if others else cpp_tests()
+    if not others:
+        get_browser()
     options = ["-m", "not slow", "--numprocesses=2"] if quick else []
     failed = python("-m", "pytest", *options, *others)
     if cpp_failed:
@@ -58,6 +61,21 @@ def cpp_tests() -> int:
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
     return failed
+
+
+def get_browser() -> None:
+    """For the tests of reports, which are skipped without one."""
+    if not browser_is_there():
+        system_packages.install(" ".join(BROWSER), "a browser is missing")
+    if not browser_is_there():
+        note(
+            "the tests in a browser are skipped: they need chromium and chromedriver (on Debian, "
+            f"'apt-get install {' '.join(BROWSER)}')."
+        )
+
+
+def browser_is_there() -> bool:
+    return all(shutil.which(program) for program in ("chromium", "chromedriver"))
 
 
 def doctest_is_there() -> bool:

@@ -7,13 +7,13 @@ import subprocess
 from messages import note
 
 
-def install(package: str, reason: str) -> None:
-    """Try to; whoever needs it looks whether it is there now."""
+def install(packages: str, reason: str) -> None:
+    """Try to; whoever needs them looks whether they are there now."""
     if os.geteuid() != 0 or not shutil.which("apt-get"):
         return
-    note(f"{reason}; installing {package} with apt-get")
+    note(f"{reason}; installing {packages} with apt-get")
     subprocess.run(
-        ["sh", "-c", f"apt-get update && apt-get install -y {package}"],
+        ["sh", "-c", f"apt-get update && apt-get install -y {packages}"],
         env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"},
         stdin=subprocess.DEVNULL,
         capture_output=True,

@@ -8,11 +8,12 @@ from collections.abc import Sequence
 from pathlib import Path
 
 from quernbrook.reference_host import default_registry
-from quernbrook.workbench.alphas import measures, report
+from quernbrook.workbench.alphas import report
 from quernbrook.workbench.alphas.evaluation import evaluate_formulas
 from quernbrook.workbench.alphas.published import fields_of, published_graphs
 from quernbrook.workbench.alphas.summaries import summarise
 from quernbrook.workbench.panels import PanelError, read_panel, synthetic_panel, write_frame
+from quernbrook.workbench.seeing.measures import correlations
 from rich.console import Console
 from rich.progress import Progress
 
@@ -68,9 +69,9 @@ def _run(data: Path | None, out: Path, console: Console) -> None:
             write_frame(panel.frame(evaluated.values), path)
             summaries.append(summarise(evaluated))
             progress.advance(task)
-    correlations = measures.correlations([summary.sample for summary in summaries])
-    console.print(report.table(summaries, correlations))
-    report.draw(summaries, correlations, out / "alphas.png")
+    matrix = correlations([summary.sample for summary in summaries])
+    console.print(report.table(summaries, matrix))
+    report.draw(summaries, matrix, out / "alphas.png")
     console.print(f"Written to {out}: {len(graphs)} files of values, and alphas.png")
 
 

@@ -4,9 +4,10 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from quernbrook.workbench.alphas import measures
 from quernbrook.workbench.alphas.evaluation import Evaluated
+from quernbrook.workbench.alphas.measures import correlated_days
 from quernbrook.workbench.panels.panel import Matrix
+from quernbrook.workbench.seeing import measures
 
 
 @dataclass(frozen=True)
@@ -26,7 +27,7 @@ class Summary:
 
 def summarise(evaluated: Evaluated) -> Summary:
     held = measures.holdings(evaluated.values)
-    days = measures.correlated_days(len(held))
+    days = correlated_days(len(held))
     return Summary(
         evaluated.number,
         evaluated.seconds,

@@ -1,10 +1,11 @@
-"""--out: a wide table in a file that is there as a whole or not at all."""
+"""--out: a file, of a wide table mostly, that is there as a whole or not at all."""
 
 from __future__ import annotations
 
 import os
 import secrets
-from contextlib import suppress
+from collections.abc import Iterator
+from contextlib import contextmanager, suppress
 from pathlib import Path
 from typing import TYPE_CHECKING, Annotated
 
@@ -28,10 +29,11 @@ OutOption = Annotated[
 SUFFIXES = (".parquet", ".csv", ".csv.gz")
 
 
-def require_writable(path: Path) -> None:
-    """Raise InputError, before any work is done, for a file that `write` would not make."""
-    if not path.name.endswith(SUFFIXES):
-        raise InputError(f"--out {path}: expected a name that ends in {', '.join(SUFFIXES)}")
+def require_writable(path: Path, suffixes: tuple[str, ...] = SUFFIXES) -> None:
+    """Raise InputError, before any work is done, for a file that can't be made or whose name ends
+    in none of the suffixes."""
+    if not path.name.endswith(suffixes):
+        raise InputError(f"--out {path}: expected a name that ends in {', '.join(suffixes)}")
     if path.is_dir():
         raise InputError(f"--out {path}: this is a folder; name a file in it")
     if not path.parent.is_dir():
@@ -47,12 +49,22 @@ def write(frame: pd.DataFrame, path: Path) -> None:
     """
     from quernbrook.workbench.panels import write_frame
 
-    temporary = path.with_name(f".{secrets.token_hex(8)}{path.name}")
-    try:
+    with replacing(path) as temporary:
         if path.suffix == ".parquet":
             write_frame(frame, temporary)
         else:
             frame.to_csv(temporary)
+
+
+@contextmanager
+def replacing(path: Path) -> Iterator[Path]:
+    """Give a path to write to, which takes the place of `path` at the end.
+
+    Raises InputError if that, or the writing, fails.
+    """
+    temporary = path.with_name(f".{secrets.token_hex(8)}{path.name}")
+    try:
+        yield temporary
         os.replace(temporary, path)
     except OSError as error:
         raise InputError(f"--out {path} can't be written: {error.strerror or error}") from None

@@ -15,6 +15,7 @@ from pandas.api.extensions import ExtensionDtype
 from quernbrook.workbench.panels.labels import PanelError, as_dates
 
 Matrix: TypeAlias = NDArray[np.float64]
+Vector: TypeAlias = NDArray[np.float64]
 Column: TypeAlias = pd.Series | pa.ChunkedArray
 
 

@@ -10,7 +10,7 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 import pandas as pd
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, EvaluationResult
-from quernbrook.workbench.panels.columns import Matrix
+from quernbrook.workbench.panels.columns import Matrix, Vector
 from quernbrook.workbench.panels.labels import (
     Date,
     PanelError,
@@ -28,7 +28,7 @@ if TYPE_CHECKING:
     from quernbrook.workbench.panels.context_options import ContextOptions
     from typing_extensions import Unpack
 
-__all__ = ["Matrix", "Panel", "PanelError"]
+__all__ = ["Matrix", "Panel", "PanelError", "Vector"]
 
 
 @dataclass(frozen=True, eq=False)

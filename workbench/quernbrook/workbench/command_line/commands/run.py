@@ -31,7 +31,7 @@ def command(
 
     from quernbrook.reference_host import default_registry
     from quernbrook.simulator_engine.expression_evaluator import evaluate
-    from quernbrook.workbench.alphas.measures import coverage
+    from quernbrook.workbench.seeing.measures import coverage
 
     context = panel.context(default_registry())
     if universe is not None:

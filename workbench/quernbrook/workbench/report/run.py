@@ -1,0 +1,74 @@
+"""A run as a report tells of it: what was evaluated, over what, and what came of it."""
+
+from __future__ import annotations
+
+import time
+from dataclasses import dataclass
+
+import numpy as np
+import pandas as pd
+from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+from quernbrook.reference_host import FunctionRegistry
+from quernbrook.reference_host.warmup import warmup_rows
+from quernbrook.simulator_engine.expression_evaluator import evaluate
+from quernbrook.workbench.panels import Panel
+from quernbrook.workbench.panels.panel import Matrix
+from quernbrook.workbench.seeing.causes import Causes, nan_causes
+from quernbrook.workbench.seeing.measures import returns_of
+
+
+@dataclass(frozen=True)
+class Run:
+    """A graph that ran over a panel.
+
+    weights: of the panel's shape. causes: of their NaN, a `Cause` a cell. seconds: of the
+    evaluation alone. warmup_rows: how many rows it blanked. universe: the panel's field of the
+    universe, None without one. returns: of the symbols, None where the panel has no returns.
+    """
+
+    graph: Node
+    panel: Panel
+    weights: pd.DataFrame
+    causes: Causes
+    seconds: float
+    warmup_rows: int
+    universe: str | None
+    returns: pd.DataFrame | None
+
+
+def run_graph(
+    graph: Node, panel: Panel, registry: FunctionRegistry, *, universe: str | None = None
+) -> Run:
+    """Evaluate a graph over a panel.
+
+    universe: a field of the panel; cells where it is 0 or NaN are outside.
+
+    Returns are the panel's field "returns", or the relative changes of its field "close".
+
+    Raises KeyError for a universe that the panel doesn't have, and what `evaluate` raises.
+    """
+    context = panel.context(registry)
+    if universe is not None:
+        context.universe = panel.fields[universe]
+    start = time.perf_counter()
+    weights = np.asarray(evaluate(graph, context).weights)
+    seconds = time.perf_counter() - start
+    returns = _returns(panel)
+    return Run(
+        graph,
+        panel,
+        panel.frame(weights),
+        nan_causes(weights, graph, context),
+        seconds,
+        warmup_rows(graph, registry),
+        universe,
+        None if returns is None else panel.frame(returns),
+    )
+
+
+def _returns(panel: Panel) -> Matrix | None:
+    if "returns" in panel.fields:
+        return panel.fields["returns"]
+    if "close" in panel.fields:
+        return returns_of(panel.fields["close"])
+    return None
