@@ -69,7 +69,7 @@ def test_a_formula_is_what_pandas_makes_of_it(number: int, market: str) -> None:
         known = np.isfinite(expected).sum()
         assert known > 0.015 * expected.size
         assert unexplained.sum() <= HANGING_ON_ROUNDING.get(number, 0.08) * known
-    for seed in range(16):
+    for seed in range(48):
         if not unexplained.any():
             break
         with noise_in_last_bits(seed):
