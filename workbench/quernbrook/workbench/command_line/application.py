@@ -11,6 +11,7 @@ from quernbrook.workbench.command_line.failures import failures_told
 # In the order of the help. Each is a module of `commands`.
 COMMANDS = (
     "run",
+    "explain",
 )  # fmt: skip
 
 application = typer.Typer(

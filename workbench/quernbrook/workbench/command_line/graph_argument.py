@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import os
 import re
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
@@ -42,9 +42,31 @@ def read_graph(text: str, features: Iterable[str] | None = None) -> Node:
     of functions and features that nobody knows.
     """
     known = None if features is None else tuple(features)
-    graph = _from_file(Path(text), known) if _is_path(text) else _from_argument(text, known)
+    graph = _reader(text)(known)
     _require_known_names(graph, known)
     return graph
+
+
+def read_graph_as_written(text: str, features: Iterable[str]) -> Node:
+    """Like `read_graph`, but names that nobody knows stay in the graph, as far as its form has
+    room for them: the caller tells of them."""
+    from quernbrook.workbench.graphs import LEAVES, children_first
+
+    known = tuple(features)
+    folded = {name.lower() for name in known}
+    read = _reader(text)
+    leaves = (visit.node for visit in children_first(read(None)) if visit.node.type in LEAVES)
+    unknown = dict.fromkeys(leaf.node for leaf in leaves if leaf.node.lower() not in folded)
+    return read((*known, *unknown))
+
+
+def _reader(text: str) -> Callable[[tuple[str, ...] | None], Node]:
+    """What makes the graph, given the names of features; a file is read here, once."""
+    if not _is_path(text):
+        return lambda features: _from_argument(text, features)
+    path = Path(text)
+    contents = _contents(path)
+    return lambda features: _from_contents(path, contents, features)
 
 
 def _is_path(text: str) -> bool:
@@ -67,11 +89,10 @@ def _from_argument(text: str, features: tuple[str, ...] | None) -> Node:
         raise InputError(f"{text} is no file, and no formula either: {error}") from None
 
 
-def _from_file(path: Path, features: tuple[str, ...] | None) -> Node:
+def _from_contents(path: Path, text: str, features: tuple[str, ...] | None) -> Node:
     from quernbrook.workbench.formulas import FormulaError, parse_formula
     from quernbrook.workbench.graph_json import GraphJsonError, graph_from_json
 
-    text = _contents(path)
     try:
         if path.suffix == ".json":
             return graph_from_json(_document(path, text), features=features)
