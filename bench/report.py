@@ -36,6 +36,7 @@ TITLES = {
     "bench_alphas": "The published formulas",
     "bench_large_graphs": "From the call to the first row",
     "bench_pickling": "Pickling a context",
+    "bench_explain": "Explaining a graph",
 }
 # The workloads of the picture.
 DEPICTED = [

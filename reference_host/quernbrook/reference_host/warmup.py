@@ -34,7 +34,9 @@ def warmup_rows_by_path(graph: FunctionGraphNode, registry: RegistryProtocol) ->
         if window <= 1:
             found[path] = max((found[child] for child in below), default=0)
             continue
-        counted = (found[child] for child, node_below in below.items() if adds_warmup(node, node_below))
+        counted = (
+            found[child] for child, node_below in below.items() if adds_warmup(node, node_below)
+        )
         found[path] = window - 1 + max(counted, default=0)
     return found
 

@@ -10,7 +10,7 @@ import typer
 from quernbrook.workbench.command_line.failures import InputError
 from quernbrook.workbench.command_line.frame_file import SUFFIXES
 from quernbrook.workbench.command_line.graph_argument import read_graph, read_graph_as_written
-from quernbrook.workbench.names import suggestion
+from quernbrook.workbench.names import nearest, suggestion
 
 if TYPE_CHECKING:
     from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
@@ -57,8 +57,9 @@ def load_as_written(text: str, folder: Path | None, *others: str) -> tuple[Node,
     known = known_fields(folder)
     graph = read_graph_as_written(text, known)
     _require_fields(known, others)
-    fields = [name for name in fields_of([graph]) if name in known]
-    return graph, load_panel(folder, [*fields, *others])
+    # Those that come nearest to unknown names are read, too: whoever tells of these looks for them.
+    fields = (name if name in known else nearest(name, known) for name in fields_of([graph]))
+    return graph, load_panel(folder, [*(name for name in fields if name is not None), *others])
 
 
 def known_fields(folder: Path | None) -> list[str]:

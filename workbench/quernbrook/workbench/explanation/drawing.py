@@ -126,6 +126,8 @@ def _values(value: RowValue) -> str:
     numbers = [one for one in value.values if not math.isnan(one)]
     if not numbers:
         return "nan"
+    if len(set(value.values)) == 1:
+        return f"{numbers[0]:.4g}"
     picked = min(numbers), statistics.median(numbers), max(numbers)
     return "{:.4g} … {:.4g} … {:.4g}".format(*picked)
 
@@ -134,7 +136,9 @@ def _draw_edge(svg: ElementTree.Element, box: _Box, parent: _Box | None) -> None
     if parent is not None:
         start, turn = parent.x + parent.width, box.x - len(box.output) * _CHARACTER - _PADDING
         path = f"M{start:.1f} {parent.middle:.1f} C{(start + turn) / 2:.1f} {parent.middle:.1f} "
-        path += f"{(start + turn) / 2:.1f} {box.middle:.1f} {turn:.1f} {box.middle:.1f} H{box.x:.1f}"
+        path += (
+            f"{(start + turn) / 2:.1f} {box.middle:.1f} {turn:.1f} {box.middle:.1f} H{box.x:.1f}"
+        )
     elif box.output:
         path = f"M{_MARGIN:.1f} {box.middle:.1f} H{box.x:.1f}"
     else:

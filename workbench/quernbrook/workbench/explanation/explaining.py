@@ -11,13 +11,14 @@ from quernbrook.reference_host.checks.places import read_graph
 from quernbrook.workbench.explanation.costs import calls_of, find_memory
 from quernbrook.workbench.explanation.faults import (
     data_faults,
+    depth_faults,
     feature_faults,
     graph_faults,
     instance_faults,
     without_needless,
 )
 from quernbrook.workbench.explanation.functions import Function, functions_of
-from quernbrook.workbench.explanation.inputs import Inputs, prepared
+from quernbrook.workbench.explanation.inputs import ExplanationError, Inputs, prepared
 from quernbrook.workbench.explanation.records import (
     Explanation,
     FeatureUse,
@@ -34,6 +35,7 @@ from quernbrook.workbench.explanation.signals import signals_of
 from quernbrook.workbench.explanation.strips import strip_reasons
 from quernbrook.workbench.explanation.warmup import find_warmup, prefill_rows, rows_by_path
 from quernbrook.workbench.graphs import LEAVES
+from quernbrook.workbench.names import suggestion
 from quernbrook.workbench.panels import Panel
 
 _ON_NO_ROAD = "rows"
@@ -62,14 +64,17 @@ def explain(
     kernel, as in a run. No function is called with rows. Filters are tried on the pool. Graph,
     context, states and bound instances stay as they are.
 
-    Nothing that is wrong with the arguments raises: it is among the faults.
+    Nothing that a run would fail on raises: it is among the faults. Raises ExplanationError for a
+    universe that isn't a field of a panel.
     """
     dates = None
     if isinstance(context_or_panel, Panel):
         registry = default_registry() if registry is None else registry
         context, dates = context_or_panel.context(registry), context_or_panel.dates
         if universe is not None:
-            context.universe = context_or_panel.fields[universe]
+            context.universe = _field(context_or_panel, universe)
+    elif universe is not None:
+        raise ExplanationError("universe names a field of a panel; a context has its own universe")
     else:
         context = context_or_panel
         registry = context.registry if registry is None else registry
@@ -93,6 +98,12 @@ def explain(
     return _explain(run, faults)
 
 
+def _field(panel: Panel, name: str) -> Any:
+    if name not in panel.fields:
+        raise ExplanationError(f"unknown field '{name}'{suggestion(name, panel.fields)}")
+    return panel.fields[name]
+
+
 def _unreadable(faults: list[Any]) -> Explanation:
     nothing = Memory(0, 0, 0, 0, 0)
     warmup = Warmup(0, 0, 0, ())
@@ -100,10 +111,11 @@ def _unreadable(faults: list[Any]) -> Explanation:
 
 
 def _explain(run: Inputs, faults: list[Any]) -> Explanation:
+    too_deep = list(depth_faults(run))
     roads = find_roads(run)
-    road = _taken(roads)
+    road = None if too_deep else _taken(roads)
     is_fast = road not in (_ON_NO_ROAD, None)
-    faults = without_needless(faults, run, road)
+    faults = [*too_deep, *without_needless(faults, run, road)]
     functions = functions_of(run)
     signals = signals_of(run)
     if not is_fast:
@@ -186,4 +198,3 @@ def _features(run: Inputs) -> Iterator[FeatureUse]:
             name in run.stage_features,
             name in (run.missing or ()),
         )
-

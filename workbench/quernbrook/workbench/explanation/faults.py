@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Iterator, Mapping
 from typing import Any
 
@@ -29,9 +30,7 @@ def graph_faults(
     )
 
 
-def without_needless(
-    faults: list[Fault], run: Inputs, road: str | None
-) -> list[Fault]:
+def without_needless(faults: list[Fault], run: Inputs, road: str | None) -> list[Fault]:
     """Leave out functions that this run doesn't ask the registry for: bound ones, those of a fast
     road, and those that another kind of registry knows."""
     needless = set()
@@ -57,6 +56,17 @@ def data_faults(context: Any) -> Iterator[Fault]:
         yield Fault("context", str(error))
 
 
+def depth_faults(run: Inputs) -> Iterator[Fault]:
+    try:
+        evaluator._compute_graph_warmup_rows(run.graph, None)
+    except RecursionError:
+        limit = sys.getrecursionlimit()
+        text = (
+            "the graph nests too deeply: the evaluator goes as deep as the interpreter's recursion"
+        )
+        yield Fault("root", f"{text} limit, {limit:,}; raise it with sys.setrecursionlimit")
+
+
 def feature_faults(run: Inputs) -> Iterator[Fault]:
     """Stage data are not among what `data_faults` compares."""
     for path, node in run.nodes.items():
@@ -67,9 +77,7 @@ def feature_faults(run: Inputs) -> Iterator[Fault]:
             yield Fault(path, f"feature '{node.node}' has shape {shape}, expected {run.shape}")
 
 
-def instance_faults(
-    functions: Mapping[str, Function], told: list[Fault]
-) -> Iterator[Fault]:
+def instance_faults(functions: Mapping[str, Function], told: list[Fault]) -> Iterator[Fault]:
     """Instances that can't be had, where the check hasn't told so."""
     known = {fault.path for fault in told}
     for path, function in functions.items():

@@ -69,7 +69,7 @@ class Inputs:
     def is_precomputed(self, path: str) -> bool:
         identity = getattr(self.nodes[path], "canonical_id", None)
         outputs = getattr(self.context, "_precomputed_node_outputs", None)
-        return identity is not None and bool(outputs) and identity in outputs
+        return identity is not None and outputs is not None and identity in outputs
 
     def may_be_precomputed(self, path: str) -> bool:
         """Whether only code of the host's could tell."""
@@ -99,5 +99,3 @@ def prepared(graph: Node, context: Any, registry: Any, **others: Any) -> Inputs:
     evaluator._attach_stage_data_feature_leaves(merged, copied)
     attached = frozenset(set(copied.feature_index) - set(context.feature_index))
     return Inputs(merged, copied, stage_features=attached, **others)
-
-

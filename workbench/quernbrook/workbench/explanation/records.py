@@ -9,9 +9,8 @@ from typing import TYPE_CHECKING, Any, Literal
 from quernbrook.reference_host import Fault
 
 if TYPE_CHECKING:
-    from rich.console import Group
-
     from quernbrook.workbench.explanation.inputs import Inputs
+    from rich.console import Group
 
 Origin = Literal["own", "named child", "window", "text", "flag", "default"]
 Step = Literal["road", "strip", "row"]
@@ -19,7 +18,7 @@ Step = Literal["road", "strip", "row"]
 
 @dataclass(frozen=True)
 class Refusal:
-    """The first test that closed a fast road: what was found, and the value that it was found in."""
+    """The first test that closed a fast road: what was found, and the value behind it."""
 
     test: str
     value: str

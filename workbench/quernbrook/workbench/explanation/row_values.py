@@ -71,14 +71,15 @@ def _number_of_date(run: Inputs, text: str) -> int:
         date = pd.Timestamp(text)
     except ValueError:
         raise ExplanationError(f"{text!r} is no date: write 2024-01-31") from None
-    if date in run.dates:
-        return _number(run, int(run.dates.get_loc(date)))
+    number = int(run.dates.searchsorted(date))
+    if number < len(run.dates) and run.dates[number] == date:
+        return _number(run, number)
     first, last = (one.date().isoformat() for one in (run.dates[0], run.dates[-1]))
     raise ExplanationError(f"the data have no row for {text}; they go from {first} to {last}")
 
 
 def _shortened(run: Inputs, row: int) -> Any:
-    """A context of the rows up to this one. Universe and signals may go on: no row reads further."""
+    """A context of the rows up to this one; universe and signals may go on."""
     context = copy.copy(run.context)
     context.features = tuple(feature[: row + 1] for feature in run.context.features)
     context._skip_evaluation_shape_validation = True
@@ -89,7 +90,7 @@ def _shortened(run: Inputs, row: int) -> Any:
 def _copied(path: str, instance: Any) -> Any:
     try:
         return copy.deepcopy(instance)
-    except Exception as error:  # noqa: BLE001
+    except Exception as error:
         text = f"the instance bound to {path} can't be copied: {type(error).__name__}: {error}"
         raise ExplanationError(text) from error
 

@@ -18,6 +18,7 @@ from quernbrook.workbench.explanation.shown import shown
 from quernbrook.workbench.graphs import FUNCTIONS, LEAVES, LITERALS
 
 Reasons = dict[str, str | None]
+_DOUBLE = np.dtype(np.float64)
 _NO_OFFER = "its type has neither a kernel nor a method for blocks"
 
 
@@ -32,9 +33,7 @@ def strip_reasons(
     return {path: reason or everywhere for path, reason in found.items()}
 
 
-def _reason_for_all(
-    run: Inputs, functions: Mapping[str, Function], found: Reasons
-) -> str | None:
+def _reason_for_all(run: Inputs, functions: Mapping[str, Function], found: Reasons) -> str | None:
     if all(function.offer is None for function in functions.values()):
         return "no function of the graph has a kernel or a method for blocks"
     if not _is_plain(run.context):
@@ -173,7 +172,9 @@ def _reads_others(run: Inputs) -> bool:
                 return True
             extracted = path
         elif node.type == "reduction":
-            places = (i for i, child in enumerate(node.children or ()) if child.type == "filtration")
+            places = (
+                i for i, child in enumerate(node.children or ()) if child.type == "filtration"
+            )
             place = next(places, None)
             own = None if place is None else f"{path}.c{place}"
             if own != extracted or run.is_precomputed(path):
@@ -182,9 +183,7 @@ def _reads_others(run: Inputs) -> bool:
     return extracted is not None
 
 
-def _unreadable(
-    run: Inputs, found: Reasons, signals: Mapping[str, SignalUse]
-) -> str | None:
+def _unreadable(run: Inputs, found: Reasons, signals: Mapping[str, SignalUse]) -> str | None:
     """Matrices that only NumPy can read keep all nodes from strips."""
     return next(_unreadable_matrices(run, found, signals), None)
 
@@ -228,16 +227,18 @@ def _unreadable_pool(run: Inputs, use: SignalUse | None) -> Iterator[str]:
 
 
 def _is_number_matrix(matrix: Any, shape: tuple[int, int | None]) -> bool:
-    if type(matrix) is not np.ndarray or matrix.ndim != 2 or not matrix.dtype.isnative:
+    """One whose numbers are made float64 a strip at a time."""
+    if type(matrix) is not np.ndarray or matrix.ndim != 2:
         return False
     rows, columns = shape
-    fits = len(matrix) >= rows and columns in (None, matrix.shape[1])
-    is_number = matrix.dtype.kind in "biu" or matrix.dtype in (np.float16, np.float32, np.float64)
-    return fits and is_number and matrix.flags.aligned
+    kind, size = matrix.dtype.kind, matrix.dtype.itemsize
+    is_number = kind in "biu" or (kind == "f" and size <= _DOUBLE.itemsize)
+    return is_number and len(matrix) >= rows and columns in (None, matrix.shape[1])
 
 
 def _is_double_matrix(matrix: Any, shape: tuple[int, int | None]) -> bool:
-    return _is_number_matrix(matrix, shape) and bool(matrix.dtype == np.float64)
+    """One that is read where it lies."""
+    return _is_number_matrix(matrix, shape) and matrix.dtype == _DOUBLE and matrix.flags.aligned
 
 
 def _described(matrix: Any) -> str:
@@ -248,21 +249,21 @@ def _described(matrix: Any) -> str:
 
 def _is_plain(context: Any) -> bool:
     """Whether its class lets attributes be read and set without code of its own."""
-    kind = type(context)
+    kind: Any = type(context)
     if kind.__getattribute__ is not object.__getattribute__:
         return False
     if kind.__setattr__ is not object.__setattr__ or not hasattr(context, "__dict__"):
         return False
     return all(
-        inspect.getattr_static(kind, name, None) is None for name in ("current_day_index", "universe")
+        inspect.getattr_static(kind, name, None) is None
+        for name in ("current_day_index", "universe")
     )
 
 
 def _plain_truth(instance: Any, name: str) -> bool | None:
     """An attribute that is a truth value, and read without code of the instance's."""
-    if type(instance).__getattribute__ is not object.__getattribute__:
+    kind: Any = type(instance)
+    if kind.__getattribute__ is not object.__getattribute__:
         return None
     value = inspect.getattr_static(instance, name, None)
     return value if isinstance(value, bool) else None
-
-

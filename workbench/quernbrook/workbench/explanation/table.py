@@ -56,9 +56,13 @@ def _facts(explanation: Explanation) -> Table:
     if explanation.nodes:
         add("warm-up", _warmup(explanation.warmup))
         add("calls", f"{explanation.calls:,} into Python")
-        add("memory", f"{explanation.memory.total / 2**20:,.1f} MiB")
+        add("memory", _bytes(explanation.memory.total))
     add("faults", str(len(explanation.faults)) if explanation.faults else "none")
     return facts
+
+
+def _bytes(count: int) -> str:
+    return f"{count / 2**20:,.1f} MiB" if count >= 2**20 else f"{count / 2**10:,.1f} KiB"
 
 
 def _road(explanation: Explanation) -> str:

@@ -30,7 +30,10 @@ def find_warmup(
 ) -> Warmup:
     if is_fast or run.bound:
         return Warmup(0, 0, 0, ())
-    total = int(evaluator._compute_graph_warmup_rows(run.graph, run.registry))
+    try:
+        total = int(evaluator._compute_graph_warmup_rows(run.graph, run.registry))
+    except RecursionError:  # a fault of its own
+        return Warmup(0, 0, 0, ())
     counts = (
         _count(function.state) + prefill.get(path, 0)
         for path, function in functions.items()

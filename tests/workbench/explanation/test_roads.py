@@ -1,0 +1,234 @@
+"""The roads: the evaluator's verdict, and that the reason told for it stands or falls with it."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from types import SimpleNamespace
+from typing import Any
+
+import numpy as np
+import pytest
+from hypothesis import HealthCheck, example, given, settings
+from hypothesis import strategies as st
+from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+from quernbrook.reference_host import default_registry
+from quernbrook.reference_host.graphs import feature, integer, number, rotation, string
+from quernbrook.simulator_engine import expression_evaluator
+from quernbrook.simulator_engine._types import UsefulSignal
+from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, evaluate
+from quernbrook.workbench.explanation import Explanation, explain
+from support.registries import RecordingRegistry
+
+LEAST = 4
+EVALUATORS = {
+    "leaf": "_evaluate_leaf_fast",
+    "rank": "_evaluate_simple_rank_fast",
+    "rank product": "_evaluate_rank_multiply_fast",
+    "longitudinal": "_evaluate_longitudinal_fast",
+}
+STUB: dict[str, Any] = {"stateful": True}
+
+
+@pytest.fixture(autouse=True)
+def _roads_for_few_rows(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(expression_evaluator, "_LONGITUDINAL_FAST_MIN_ROWS", LEAST)
+
+
+leaves = st.builds(
+    Node, st.sampled_from(["feature", "feature", "aggregation"]), st.sampled_from(["a", "b", "no"])
+)
+literals = st.sampled_from([integer(2), number(2.0), string("x"), Node("bool", True)])
+ROLLING = ["longitudinal_mean", "longitudinal_std", "longitudinal_zscore", "longitudinal_delta"]
+
+
+def ranks(inner: st.SearchStrategy[Node]) -> st.SearchStrategy[Node]:
+    children = st.lists(inner, min_size=1, max_size=1) | st.lists(inner, max_size=2)
+    return st.builds(Node, st.just("rotation"), st.just("latitudinal_rank"), children)
+
+
+def products(inner: st.SearchStrategy[Node]) -> st.SearchStrategy[Node]:
+    children = st.lists(inner, min_size=2, max_size=2) | st.lists(inner, max_size=3)
+    return st.builds(Node, st.just("rotation"), st.just("numerical_multiply"), children)
+
+
+def rolling(inner: st.SearchStrategy[Node]) -> st.SearchStrategy[Node]:
+    window = st.just([integer(2)]) | st.lists(literals, max_size=2)
+    children = st.builds(lambda data, more: [data, *more], inner, window)
+    children |= st.lists(inner | literals, max_size=3)
+    kinds = st.sampled_from(["rotation"] * 5 + ["reduction"])
+    return st.builds(Node, kinds, st.sampled_from(ROLLING), children)
+
+
+graphs = (
+    leaves
+    | literals
+    | ranks(leaves | literals)
+    | products(ranks(leaves) | leaves)
+    | st.recursive(leaves, rolling, max_leaves=3)
+)
+
+
+@st.composite
+def registries(draw: st.DrawFn) -> Any:
+    kind = draw(st.sampled_from(["none", "library", "recording", "recording"]))
+    if kind == "none":
+        return None
+    if kind == "library":
+        return default_registry()
+    names = ["latitudinal_rank", "numerical_multiply", *ROLLING]
+    entries: dict[str, Any] = {}
+    for name in draw(st.sets(st.sampled_from(names))) | {"longitudinal_mean"}:
+        extra = draw(st.sampled_from([None, None, "module_path", "class_name", "factory"]))
+        entries[name] = SimpleNamespace(**STUB, **({} if extra is None else {extra: "own"}))
+    real = draw(st.just(()) | st.sets(st.sampled_from(names), max_size=2))
+    return RecordingRegistry(entries, real_factories=real)
+
+
+@st.composite
+def runs(draw: st.DrawFn) -> tuple[Node, Any, dict[str, Any]]:
+    """Now and then one of what closes roads; more would hide what comes after."""
+    rows = draw(st.sampled_from([0, LEAST - 1, LEAST, LEAST, LEAST + 1]))
+    matrices: Any = tuple(np.arange(rows * 2.0).reshape(rows, 2) for _ in "ab")
+    odd = draw(st.sampled_from([*[""] * 6, "signals", "metaparameters", "states", "missing"]))
+    odd = draw(st.sampled_from([odd] * 5 + ["bound", "no states", "none missing"]))
+    context: Any = EvaluationContext(
+        matrices,
+        {"a": 0, "b": 1},
+        registry=draw(registries()),
+        useful_signals={"s": UsefulSignal(matrices[0])} if odd == "signals" else None,
+        metaparameters={"stage": "on"} if odd == "metaparameters" else None,
+    )
+    arguments: dict[str, Any] = {}
+    if odd in ("states", "no states"):
+        arguments["states"] = {"root": {"count": 1}} if odd == "states" else {}
+    if odd in ("missing", "none missing"):
+        arguments["data_nan_features"] = ["a"] if odd == "missing" else []
+    if odd == "bound":
+        arguments["bound"] = {"root": lambda *rows: rows[0]}
+    return draw(graphs), context, arguments
+
+
+def verdicts(graph: Node, context: Any, arguments: dict[str, Any]) -> dict[str, bool]:
+    """Asked of the evaluator alone."""
+    module: Any = expression_evaluator
+    states, missing = arguments.get("states"), arguments.get("data_nan_features")
+    bound, rows = arguments.get("bound"), len(context.features[0])
+    common = (graph, context, states)
+    return {
+        "leaf": module._can_use_leaf_fast_path(*common, data_nan_features=missing),
+        "rank": module._can_use_simple_rank_fast_path(*common, data_nan_features=missing),
+        "rank product": module._can_use_rank_multiply_fast_path(
+            *common, bound_function_instances=bound, data_nan_features=missing
+        ),
+        "longitudinal": module._can_use_longitudinal_fast_path(
+            *common, rows, data_nan_features=missing
+        ),
+    }
+
+
+CHAIN = rotation("longitudinal_mean", rotation("longitudinal_std", feature("a"), 2), 2)
+
+
+def stubs() -> Any:
+    return RecordingRegistry({name: SimpleNamespace(**STUB) for name in ROLLING})
+
+
+def context_of(registry: Any, rows: int = LEAST, **options: Any) -> Any:
+    matrix = np.arange(rows * 2.0).reshape(rows, 2)
+    return EvaluationContext((matrix, matrix), {"a": 0, "b": 1}, registry=registry, **options)
+
+
+@settings(max_examples=150, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(runs())
+@example((CHAIN, context_of(stubs()), {}))
+@example((CHAIN, context_of(stubs()), {"states": {}}))
+@example((CHAIN, context_of(None), {}))
+def test_the_reason_is_there_where_the_evaluator_declines(
+    run: tuple[Node, Any, dict[str, Any]],
+) -> None:
+    graph, context, arguments = run
+    explanation = explain(graph, context, **arguments)
+    expected = verdicts(graph, context, arguments)
+    assert {road.name: road.is_open for road in explanation.roads} == expected
+    for road in explanation.roads:
+        assert (road.refusal is None) == road.is_open, road
+    taken = next((name for name, is_open in expected.items() if is_open), "rows")
+    assert explanation.road == taken
+
+
+RANK = rotation("latitudinal_rank", feature("a"))
+
+
+@pytest.mark.parametrize(
+    ("graph", "registry"),
+    [
+        (feature("a"), None),
+        (RANK, default_registry()),
+        (rotation("numerical_multiply", RANK, rotation("latitudinal_rank", feature("b"))), None),
+        (CHAIN, stubs()),
+        (rotation("longitudinal_mean", RANK, 2), default_registry()),
+    ],
+)
+def test_a_run_takes_the_road_that_is_told(
+    graph: Node, registry: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    taken = []
+
+    def watched(name: str, evaluator: Any) -> Any:
+        def evaluated(*arguments: Any) -> Any:
+            weights = evaluator(*arguments)
+            taken.append(name)
+            return weights
+
+        return evaluated
+
+    for name, function in EVALUATORS.items():
+        watching = watched(name, getattr(expression_evaluator, function))
+        monkeypatch.setattr(expression_evaluator, function, watching)
+    explanation = explain(graph, context_of(registry))
+    assert not taken
+    evaluate(graph, context_of(registry))
+    assert explanation.road == (taken[-1] if taken else "rows")
+
+
+def refusals(explanation: Explanation) -> Iterator[str]:
+    return (f"{road.name}: {road.refusal}" for road in explanation.roads)
+
+
+def test_the_value_is_told() -> None:
+    graph = rotation("longitudinal_mean", rotation("numerical_add", feature("a"), 1.0), 2)
+    assert list(refusals(explain(graph, context_of(stubs())))) == [
+        "leaf: the root is no leaf: 'rotation'",
+        "rank: root is no latitudinal_rank: rotation 'longitudinal_mean'",
+        "rank product: root is no numerical_multiply: rotation 'longitudinal_mean'",
+        "longitudinal: root.c0 is no rolling mean, deviation or z-score: 'numerical_add'",
+    ]
+    short = explain(CHAIN, context_of(stubs(), LEAST - 1))
+    assert list(refusals(short))[-1] == "longitudinal: fewer than 4 rows: 3"
+
+
+def test_ties_are_told_of() -> None:
+    rank = next(road for road in explain(RANK, context_of(None)).roads if road.is_open)
+    assert rank.condition == "finite values of a row are equal"
+
+
+def test_transforms_are_laid_around_before_roads_are_tried() -> None:
+    from quernbrook.reference_host.graphs import signal
+    from quernbrook.simulator_engine._types import TransformStage
+
+    stage = TransformStage("rank", "on", {"on": rotation("latitudinal_rank", signal())})
+    context = context_of(None, transform_pipeline=[stage])
+    assert explain(feature("a"), context).road == "rank"
+    assert len(context.transform_pipeline) == 1
+
+
+def test_a_registry_that_fails() -> None:
+    class Failing(RecordingRegistry):
+        def has_factory(self, name: str) -> bool:
+            raise KeyError("the registry is gone")
+
+    explanation = explain(RANK, context_of(Failing()))
+    assert explanation.road is None
+    assert (
+        list(refusals(explanation))[1] == "rank: its test fails: KeyError: 'the registry is gone'"
+    )
