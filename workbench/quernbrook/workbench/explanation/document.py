@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from collections.abc import Mapping
 from dataclasses import fields, is_dataclass
 from typing import Any
@@ -21,7 +22,9 @@ def document_of(explanation: Explanation) -> dict[str, Any]:
 
 
 def _plain(value: Any) -> Any:
-    if value is None or type(value) in (bool, int, float, str):
+    if value is None or type(value) in (bool, int, str):
+        return value
+    if type(value) is float and math.isfinite(value):
         return value
     if is_dataclass(value) and not isinstance(value, type):
         return {one.name: _plain(getattr(value, one.name)) for one in fields(value)}

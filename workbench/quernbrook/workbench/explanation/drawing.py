@@ -68,12 +68,17 @@ def draw(explanation: Explanation, row: Mapping[str, RowValue]) -> str:
 
 def _boxes(explanation: Explanation, row: Mapping[str, RowValue]) -> dict[str, _Box]:
     """In the order of the nodes, children first."""
+    passing = {
+        use.filter_path: f"{len(use.passing):,} of {use.pool_size:,} pass"
+        for use in explanation.signals
+    }
     return {
         node.path: _Box(
             node,
             node.path.count("."),
-            _lines(node),
-            _output(row[node.path]) if node.path in row else "",
+            (node.label, passing.get(node.path) or _settings(node) or node.kind),
+            # What stands in a literal's box is its value.
+            _output(row[node.path]) if node.path in row and node.kind not in LITERALS else "",
         )
         for node in explanation.nodes
     }
@@ -105,11 +110,9 @@ def _place(boxes: Mapping[str, _Box]) -> None:
             y += _HEIGHT + _GAP
 
 
-def _lines(node: NodeExplanation) -> tuple[str, str]:
-    settings = (
-        f"{one.name}={shown(one.value)}" for one in node.settings if one.origin != "default"
-    )
-    return node.label, ", ".join(settings) or node.kind
+def _settings(node: NodeExplanation) -> str:
+    given = (one for one in node.settings if one.origin != "default")
+    return ", ".join(f"{one.name}={shown(one.value)}" for one in given)
 
 
 def _output(value: RowValue) -> str:
@@ -126,8 +129,6 @@ def _values(value: RowValue) -> str:
     numbers = [one for one in value.values if not math.isnan(one)]
     if not numbers:
         return "nan"
-    if len(set(value.values)) == 1:
-        return f"{numbers[0]:.4g}"
     picked = min(numbers), statistics.median(numbers), max(numbers)
     return "{:.4g} … {:.4g} … {:.4g}".format(*picked)
 
