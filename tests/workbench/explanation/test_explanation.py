@@ -54,7 +54,7 @@ SCHEMAS: dict[str, Any] = {
 }
 
 
-@settings(max_examples=80)
+@settings(deadline=None, max_examples=80)
 @given(
     st.sampled_from(NAMES),
     st.sampled_from(["rotation", "reduction"]),
@@ -112,7 +112,7 @@ warming = st.recursive(
 )
 
 
-@settings(max_examples=50)
+@settings(deadline=None, max_examples=50)
 @given(warming)
 def test_the_sources_of_the_warmup_add_up(graph: Node) -> None:
     from quernbrook.simulator_engine import expression_evaluator

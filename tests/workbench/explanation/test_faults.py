@@ -125,6 +125,14 @@ def test_a_universe_of_another_shape() -> None:
     assert fault.startswith("context: Feature dimension mismatch")
 
 
+def test_features_that_nobody_checked() -> None:
+    context = context_of(default_registry())
+    context.features = ([1.0, 2.0],)
+    context._skip_evaluation_shape_validation = True
+    (fault,) = told(explain(number(1.0), context))
+    assert fault == "context: AttributeError: 'list' object has no attribute 'shape'"
+
+
 def test_stage_data_of_another_shape() -> None:
     context = context_of(default_registry(), stage_data=StageData({"c": np.ones((2, 2))}))
     graph = rotation("numerical_add", feature("close"), feature("c"))

@@ -138,7 +138,9 @@ def context_of(registry: Any, rows: int = LEAST, **options: Any) -> Any:
     return EvaluationContext((matrix, matrix), {"a": 0, "b": 1}, registry=registry, **options)
 
 
-@settings(max_examples=150, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(
+    deadline=None, max_examples=150, suppress_health_check=[HealthCheck.function_scoped_fixture]
+)
 @given(runs())
 @example((CHAIN, context_of(stubs()), {}))
 @example((CHAIN, context_of(stubs()), {"states": {}}))

@@ -131,7 +131,7 @@ def came_in_strips(instance: Any) -> bool:
     return any(count != "call" and count > 1 for count in instance.calls)
 
 
-@settings(max_examples=150)
+@settings(deadline=None, max_examples=150)
 @given(graphs, contexts(), attributes, st.booleans(), st.booleans())
 def test_nodes_in_strips_are_those_whose_functions_get_many_rows(
     graph: Node, options: dict[str, Any], extra: dict[str, Any], is_bound: bool, is_shared: bool

@@ -6,7 +6,7 @@ from collections.abc import Collection, Iterator, Mapping
 from typing import Any
 
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
-from quernbrook.reference_host import default_registry
+from quernbrook.reference_host import Fault, default_registry
 from quernbrook.reference_host.checks.places import read_graph
 from quernbrook.workbench.explanation.costs import calls_of, find_memory
 from quernbrook.workbench.explanation.faults import (
@@ -64,8 +64,8 @@ def explain(
     kernel, as in a run. No function is called with rows. Filters are tried on the pool. Graph,
     context, states and bound instances stay as they are.
 
-    Nothing that a run would fail on raises: it is among the faults. Raises ExplanationError for a
-    universe that isn't a field of a panel.
+    Faults don't raise. Raises ExplanationError for a universe that isn't a field of a panel, and
+    what the registry itself raises where it is asked for a name.
     """
     dates = None
     if isinstance(context_or_panel, Panel):
@@ -93,8 +93,9 @@ def explain(
             missing=data_nan_features,
             dates=dates,
         )
-    except Exception:  # noqa: BLE001 - the faults of the stages tell why
-        return _unreadable(faults)
+        run.shape  # noqa: B018 - whatever is read of the context is readable
+    except Exception as error:  # noqa: BLE001 - a run fails with it, or with a fault that is told
+        return _unreadable(faults or [Fault("context", f"{type(error).__name__}: {error}")])
     return _explain(run, faults)
 
 
@@ -104,13 +105,13 @@ def _field(panel: Panel, name: str) -> Any:
     return panel.fields[name]
 
 
-def _unreadable(faults: list[Any]) -> Explanation:
+def _unreadable(faults: list[Fault]) -> Explanation:
     nothing = Memory(0, 0, 0, 0, 0)
     warmup = Warmup(0, 0, 0, ())
     return Explanation(0, 0, None, (), (), warmup, (), (), nothing, 0, tuple(faults), None)
 
 
-def _explain(run: Inputs, faults: list[Any]) -> Explanation:
+def _explain(run: Inputs, faults: list[Fault]) -> Explanation:
     too_deep = list(depth_faults(run))
     roads = find_roads(run)
     road = None if too_deep else _taken(roads)

@@ -177,7 +177,7 @@ def _reads_others(run: Inputs) -> bool:
             )
             place = next(places, None)
             own = None if place is None else f"{path}.c{place}"
-            if own != extracted or run.is_precomputed(path):
+            if own != extracted or run.is_precomputed(path) or run.may_be_precomputed(path):
                 return True
             extracted = None
     return extracted is not None
