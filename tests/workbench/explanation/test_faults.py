@@ -11,6 +11,7 @@ from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.functions._typed_shapes import StageData
 from quernbrook.reference_host import FunctionEntry, FunctionRegistry, default_registry
 from quernbrook.reference_host.graphs import feature, number, rotation
+from quernbrook.simulator_engine._types import SimulatorEngineError
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, evaluate
 from quernbrook.workbench.explanation import Explanation, ExplanationError, explain
 from quernbrook.workbench.panels import synthetic_panel
@@ -105,6 +106,23 @@ def test_graphs_that_cannot_be_read(graph: Any, options: Any, fault: str) -> Non
     assert explanation.svg().startswith("<svg") and explanation.to_json()["faults"]
     with pytest.raises(ExplanationError, match="can't be read"):
         explanation.svg(0)
+
+
+def test_parameters_of_the_engine() -> None:
+    graph = Node("rotation", "latitudinal_rank", [feature("close")], {"A": 1})
+    for registry in (None, default_registry()):
+        explanation = explain(graph, context_of(registry))
+        assert explanation.road is None and len(explanation.faults) == 1
+        with pytest.raises(SimulatorEngineError, match="engine-only"):
+            evaluate(graph, context_of(registry))
+
+
+def test_a_strict_family() -> None:
+    strict = entry(family="virtualization", param_schema={"a": "int"}, stateful=False)
+    graph = Node("rotation", "f", [feature("close")], {"a": 1, "b": 2})
+    explanation = explain(graph, context_of(RecordingRegistry({"f": strict})))
+    assert told(explanation) == ["root: config contains unknown parameter(s): b"]
+    assert explanation.road is None
 
 
 def test_a_node_below_itself() -> None:

@@ -17,6 +17,7 @@ from quernbrook.simulator_engine import expression_evaluator
 from quernbrook.simulator_engine._types import UsefulSignal
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, evaluate
 from quernbrook.workbench.explanation import Explanation, explain
+from quernbrook.workbench.graphs import LITERALS
 from support.registries import RecordingRegistry
 
 LEAST = 4
@@ -70,13 +71,11 @@ def graphs(draw: st.DrawFn) -> Node:
     nodes = [graph]
     for node in nodes:
         nodes += node.children or ()
-    node = draw(st.sampled_from(nodes))
+    node = draw(st.sampled_from([node for node in nodes if node.type not in LITERALS]))
     children = list(node.children or ())
     change = draw(st.sampled_from(["kind", "name", "more", "fewer", "other"]))
     if change == "kind":
-        node.type = draw(
-            st.sampled_from(["rotation", "reduction", "feature", "float", "filtration"])
-        )
+        node.type = draw(st.sampled_from(["rotation", "reduction", "feature", "filtration"]))
     elif change == "name":
         node.node = draw(st.sampled_from([RANK, PRODUCT, *ROLLING, *OTHERS]))
     elif change == "more":
@@ -194,6 +193,11 @@ def test_the_reason_is_there_where_the_evaluator_declines(
     assert {road.name: road.is_open for road in explanation.roads} == expected
     for road in explanation.roads:
         assert (road.refusal is None) == road.is_open, road
+    if explanation.road is None:
+        # The run looks for the entries of all functions before it tries any road.
+        with pytest.raises(KeyError):
+            evaluate(graph, context)
+        return
     taken = next((name for name, is_open in expected.items() if is_open), "rows")
     assert explanation.road == taken
 

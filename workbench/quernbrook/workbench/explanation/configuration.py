@@ -78,7 +78,10 @@ def _named(function: str, registry: Any) -> Sequence[str]:
 def _defaults(function: str, registry: Any) -> list[tuple[str, Any]]:
     if registry is None or not registry.has(function):
         return []
-    schema = getattr(registry.get_entry(function), "param_schema", None)
+    try:
+        schema = getattr(registry.get_entry(function), "param_schema", None)
+    except Exception:  # noqa: BLE001 - a fault of its own
+        return []
     if not isinstance(schema, dict):
         return []
     values = ((name, getattr(one, "default", REQUIRED)) for name, one in schema.items())

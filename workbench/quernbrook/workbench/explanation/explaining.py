@@ -11,7 +11,6 @@ from quernbrook.reference_host.checks.places import read_graph
 from quernbrook.workbench.explanation.costs import calls_of, find_memory
 from quernbrook.workbench.explanation.faults import (
     data_faults,
-    depth_faults,
     feature_faults,
     graph_faults,
     instance_faults,
@@ -19,6 +18,7 @@ from quernbrook.workbench.explanation.faults import (
 )
 from quernbrook.workbench.explanation.functions import Function, functions_of
 from quernbrook.workbench.explanation.inputs import ExplanationError, Inputs, prepared
+from quernbrook.workbench.explanation.preflight import preflight_faults
 from quernbrook.workbench.explanation.records import (
     Explanation,
     FeatureUse,
@@ -112,11 +112,13 @@ def _unreadable(faults: list[Fault]) -> Explanation:
 
 
 def _explain(run: Inputs, faults: list[Fault]) -> Explanation:
-    too_deep = list(depth_faults(run))
+    ends_at_once = list(preflight_faults(run))
     roads = find_roads(run)
-    road = None if too_deep else _taken(roads)
+    road = None if ends_at_once else _taken(roads)
     is_fast = road not in (_ON_NO_ROAD, None)
-    faults = [*too_deep, *without_needless(faults, run, road)]
+    faults = without_needless(faults, run, road)
+    told = {fault.path for fault in faults}
+    faults = [*(fault for fault in ends_at_once if fault.path not in told), *faults]
     functions = functions_of(run)
     signals = signals_of(run)
     if not is_fast:

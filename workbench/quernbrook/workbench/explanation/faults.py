@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import sys
 from collections.abc import Iterator, Mapping
 from typing import Any
 
@@ -54,17 +53,6 @@ def data_faults(context: Any) -> Iterator[Fault]:
         evaluator._validate_evaluation_shapes(*arguments)
     except (SimulatorEngineError, AttributeError, TypeError, ValueError) as error:
         yield Fault("context", str(error))
-
-
-def depth_faults(run: Inputs) -> Iterator[Fault]:
-    try:
-        evaluator._compute_graph_warmup_rows(run.graph, None)
-    except RecursionError:
-        limit = sys.getrecursionlimit()
-        text = (
-            "the graph nests too deeply: the evaluator goes as deep as the interpreter's recursion"
-        )
-        yield Fault("root", f"{text} limit, {limit:,}; raise it with sys.setrecursionlimit")
 
 
 def feature_faults(run: Inputs) -> Iterator[Fault]:

@@ -18,7 +18,10 @@ def rows_by_path(run: Inputs) -> Mapping[str, int]:
     """Each node's warm-up rows, as if it were the root."""
     if run.registry is None:
         return dict.fromkeys(run.nodes, 0)
-    return warmup_rows_by_path(run.graph, run.registry)
+    try:
+        return warmup_rows_by_path(run.graph, run.registry)
+    except Exception:  # noqa: BLE001 - a fault of its own: a registry that fails
+        return dict.fromkeys(run.nodes, 0)
 
 
 def find_warmup(
@@ -32,7 +35,7 @@ def find_warmup(
         return Warmup(0, 0, 0, ())
     try:
         total = int(evaluator._compute_graph_warmup_rows(run.graph, run.registry))
-    except RecursionError:  # a fault of its own
+    except Exception:  # noqa: BLE001 - a fault of its own: too deep, or a registry that fails
         return Warmup(0, 0, 0, ())
     counts = (
         _count(function.state) + prefill.get(path, 0)
