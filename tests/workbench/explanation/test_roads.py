@@ -278,3 +278,62 @@ def test_a_registry_that_fails() -> None:
     assert (
         list(refusals(explanation))[1] == "rank: its test fails: KeyError: 'the registry is gone'"
     )
+
+
+def registry_with(name: str, **attributes: Any) -> Any:
+    registry = stubs()
+    registry.entries[name] = SimpleNamespace(**STUB, **attributes)
+    return registry
+
+
+MEAN = rotation("longitudinal_mean", feature("a"), 2)
+PAIR = rotation(PRODUCT, RANKED, rotation(RANK, feature("b")))
+
+
+@pytest.mark.parametrize(
+    ("road", "graph", "registry", "told"),
+    [
+        ("leaf", feature("no"), None, "the context lacks the feature of root: 'no'"),
+        ("rank", rotation(RANK, feature("a"), feature("b")), None, "root ranks more or less than one leaf: 2"),
+        ("rank", RANKED, RecordingRegistry(real_factories=[RANK]), f"the registry has a function of its own: '{RANK}'"),
+        ("rank product", rotation(PRODUCT, RANKED), None, "the product is not of two factors: 1"),
+        ("rank product", rotation(PRODUCT, RANKED, rotation(RANK, feature("no"))), None, "the context lacks the feature of root.c1.c0: 'no'"),
+        ("rank product", PAIR, RecordingRegistry(real_factories=[RANK]), f"the registry has a function of its own: '{RANK}'"),
+        ("rank product", PAIR, RecordingRegistry(real_factories=[PRODUCT]), f"the registry has a function of its own: '{PRODUCT}'"),
+        ("longitudinal", MEAN, None, "there is no registry: None"),
+        ("longitudinal", MEAN, RecordingRegistry(), "the registry lacks the function: 'longitudinal_mean'"),
+        ("longitudinal", MEAN, RecordingRegistry(stubs().entries, real_factories=["longitudinal_mean"]), "the registry has a function of its own: 'longitudinal_mean'"),
+        *(
+            ("longitudinal", MEAN, registry_with("longitudinal_mean", **{name: "own"}), f"the entry of longitudinal_mean has a {name}: 'own'")
+            for name in ("module_path", "class_name", "factory", "implementation")
+        ),
+        ("longitudinal", MEAN, Unreadable(stubs().entries), "the registry's entry of longitudinal_mean can't be had: KeyError('longitudinal_mean')"),
+        ("longitudinal", rotation("longitudinal_mean", feature("a"), 2, 2.0), stubs(), "root has not just one data child: 2"),
+        ("longitudinal", rotation("longitudinal_mean", feature("a"), "x"), stubs(), "root has no int window among its children: ['feature', 'string']"),
+        ("longitudinal", rotation("longitudinal_mean", feature("no"), 2), stubs(), "the context lacks the feature of root.c0: 'no'"),
+        ("longitudinal", rotation("longitudinal_mean", number(1.0), 2), stubs(), "root.c0 is neither a rotation nor a leaf: 'float'"),
+    ],
+)  # fmt: skip
+def test_each_test_declines(road: str, graph: Node, registry: Any, told: str) -> None:
+    context = context_of(registry)
+    found = {one.name: one for one in explain(graph, context).roads}[road]
+    assert str(found.refusal) == told
+    assert not found.is_open and not verdicts(graph, context, {})[road]
+
+
+@pytest.mark.parametrize(
+    ("arguments", "told"),
+    [
+        ({"data_nan_features": ["a"]}, ["features are marked as missing data: ['a']"] * 4),
+        ({"states": {"root": {}}}, ["there are function states to restore: 1: ['root']"] * 3),
+        ({"states": {}}, ["", "", "", "function states are given, if none: 0: []"]),
+        ({"bound": {"root": len}}, ["", "", "the caller bound instances: 1: ['root']", ""]),
+    ],
+)
+def test_arguments_that_close_roads(arguments: dict[str, Any], told: list[str]) -> None:
+    graphs_of = [feature("a"), RANKED, PAIR, MEAN]
+    for place, (graph, text) in enumerate(zip(graphs_of, told, strict=False)):
+        context = context_of(stubs())
+        found = explain(graph, context, **arguments).roads[place]
+        assert (str(found.refusal) if found.refusal else "") == text
+        assert found.is_open == verdicts(graph, context, arguments)[found.name] == (not text)
