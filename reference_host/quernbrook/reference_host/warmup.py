@@ -30,21 +30,24 @@ def warmup_rows_by_path(graph: FunctionGraphNode, registry: RegistryProtocol) ->
             for i, child in enumerate(node.children or ())
             if child.type not in _PASSED_OVER
         }
-        window = _window(node, registry)
+        window = window_of(node, registry)
         if window <= 1:
             found[path] = max((found[child] for child in below), default=0)
             continue
-        counted = (found[child] for child, node_below in below.items() if _adds(node, node_below))
+        counted = (
+            found[child] for child, node_below in below.items() if adds_warmup(node, node_below)
+        )
         found[path] = window - 1 + max(counted, default=0)
     return found
 
 
-def _adds(node: FunctionGraphNode, child: FunctionGraphNode) -> bool:
+def adds_warmup(node: FunctionGraphNode, child: FunctionGraphNode) -> bool:
+    """Whether a function with a window waits for this child's rows, too."""
     return node.type == child.type == "rotation"
 
 
-def _window(node: FunctionGraphNode, registry: RegistryProtocol) -> int:
-    """The window of a stateful function; 0 for any other node."""
+def window_of(node: FunctionGraphNode, registry: RegistryProtocol) -> int:
+    """Return the window that a stateful function warms up for; 0 for any other node."""
     if node.type not in FUNCTION_KINDS or not registry.has(node.node):
         return 0
     if not getattr(registry.get_entry(node.node), "stateful", False):

@@ -6,14 +6,18 @@ from importlib import import_module
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
+    from quernbrook.workbench.explanation import Explanation, ExplanationError, explain
     from quernbrook.workbench.formulas import FormulaError, format_formula, parse_formula
     from quernbrook.workbench.graph_json import GraphJsonError, graph_from_json, graph_to_json
     from quernbrook.workbench.graphs import GraphError, same_graph
 
 __all__ = [
+    "Explanation",
+    "ExplanationError",
     "FormulaError",
     "GraphError",
     "GraphJsonError",
+    "explain",
     "format_formula",
     "graph_from_json",
     "graph_to_json",
@@ -23,9 +27,12 @@ __all__ = [
 
 # Imported when they are asked for: the command line's help needs neither NumPy nor the evaluator.
 _MODULES = {
+    "Explanation": "explanation",
+    "ExplanationError": "explanation",
     "FormulaError": "formulas",
     "GraphError": "graphs",
     "GraphJsonError": "graph_json",
+    "explain": "explanation",
     "format_formula": "formulas",
     "graph_from_json": "graph_json",
     "graph_to_json": "graph_json",

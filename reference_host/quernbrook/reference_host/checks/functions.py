@@ -108,7 +108,7 @@ def check_function(place: Place, registry: FunctionRegistry, context: Any) -> It
     if place.kind == "reduction":
         yield from _check_reduction_call(place, entry, instance, read, context)
     elif place.is_whole:
-        yield from _check_rotation_call(place, instance, len(read.operands))
+        yield from _check_rotation_call(place, entry, instance, len(read.operands))
 
 
 def _is_required(entry: FunctionEntry, parameter: str) -> bool:
@@ -171,12 +171,16 @@ def _check_instance(place: Place, entry: FunctionEntry, instance: Any) -> Iterat
                 )
 
 
-def _check_rotation_call(place: Place, instance: Any, count: int) -> Iterator[Fault]:
+def _check_rotation_call(
+    place: Place, entry: FunctionEntry, instance: Any, count: int
+) -> Iterator[Fault]:
     arity = getattr(instance, "arity", None)
     if isinstance(arity, int) and arity != count:
         yield Fault(place.path, f"'{place.value}' takes {arity} operand(s); it has {count}")
         return
     refused = _refused_call(instance, *[None] * count, context=None)
+    if refused is None and entry.library and entry.family == "reduction":
+        refused = "it is a function of signals"  # those in machine code tell no signature
     if refused:
         yield Fault(
             place.path,

@@ -42,10 +42,11 @@ def _exit_code(error: Exception) -> int | None:
     # Only now, when there is no hurry.
     from quernbrook.functions._typed_shapes import SchemaError
     from quernbrook.simulator_engine._types import SimulatorEngineError
-    from quernbrook.workbench import FormulaError, GraphError, GraphJsonError
+    from quernbrook.workbench import ExplanationError, FormulaError, GraphError, GraphJsonError
     from quernbrook.workbench.panels import PanelError
 
-    if isinstance(error, FormulaError | GraphError | GraphJsonError | PanelError):
+    wrong_input = (ExplanationError, FormulaError, GraphError, GraphJsonError, PanelError)
+    if isinstance(error, wrong_input):
         return WRONG_INPUT
     if isinstance(error, SimulatorEngineError | SchemaError):
         return EVALUATION_FAILED

@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import os
 import re
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
@@ -15,6 +15,7 @@ from quernbrook.workbench.names import suggestion
 
 if TYPE_CHECKING:
     from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
+    from quernbrook.reference_host import FunctionRegistry
 
 GraphArgument = Annotated[
     str,
@@ -42,9 +43,31 @@ def read_graph(text: str, features: Iterable[str] | None = None) -> Node:
     of functions and features that nobody knows.
     """
     known = None if features is None else tuple(features)
-    graph = _from_file(Path(text), known) if _is_path(text) else _from_argument(text, known)
+    graph = _reader(text)(known)
     _require_known_names(graph, known)
     return graph
+
+
+def read_graph_as_written(text: str, features: Iterable[str]) -> Node:
+    """Like `read_graph`, but unknown names stay in the graph, and the caller tells of them. Only a
+    formula that calls an unknown function by its bare name can't be read."""
+    from quernbrook.workbench.graphs import LEAVES, children_first
+
+    known = tuple(features)
+    folded = {name.lower() for name in known}
+    read = _reader(text, any_function=True)
+    leaves = (visit.node for visit in children_first(read(None)) if visit.node.type in LEAVES)
+    unknown = dict.fromkeys(leaf.node for leaf in leaves if leaf.node.lower() not in folded)
+    return read((*known, *unknown))
+
+
+def _reader(text: str, *, any_function: bool = False) -> Callable[[tuple[str, ...] | None], Node]:
+    """What makes the graph, given the names of features; a file is read here, once."""
+    if not _is_path(text):
+        return lambda features: _from_argument(text, features)
+    path = Path(text)
+    contents = _contents(path)
+    return lambda features: _from_contents(path, contents, features, any_function)
 
 
 def _is_path(text: str) -> bool:
@@ -67,19 +90,42 @@ def _from_argument(text: str, features: tuple[str, ...] | None) -> Node:
         raise InputError(f"{text} is no file, and no formula either: {error}") from None
 
 
-def _from_file(path: Path, features: tuple[str, ...] | None) -> Node:
+def _from_contents(
+    path: Path, text: str, features: tuple[str, ...] | None, any_function: bool
+) -> Node:
     from quernbrook.workbench.formulas import FormulaError, parse_formula
     from quernbrook.workbench.graph_json import GraphJsonError, graph_from_json
 
-    text = _contents(path)
     try:
         if path.suffix == ".json":
-            return graph_from_json(_document(path, text), features=features)
+            document = _document(path, text)
+            registry = _naming_all(document) if any_function else None
+            return graph_from_json(document, features=features, registry=registry)
         return parse_formula(text.rstrip(), features=features)
     except (FormulaError, GraphJsonError) as error:
         raise InputError(f"{path}: {error}") from None
     except RecursionError:
         raise InputError(f"{path}: the graph nests too deeply for JSON") from None
+
+
+def _naming_all(document: Any) -> FunctionRegistry:
+    """The library, with an empty entry for each function that a document names beside it."""
+    from quernbrook.reference_host import FunctionEntry, default_registry
+    from quernbrook.workbench.graphs import FUNCTIONS
+
+    registry = default_registry()
+    pending = [document]
+    while pending:
+        value = pending.pop()
+        if isinstance(value, list):
+            pending += value
+        elif isinstance(value, dict):
+            pending += value.values()
+            name = value.get("node")
+            is_function = isinstance(name, str) and value.get("type") in tuple(FUNCTIONS)
+            if is_function and name and not registry.has(name):
+                registry.register(FunctionEntry(name, "unknown", build=object))
+    return registry
 
 
 def _contents(path: Path) -> str:

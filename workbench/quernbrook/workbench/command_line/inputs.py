@@ -9,8 +9,8 @@ from typing import TYPE_CHECKING, Annotated
 import typer
 from quernbrook.workbench.command_line.failures import InputError
 from quernbrook.workbench.command_line.frame_file import SUFFIXES
-from quernbrook.workbench.command_line.graph_argument import read_graph
-from quernbrook.workbench.names import suggestion
+from quernbrook.workbench.command_line.graph_argument import read_graph, read_graph_as_written
+from quernbrook.workbench.names import nearest, suggestion
 
 if TYPE_CHECKING:
     from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
@@ -47,10 +47,19 @@ def load(text: str, folder: Path | None, *others: str) -> tuple[Node, Panel]:
     known = known_fields(folder)
     graph = read_graph(text, known)
     _require_no_signals(graph)
-    for name in others:
-        if name not in known:
-            raise InputError(f"unknown field '{name}'{suggestion(name, known)}")
+    _require_fields(known, others)
     return graph, load_panel(folder, [*fields_of([graph]), *others])
+
+
+def load_as_written(text: str, folder: Path | None, *others: str) -> tuple[Node, Panel]:
+    """Like `load`, for commands that tell of what a graph lacks themselves: it may have names that
+    nobody knows, and reductions."""
+    known = known_fields(folder)
+    graph = read_graph_as_written(text, known)
+    _require_fields(known, others)
+    # Those that come nearest to unknown names are read, too: whoever tells of these looks for them.
+    fields = (name if name in known else nearest(name, known) for name in fields_of([graph]))
+    return graph, load_panel(folder, [*(name for name in fields if name is not None), *others])
 
 
 def known_fields(folder: Path | None) -> list[str]:
@@ -100,6 +109,12 @@ def load_panel(folder: Path | None, fields: Iterable[str]) -> Panel:
         what = "symbols" if panel.dates.size else "dates"
         raise InputError(f"the data in {folder} have no {what}")
     return panel
+
+
+def _require_fields(known: Iterable[str], names: Iterable[str]) -> None:
+    for name in names:
+        if name not in known:
+            raise InputError(f"unknown field '{name}'{suggestion(name, known)}")
 
 
 def _require_no_signals(graph: Node) -> None:
