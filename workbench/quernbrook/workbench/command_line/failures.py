@@ -44,8 +44,9 @@ def _exit_code(error: Exception) -> int | None:
     from quernbrook.simulator_engine._types import SimulatorEngineError
     from quernbrook.workbench import FormulaError, GraphError, GraphJsonError
     from quernbrook.workbench.panels import PanelError
+    from quernbrook.workbench.tracing.errors import TraceError
 
-    if isinstance(error, FormulaError | GraphError | GraphJsonError | PanelError):
+    if isinstance(error, FormulaError | GraphError | GraphJsonError | PanelError | TraceError):
         return WRONG_INPUT
     if isinstance(error, SimulatorEngineError | SchemaError):
         return EVALUATION_FAILED
