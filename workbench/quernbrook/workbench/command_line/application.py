@@ -12,6 +12,7 @@ from quernbrook.workbench.command_line.failures import failures_told
 COMMANDS = (
     "run",
     "why",
+    "diff",
 )
 
 application = typer.Typer(

@@ -2,17 +2,25 @@
 and going through a run step by step."""
 
 from quernbrook.workbench.tracing.causes import Cause, Mark, Why, Window, why
+from quernbrook.workbench.tracing.differences import Comparison, Difference, diff
 from quernbrook.workbench.tracing.errors import TraceError
+from quernbrook.workbench.tracing.run_files import load_run, load_weights, save_run
 from quernbrook.workbench.tracing.runs import Run, joined, record
 
 __all__ = [
     "Cause",
+    "Comparison",
+    "Difference",
     "Mark",
     "Run",
     "TraceError",
     "Why",
     "Window",
+    "diff",
     "joined",
+    "load_run",
+    "load_weights",
     "record",
+    "save_run",
     "why",
 ]
