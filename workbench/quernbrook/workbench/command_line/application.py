@@ -13,6 +13,7 @@ COMMANDS = (
     "run",
     "why",
     "diff",
+    "profile",
 )
 
 application = typer.Typer(

@@ -4,6 +4,7 @@ and going through a run step by step."""
 from quernbrook.workbench.tracing.causes import Cause, Mark, Why, Window, why
 from quernbrook.workbench.tracing.differences import Comparison, Difference, diff
 from quernbrook.workbench.tracing.errors import TraceError
+from quernbrook.workbench.tracing.profiles import NodeTime, Profile, profile
 from quernbrook.workbench.tracing.run_files import load_run, load_weights, save_run
 from quernbrook.workbench.tracing.runs import Run, joined, record
 
@@ -12,6 +13,8 @@ __all__ = [
     "Comparison",
     "Difference",
     "Mark",
+    "NodeTime",
+    "Profile",
     "Run",
     "TraceError",
     "Why",
@@ -20,6 +23,7 @@ __all__ = [
     "joined",
     "load_run",
     "load_weights",
+    "profile",
     "record",
     "save_run",
     "why",

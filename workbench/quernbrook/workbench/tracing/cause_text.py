@@ -8,6 +8,7 @@ from typing import Any
 
 from quernbrook.reference_host import draw_tree
 from quernbrook.workbench.tracing.causes import Cause, Mark, Why, Window
+from quernbrook.workbench.tracing.text_table import aligned
 
 # Of a window, the text shows so many rows; the document has all.
 _ROWS_SHOWN = 10
@@ -69,10 +70,8 @@ def _window_lines(window: Window, causes: dict[str, Cause]) -> Iterator[str]:
             if place >= hidden
         ),
     ]
-    widths = [max(map(len, column)) for column in zip(*table, strict=True)]
-    for line in table:
-        cells = (cell.rjust(width) for cell, width in zip(line, widths, strict=True))
-        yield "  " + "  ".join(cells)
+    for line in aligned(table):
+        yield f"  {line}"
 
 
 def _number(value: float) -> str:

@@ -88,8 +88,8 @@ def diff(left: Run, right: Run) -> Comparison:
 
     def first(differs: Callable[[Matrix, Matrix], NDArray[np.bool_]]) -> Difference | None:
         found = None
-        for name, (one, other) in pairs.items():
-            cells = differs(one, other)
+        for name, pair in pairs.items():
+            cells = differs(*pair)
             row = int(np.argmax(cells.any(axis=1)))
             if not cells[row].any() or (found is not None and found[0] <= row):
                 continue
@@ -99,8 +99,7 @@ def diff(left: Run, right: Run) -> Comparison:
         row, column, name = found
         one, other = (float(matrix[row, column]) for matrix in pairs[name])
         label = left.names.get(name, name)
-        kind = _kind(one, other)
-        return Difference(rows[row], columns[column], name, label, kind, one, other)
+        return Difference(rows[row], columns[column], name, label, _kind(one, other), one, other)
 
     counts = {name: int(np.count_nonzero(_other_bits(*pair))) for name, pair in pairs.items()}
     return Comparison(
