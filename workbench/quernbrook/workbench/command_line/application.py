@@ -14,6 +14,7 @@ COMMANDS = (
     "why",
     "diff",
     "profile",
+    "step",
 )
 
 application = typer.Typer(

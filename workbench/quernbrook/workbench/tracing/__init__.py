@@ -7,8 +7,10 @@ from quernbrook.workbench.tracing.errors import TraceError
 from quernbrook.workbench.tracing.profiles import NodeTime, Profile, profile
 from quernbrook.workbench.tracing.run_files import load_run, load_weights, save_run
 from quernbrook.workbench.tracing.runs import Run, joined, record
+from quernbrook.workbench.tracing.stepping import Breakpoint, Stepper, Stop
 
 __all__ = [
+    "Breakpoint",
     "Cause",
     "Comparison",
     "Difference",
@@ -16,6 +18,8 @@ __all__ = [
     "NodeTime",
     "Profile",
     "Run",
+    "Stepper",
+    "Stop",
     "TraceError",
     "Why",
     "Window",

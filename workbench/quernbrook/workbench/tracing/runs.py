@@ -10,7 +10,11 @@ import numpy as np
 from numpy.typing import NDArray
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host.trees import nodes_by_path
-from quernbrook.simulator_engine.expression_evaluator import EvaluationResult, evaluate
+from quernbrook.simulator_engine.expression_evaluator import (
+    EvaluationContext,
+    EvaluationResult,
+    evaluate,
+)
 from quernbrook.workbench.tracing.errors import TraceError
 from quernbrook.workbench.tracing.registries import NodeByNode, in_front_of
 from quernbrook.workbench.tracing.subject import (
@@ -108,6 +112,11 @@ def evaluate_node_by_node(subject: Subject, *, with_states: bool) -> EvaluationR
     result = evaluate(subject.graph, context)
     result.node_outputs = _outputs(subject.graph, result)
     return result
+
+
+def evaluate_outputs(graph: Node, context: EvaluationContext) -> dict[str, Matrix]:
+    """Every node's output in a run that is to collect them."""
+    return _outputs(graph, evaluate(graph, context))
 
 
 def _outputs(graph: Node, result: EvaluationResult) -> dict[str, Matrix]:

@@ -14,6 +14,7 @@ from quernbrook.reference_host import default_registry
 from quernbrook.reference_host.binding import merge_transforms
 from quernbrook.reference_host.trees import nodes_by_path
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext
+from quernbrook.workbench.graphs import children_first, path_of
 from quernbrook.workbench.names import suggestion
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.tracing.errors import TraceError
@@ -60,6 +61,11 @@ class Subject:
     def nodes(self) -> dict[str, Node]:
         """The nodes by path, each before its children."""
         return nodes_by_path(self.graph)
+
+    @property
+    def nodes_as_run(self) -> dict[str, Node]:
+        """The nodes by path in the order in which a row runs them, each after its children."""
+        return {path_of(visit.place): visit.node for visit in children_first(self.graph)}
 
     def row(self, date: Any) -> int:
         """The number of a date's row. Raises TraceError for a date that isn't there."""
