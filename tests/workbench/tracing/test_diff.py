@@ -297,4 +297,6 @@ def test_folders_of_weights(program: Program) -> None:
     Path("empty").mkdir()
     assert program("diff", "a", "empty") == 2
     assert "empty holds no weights" in program.errors
+    with pytest.raises(TraceError, match="none can't be read"):
+        load_weights("none")
     assert load_weights("a").rows == record(parse_formula("open"), panel).rows

@@ -203,6 +203,11 @@ def test_what_is_handed_out_can_be_changed() -> None:
         stepper.registers["root.c0.c0"][:] = 7.0
         if row:
             stepper.state("root.c0").state_data["buffer"][0][0] = 7.0
+            stepper.step()
+            stepper.again()
+            stepper.step()
+            stepper.arguments()
+            stepper.state("root.c0").state_data["buffer"][0][0] = 7.0
         stepper.weights[:] = 7.0
         stepper.next_row()
     whole = evaluate(GRAPH, cases.panel().context(default_registry()))
@@ -382,6 +387,17 @@ def test_the_shell(lines: str, expected: str) -> None:
     assert expected in shell(f"{lines}\nquit\n")
     # The end of the input ends it, too.
     assert expected in shell(lines)
+
+
+def test_an_interruption_leads_back_to_the_prompt(monkeypatch: pytest.MonkeyPatch) -> None:
+    def interrupted(*arguments: Any) -> Any:
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(Stepper, "go", interrupted)
+    assert shell("go\nrow").split("(step) ")[1:3] == [
+        "interrupted\nrow 2020-01-01: before root.c0.c0\n",
+        "row 2020-01-02: before root.c0.c0\n",
+    ]
 
 
 def test_the_command(data: Path, program: Program, monkeypatch: pytest.MonkeyPatch) -> None:

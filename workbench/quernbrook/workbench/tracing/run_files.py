@@ -92,9 +92,12 @@ def load_weights(folder: str | os.PathLike[str]) -> Run:
     """Read the wide tables of a folder, dates by symbols, as the outputs of one run, by file name.
 
     Raises PanelError for a file that is no such table, or one of other dates or symbols than the
-    rest, and TraceError for a folder without any.
+    rest, and TraceError for a folder without any or that can't be read.
     """
-    files = sorted(path.name for path in Path(folder).iterdir() if path.is_file())
+    try:
+        files = sorted(path.name for path in Path(folder).iterdir() if path.is_file())
+    except OSError as error:
+        raise TraceError(f"{folder} can't be read: {error.strerror or error}") from None
     names = [name[: -len(end)] for name in files for end in _SUFFIXES if name.endswith(end)]
     shown = dict.fromkeys(name for name in names if not name.startswith("."))
     if not shown:

@@ -45,6 +45,9 @@ class StepShell(cmd.Cmd):
             return bool(super().onecmd(line))
         except (TraceError, SimulatorEngineError, SchemaError, _UsageError) as error:
             self._print(error)
+        except KeyboardInterrupt:
+            self._print("interrupted")
+            self._print(self.stepper.stop)
         return False
 
     def default(self, line: str) -> None:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import copy
 from collections.abc import Sequence
 from dataclasses import dataclass
 from typing import Any, Literal
@@ -157,7 +158,7 @@ class Stepper:
                 self._rewind()
                 self._states_before = self._rows.states()
                 self._evaluated()
-            return self._states_before[path]
+            return copy.deepcopy(self._states_before[path])
         return self._rows.states()[path]
 
     def instance(self, path: str) -> Any:

@@ -6,6 +6,7 @@ import time
 from collections import Counter
 from collections.abc import Callable
 from dataclasses import dataclass
+from functools import cache
 from types import FunctionType, MethodType
 from typing import Any, Literal
 
@@ -144,16 +145,45 @@ def _stand_in(timed: TimedFunction, capsule: Callable[[TimedFunction], Any]) -> 
             if hasattr(function, name):
                 setattr(timed_call, name, getattr(function, name))
         return timed_call
+    return _stand_in_type(None if kind is None else kind[0], has_blocks)(timed, timed_call, capsule)
 
-    members: dict[str, Any] = {
-        "__getattr__": lambda self, name: getattr(function, name),
-        "__call__": staticmethod(timed_call),
-    }
-    if kind is not None:
-        members[kind[0]] = lambda self: capsule(timed)
+
+class _StandIn:
+    def __init__(
+        self, timed: TimedFunction, call: Any, capsule: Callable[[TimedFunction], Any]
+    ) -> None:
+        self._timed = timed
+        self._call = call
+        self._capsule = capsule
+
+    def __getattr__(self, name: str) -> Any:
+        return getattr(self._timed.function, name)
+
+    def __call__(self, *arguments: Any, **named: Any) -> Any:
+        return self._call(*arguments, **named)
+
+    def _offer(self) -> Any:
+        return self._capsule(self._timed)
+
+    def _row_block(self, *blocks: Any) -> Any:
+        timed = self._timed
+        begin = time.perf_counter_ns()
+        result = timed.function.__quernbrook_row_block__(*blocks)
+        timed.block_nanoseconds += time.perf_counter_ns() - begin
+        timed.blocks += 1
+        timed.block_rows += len(blocks[0])
+        return result
+
+
+@cache
+def _stand_in_type(kernel_method: str | None, has_blocks: bool) -> type[_StandIn]:
+    """Types are made once: the evaluator asks them, and not instances, for what they offer."""
+    members: dict[str, Any] = {}
+    if kernel_method is not None:
+        members[kernel_method] = _StandIn._offer
     if has_blocks:
-        members[_ROW_BLOCK] = _timed_blocks(timed)
-    return type("TimedInstance", (), members)()
+        members[_ROW_BLOCK] = _StandIn._row_block
+    return type("TimedInstance", (_StandIn,), members)
 
 
 def _timed_call(function: Any) -> tuple[Any, Callable[[], tuple[int, int]]]:
@@ -175,17 +205,3 @@ def _timed_call(function: Any) -> tuple[Any, Callable[[], tuple[int, int]]]:
         return result
 
     return timed_call, lambda: (calls, nanoseconds * calls // max(timed_calls, 1))
-
-
-def _timed_blocks(timed: TimedFunction) -> Callable[..., Any]:
-    function, clock = timed.function, time.perf_counter_ns
-
-    def row_block(self: Any, *blocks: Any) -> Any:
-        begin = clock()
-        result = function.__quernbrook_row_block__(*blocks)
-        timed.block_nanoseconds += clock() - begin
-        timed.blocks += 1
-        timed.block_rows += len(blocks[0])
-        return result
-
-    return row_block

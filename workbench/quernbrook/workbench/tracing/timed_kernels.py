@@ -167,7 +167,12 @@ def machine_code() -> MachineCode | None:
     binding.initialize_native_target()
     binding.initialize_native_asmprinter()
     machine = binding.Target.from_default_triple().create_target_machine(opt=2)
-    engine = binding.create_mcjit_compiler(binding.parse_assembly(_TIMED), machine)
+    try:
+        code = binding.parse_assembly(_TIMED)
+    except RuntimeError:
+        # Before LLVM 15, pointers had types.
+        return None
+    engine = binding.create_mcjit_compiler(code, machine)
     engine.finalize_object()
     address = ctypes.cast(clock, ctypes.c_void_p).value
     assert address is not None
