@@ -11,9 +11,13 @@ from quernbrook.workbench.command_line.failures import failures_told
 # In the order of the help. Each is a module of `commands`.
 COMMANDS = (
     "run",
-    "report",
     "explain",
-)  # fmt: skip
+    "why",
+    "diff",
+    "profile",
+    "step",
+    "report",
+)
 
 application = typer.Typer(
     name="quernbrook",

@@ -44,8 +44,16 @@ def _exit_code(error: Exception) -> int | None:
     from quernbrook.simulator_engine._types import SimulatorEngineError
     from quernbrook.workbench import ExplanationError, FormulaError, GraphError, GraphJsonError
     from quernbrook.workbench.panels import PanelError
+    from quernbrook.workbench.tracing.errors import TraceError
 
-    wrong_input = (ExplanationError, FormulaError, GraphError, GraphJsonError, PanelError)
+    wrong_input = (
+        ExplanationError,
+        FormulaError,
+        GraphError,
+        GraphJsonError,
+        PanelError,
+        TraceError,
+    )
     if isinstance(error, wrong_input):
         return WRONG_INPUT
     if isinstance(error, SimulatorEngineError | SchemaError):

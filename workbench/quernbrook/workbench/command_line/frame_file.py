@@ -34,12 +34,17 @@ def require_writable(path: Path, suffixes: tuple[str, ...] = SUFFIXES) -> None:
     in none of the suffixes."""
     if not path.name.endswith(suffixes):
         raise InputError(f"--out {path}: expected a name that ends in {', '.join(suffixes)}")
+    require_place("--out", path)
+
+
+def require_place(option: str, path: Path) -> None:
+    """Raise InputError where no file of that name can be made."""
     if path.is_dir():
-        raise InputError(f"--out {path}: this is a folder; name a file in it")
+        raise InputError(f"{option} {path}: this is a folder; name a file in it")
     if not path.parent.is_dir():
-        raise InputError(f"--out {path}: there is no folder {path.parent}; make it first")
+        raise InputError(f"{option} {path}: there is no folder {path.parent}; make it first")
     if not os.access(path.parent, os.W_OK | os.X_OK):
-        raise InputError(f"--out {path}: no files can be made in {path.parent}")
+        raise InputError(f"{option} {path}: no files can be made in {path.parent}")
 
 
 def write(frame: pd.DataFrame, path: Path) -> None:

@@ -3,8 +3,12 @@
 from __future__ import annotations
 
 import time
+from pathlib import Path
+from typing import Annotated
 
+import typer
 from quernbrook.workbench.command_line import frame_file
+from quernbrook.workbench.command_line.failures import InputError
 from quernbrook.workbench.command_line.frame_file import OutOption
 from quernbrook.workbench.command_line.graph_argument import GraphArgument
 from quernbrook.workbench.command_line.inputs import DataOption, UniverseOption, load
@@ -12,12 +16,24 @@ from quernbrook.workbench.command_line.output import JsonOption, print_facts, pr
 
 EXAMPLE = 'quernbrook run "rank(delta(close, 5))" --data prices --out weights.parquet'
 
+SaveRunOption = Annotated[
+    Path | None,
+    typer.Option(
+        "--save-run",
+        metavar="FILE",
+        show_default=False,
+        help="Evaluate once more and write the output of every node to this file, for "
+        "'quernbrook diff'.",
+    ),
+]
+
 
 def command(
     graph: GraphArgument,
     out: OutOption,
     data: DataOption = None,
     universe: UniverseOption = None,
+    save_run: SaveRunOption = None,
     json: JsonOption = False,
 ) -> None:
     """Evaluate GRAPH over data and write its weights to a file.
@@ -26,6 +42,8 @@ def command(
     seconds that the evaluation took.
     """
     frame_file.require_writable(out)
+    if save_run is not None:
+        frame_file.require_place("--save-run", save_run)
     others = () if universe is None else (universe,)
     node, panel = load(graph, data, *others)
 
@@ -40,6 +58,15 @@ def command(
     weights = evaluate(node, context).weights
     seconds = time.perf_counter() - start
     frame_file.write(panel.frame(weights), out)
+    if save_run is not None:
+        from quernbrook.workbench.tracing import record, run_files
+
+        run = record(node, panel, universe=universe)
+        try:
+            run_files.save_run(run, save_run)
+        except OSError as error:
+            reason = error.strerror or error
+            raise InputError(f"--save-run {save_run} can't be written: {reason}") from None
 
     first, last = (date.date().isoformat() for date in (panel.dates[0], panel.dates[-1]))
     share = coverage(weights)
