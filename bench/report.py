@@ -42,6 +42,7 @@ TITLES = {
     "bench_pickling": "Pickling a context",
     "bench_panels": "Reading panels",
     "bench_explain": "Explaining a graph",
+    "bench_report_page": "A report",
 }
 # The workloads of the picture.
 DEPICTED = [

@@ -13,6 +13,7 @@ from io import StringIO
 from pathlib import Path
 from types import ModuleType
 
+import numpy as np
 import pytest
 import structlog
 from sybil import Document, Example, Sybil
@@ -100,4 +101,5 @@ def test_page(
     monkeypatch.chdir(tmp_path)
     page = Page(path)
     page.document.namespace = vars(main_module)
-    page.evaluate()
+    with np.printoptions():  # a page's own end with it
+        page.evaluate()
