@@ -18,6 +18,7 @@ from quernbrook.simulator_engine.expression_evaluator import EvaluationContext, 
 from quernbrook.workbench.alphas import published_graphs
 from quernbrook.workbench.panels import Panel, synthetic_panel
 from quernbrook.workbench.together import evaluate_together
+from workbench.pandas_formulas import FORMULAS, Market
 
 from bench import alphas_in_pandas, alphas_in_polars, memory
 from bench.evaluators import MODULE
@@ -98,6 +99,21 @@ def test_pandas(measure: Callable[..., None], rows: int, columns: int) -> None:
             unit=UNIT,
             rounds=1,
         )
+
+
+@pytest.mark.slow
+def test_pandas_of_the_tests(measure: Callable[..., None]) -> None:
+    """The tests' formulas as they are: a window at a time, in extended precision."""
+    panel = panel_of(*SMALL)
+    market = Market({name: panel.frame(values) for name, values in panel.fields.items()})
+    measure(
+        lambda: [formula(market) for formula in FORMULAS.values()],
+        workload=workload(*SMALL),
+        contender="pandas of the tests, 101",
+        count=SMALL[0] * SMALL[1] * len(FORMULAS),
+        unit=UNIT,
+        rounds=1,
+    )
 
 
 @shapes
