@@ -38,6 +38,11 @@ class BoundGraph:
     state_keys: dict[str, str]
     warmup_rows: int
 
+    def __post_init__(self) -> None:
+        # The states stand in the instances. Their keys keep a run off the road that would compute
+        # long chains of rolling functions without them.
+        self._no_states = {self.state_keys[path]: None for path, _ in self._stateful()}
+
     def evaluate(
         self, context: Any, data_nan_features: Iterable[str] | None = None
     ) -> EvaluationResult:
@@ -53,9 +58,7 @@ class BoundGraph:
         result = evaluate(
             self.graph,
             context,
-            # The states stand in the instances. Their keys keep the run off the road that would
-            # compute long chains of rolling functions without them.
-            {self.state_keys[path]: None for path, _ in self._stateful()},
+            self._no_states,
             bound_function_instances=self.instances,
             data_nan_features=data_nan_features,
         )
