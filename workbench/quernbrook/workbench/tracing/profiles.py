@@ -16,6 +16,7 @@ from quernbrook.workbench.tracing import flame, profile_text
 from quernbrook.workbench.tracing.registries import in_front_of
 from quernbrook.workbench.tracing.subject import Data, Subject
 from quernbrook.workbench.tracing.timed_functions import TimedFunction, TimingRegistry, Way
+from quernbrook.workbench.tracing.timed_kernels import machine_code
 from quernbrook.workbench.tracing.twins import twin_seconds_a_row
 
 
@@ -89,6 +90,7 @@ def profile(graph: Node, data: Data, *, universe: str | None = None) -> Profile:
     registry = None
     if context.registry is not None:
         context.registry = registry = in_front_of(context.registry, TimingRegistry)
+    machine_code()  # compiled once a process, which is no part of the run
     begin = time.perf_counter()
     try:
         result = evaluate(subject.graph, context)
