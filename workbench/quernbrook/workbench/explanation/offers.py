@@ -6,22 +6,15 @@ import ctypes
 from dataclasses import dataclass
 from typing import Any, Literal
 
-_CAPSULES = {
-    "__quernbrook_row_kernel__": b"quernbrook.row_kernel.1",
-    "__quernbrook_reduction_kernel__": b"quernbrook.reduction_kernel.1",
-}
-_STATELESS = 1
-
-
-class _Kernel(ctypes.Structure):
-    """What `quernbrook/row_kernel.h` calls a kernel of either sort."""
-
-    _fields_ = [
-        ("size", ctypes.c_size_t),
-        ("flags", ctypes.c_uint64),
-        ("state", ctypes.c_void_p),
-        ("run", ctypes.c_void_p),
-    ]
+from quernbrook.workbench.kernel_capsules import (
+    REDUCTION_KERNEL,
+    ROW_KERNEL,
+    STATELESS,
+    Kernel,
+    capsule_name,
+    is_capsule,
+    kernel_at,
+)
 
 
 class UnusableKernel(ValueError):
@@ -43,8 +36,8 @@ def offer_of(instance: Any, node_kind: str) -> Offer | None:
     Raises UnusableKernel, and what the method raises.
     """
     if node_kind == "reduction":
-        return _kernel(instance, "__quernbrook_reduction_kernel__")
-    found = _kernel(instance, "__quernbrook_row_kernel__")
+        return _kernel(instance, REDUCTION_KERNEL)
+    found = _kernel(instance, ROW_KERNEL)
     if found is None and _special_method(instance, "__quernbrook_row_block__") is not None:
         return Offer("block")
     return found
@@ -59,33 +52,26 @@ def _special_method(instance: Any, name: str) -> Any:
     return None
 
 
-def _kernel(instance: Any, name: str) -> Offer | None:
-    method = _special_method(instance, name)
+def _kernel(instance: Any, offered: tuple[str, bytes]) -> Offer | None:
+    method_name, expected = offered
+    method = _special_method(instance, method_name)
     capsule = None if method is None else method()
     if capsule is None:
         return None
-    expected = _CAPSULES[name]
-    if type(capsule).__name__ != "PyCapsule":
+    if not is_capsule(capsule):
         kind = type(capsule).__name__
         text = f"expected a capsule named '{expected.decode()}' or None; got {kind}"
         raise UnusableKernel(text)
-    own = _capsule_name(capsule)
+    own = capsule_name(capsule)
     if own != expected:
-        other = (own or b"").decode(errors="replace")
+        other = own.decode(errors="replace")
         raise UnusableKernel(f"its capsule is named '{other}' and not '{expected.decode()}'")
-    kernel = _Kernel.from_address(_capsule_pointer(capsule, expected))
-    least = ctypes.sizeof(_Kernel)
+    kernel = kernel_at(capsule, expected)
+    least = ctypes.sizeof(Kernel)
     if kernel.size < least:
         text = f"its structure has a size of {kernel.size} bytes; at least {least} are needed"
         raise UnusableKernel(text)
     if not kernel.run:
         raise UnusableKernel("it has no function to run")
-    is_stateless = bool(kernel.flags & _STATELESS) and name == "__quernbrook_row_kernel__"
+    is_stateless = bool(kernel.flags & STATELESS) and offered == ROW_KERNEL
     return Offer("kernel", kernel.state, is_stateless)
-
-
-_capsule_name = ctypes.pythonapi.PyCapsule_GetName
-_capsule_name.argtypes, _capsule_name.restype = [ctypes.py_object], ctypes.c_char_p
-_capsule_pointer = ctypes.pythonapi.PyCapsule_GetPointer
-_capsule_pointer.argtypes = [ctypes.py_object, ctypes.c_char_p]
-_capsule_pointer.restype = ctypes.c_void_p

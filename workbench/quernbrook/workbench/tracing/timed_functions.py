@@ -10,10 +10,9 @@ from functools import cache
 from types import FunctionType, MethodType
 from typing import Any, Literal
 
+from quernbrook.workbench.kernel_capsules import REDUCTION_KERNEL, ROW_KERNEL
 from quernbrook.workbench.tracing.registries import Delegate
 from quernbrook.workbench.tracing.timed_kernels import (
-    REDUCTION_KERNEL,
-    ROW_KERNEL,
     OfferedKernel,
     is_kernel,
 )

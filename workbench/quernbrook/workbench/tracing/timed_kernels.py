@@ -3,8 +3,6 @@
 The evaluator calls a kernel from machine code, without the interpreter's lock. With llvmlite, what
 times it is machine code, too, and costs two readings of the clock. Without, it is a callback into
 Python, which takes the lock: some microseconds a call.
-
-The C structures are those of the evaluator's header ``quernbrook/row_kernel.h``.
 """
 
 from __future__ import annotations
@@ -16,21 +14,14 @@ from functools import cache
 from importlib import import_module
 from typing import Any
 
-ROW_KERNEL = ("__quernbrook_row_kernel__", b"quernbrook.row_kernel.1")
-REDUCTION_KERNEL = ("__quernbrook_reduction_kernel__", b"quernbrook.reduction_kernel.1")
-
-_STATELESS = 1
-
-
-class _Kernel(ctypes.Structure):
-    """The fields of both kinds of kernels; a structure may be longer."""
-
-    _fields_ = [
-        ("size", ctypes.c_size_t),
-        ("flags", ctypes.c_uint64),
-        ("state", ctypes.c_void_p),
-        ("run", ctypes.c_void_p),
-    ]
+from quernbrook.workbench.kernel_capsules import (
+    ROW_KERNEL,
+    STATELESS,
+    Kernel,
+    capsule_name,
+    is_capsule,
+    kernel_at,
+)
 
 
 class _Record(ctypes.Structure):
@@ -58,11 +49,6 @@ _Run = ctypes.CFUNCTYPE(
     ctypes.c_void_p,
 )
 
-_pointer_of = ctypes.pythonapi.PyCapsule_GetPointer
-_pointer_of.restype = ctypes.c_void_p
-_pointer_of.argtypes = [ctypes.py_object, ctypes.c_char_p]
-_is_valid = ctypes.pythonapi.PyCapsule_IsValid
-_is_valid.argtypes = [ctypes.py_object, ctypes.c_char_p]
 _new_capsule = ctypes.pythonapi.PyCapsule_New
 _new_capsule.restype = ctypes.py_object
 _new_capsule.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
@@ -75,12 +61,13 @@ class OfferedKernel:
         """`capsule` must be one that `is_kernel` takes."""
         self._original = capsule
         self._name = name
-        address = _pointer_of(capsule, name)
-        kernel = _Kernel.from_address(address)
+        kernel = kernel_at(capsule, name)
         self._record = _Record(kernel.state, kernel.run, 0, 0, 0, 0)
         # A structure that is longer than those known here is handed on with all that it holds.
-        self._memory = ctypes.create_string_buffer(ctypes.string_at(address, kernel.size))
-        self._keeps_state = not kernel.flags & _STATELESS
+        self._memory = ctypes.create_string_buffer(
+            ctypes.string_at(ctypes.addressof(kernel), kernel.size)
+        )
+        self._keeps_state = not kernel.flags & STATELESS
         self._callback: Any = None
         # What a signal raised in a callback, which had to fail then.
         self.interruption: BaseException | None = None
@@ -93,7 +80,7 @@ class OfferedKernel:
     @property
     def timed(self) -> Any:
         """The capsule that times; this object must outlive it."""
-        kernel = _Kernel.from_buffer(self._memory)
+        kernel = Kernel.from_buffer(self._memory)
         code = machine_code()
         if code is None:
             self._callback = _Run(self._timed_in_python())
@@ -138,10 +125,10 @@ class OfferedKernel:
 
 def is_kernel(capsule: Any, name: bytes) -> bool:
     """Whether it is a capsule of this name with a kernel that the evaluator would take."""
-    if not _is_valid(capsule, name):
+    if not is_capsule(capsule) or capsule_name(capsule) != name:
         return False
-    kernel = _Kernel.from_address(_pointer_of(capsule, name))
-    return kernel.size >= ctypes.sizeof(_Kernel) and bool(kernel.run)
+    kernel = kernel_at(capsule, name)
+    return kernel.size >= ctypes.sizeof(Kernel) and bool(kernel.run)
 
 
 class MachineCode:
