@@ -259,7 +259,7 @@ def test_a_failure_is_stopped_at_and_can_be_mended(result: Any) -> None:
     )
     graph = rotation("numerical_add", rotation("failing", DELTA), 2.0)
     with pytest.raises(Exception, match=r".") as plain:
-        evaluate(graph, panel.context(made.registry))  # type: ignore[arg-type]
+        evaluate(graph, panel.context(made.registry))
     stepper = Stepper(graph, made)
     stop = stepper.go()
     assert (stop.row, stop.before) == (6, "root.c0") and "root.c0 failed" in str(stop)
