@@ -5,7 +5,6 @@ from __future__ import annotations
 import json
 import math
 import os
-import re
 from collections.abc import Iterable, Mapping
 from datetime import datetime, timezone
 from pathlib import Path
@@ -18,9 +17,6 @@ NAME = "manifest.jsonl"
 DONE, FAILED = "done", "failed"
 
 Row = dict[str, Any]
-
-_PATH = re.compile(r"\broot(?:\.c\d+)*\b")
-_ROW = re.compile(r"\bat row (\d+)")
 
 
 class Manifest:
@@ -85,8 +81,6 @@ def read_rows(folder: Path) -> dict[str, Row]:
 
 def row_of(outcome: Outcome, facts: Mapping[str, Any], size: int) -> Row:
     """facts: what is known of the run beforehand. size: of its file, in bytes."""
-    message = outcome.message or ""
-    path, row = _PATH.search(message), _ROW.search(message)
     return {
         "run": outcome.task.name,
         "status": DONE if outcome.error is None else FAILED,
@@ -101,8 +95,8 @@ def row_of(outcome: Outcome, facts: Mapping[str, Any], size: int) -> Row:
         "warnings": outcome.warnings,
         "error": outcome.error,
         "message": outcome.message,
-        "error_path": path and path[0],
-        "error_row": row and int(row[1]),
+        "error_path": outcome.error_path,
+        "error_row": outcome.error_row,
         "summary": outcome.summary and _finite(outcome.summary),
     }
 

@@ -82,6 +82,7 @@ class Outcome:
     seconds: the run's share of its call. together: runs of that call.
     peak_memory: of the worker's resident set while the call went on, in bytes.
     error: the name of the exception's class.
+    error_path, error_row: of the node and the row of the slice, where the error tells them.
     """
 
     task: Task
@@ -95,6 +96,8 @@ class Outcome:
     warnings: list[str] = field(default_factory=list)
     error: str | None = None
     message: str | None = None
+    error_path: str | None = None
+    error_row: int | None = None
     tries: int = 1
 
 

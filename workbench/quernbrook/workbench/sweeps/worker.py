@@ -15,7 +15,7 @@ from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.simulator_engine.expression_evaluator import EvaluationContext
 from quernbrook.workbench.formulas.reader import parse_formula
 from quernbrook.workbench.graph_json import graph_from_json
-from quernbrook.workbench.sweeps import peak_memory, shells, warnings_seen
+from quernbrook.workbench.sweeps import faults, peak_memory, shells, warnings_seen
 from quernbrook.workbench.sweeps.work import (
     Group,
     Matrix,
@@ -94,6 +94,8 @@ class Worker:
             raise
         except Exception as error:  # noqa: BLE001 - whatever it is stands in the run's row
             _fail(outcome, error)
+            outcome.error_path = faults.path_in(str(error), graph)
+            outcome.error_row = faults.row_in(str(error))
         return outcome
 
     def _call(self, graphs: Mapping[Task, Node], part: Slice, outcomes: list[Outcome]) -> None:
