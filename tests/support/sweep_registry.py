@@ -22,7 +22,7 @@ FOLDER = "SWEEP_TEST_FOLDER"
 
 def make() -> FunctionRegistry:
     registry = default_registry()
-    for function in (dies, dies_once, crashes, sleeps, warns, fails, interrupts):
+    for function in (dies, dies_once, crashes, sleeps, warns, fails, interrupts, rests):
         entry = FunctionEntry(function.__name__, "rotations", _build(function))
         registry.register(entry)
     return registry
@@ -31,6 +31,7 @@ def make() -> FunctionRegistry:
 def _build(function: Any) -> Any:
     class Function:
         name = function.__name__
+        stateful = False
 
         def __call__(self, row: Row, context: Any = None) -> Row:
             function(row)
@@ -67,6 +68,10 @@ def warns(row: Row) -> None:
 def fails(row: Row) -> None:
     if row[0] > 2.0:
         raise ValueError("too large")
+
+
+def rests(row: Row) -> None:
+    time.sleep(0.0001)
 
 
 def interrupts(row: Row) -> None:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import re
 import signal
@@ -18,7 +19,12 @@ REGISTRY = "support.sweep_registry:make"
 LASTING = ["status", "first_date", "last_date", "key", "graph", "data", "code", "rows", "bytes"]
 
 
-def make_panel(days: int = 300, symbols: int = 6) -> Panel:
+FORMULA = "rank(delta(close, $days)) * ts_rank(volume, 5)"
+#: Takes some 50 ms, so that there is time for faults; of the registry above.
+SLOW_FORMULA = f"rests({FORMULA})"
+
+
+def make_panel(days: int = 150, symbols: int = 6) -> Panel:
     rng = np.random.default_rng(5)
     fields = {name: rng.normal(100.0, 5.0, (days, symbols)) for name in ("open", "close", "volume")}
     fields["inside"] = (rng.random((days, symbols)) > 0.1).astype(float)
@@ -26,8 +32,7 @@ def make_panel(days: int = 300, symbols: int = 6) -> Panel:
     return Panel(dates, pd.Index([f"S{number}" for number in range(symbols)]), fields)
 
 
-def make_runs(count: int = 12) -> list[Run]:
-    formula = "rank(delta(close, $days)) * ts_rank(volume, 5)"
+def make_runs(count: int = 12, formula: str = FORMULA) -> list[Run]:
     return runs_from_grid("delta-$days", formula, {"days": range(1, count + 1)})
 
 
@@ -73,7 +78,5 @@ def worker_ids(driver: int) -> list[int]:
 
 
 def kill(process: int) -> None:
-    try:
+    with contextlib.suppress(ProcessLookupError):
         os.kill(process, signal.SIGKILL)
-    except ProcessLookupError:
-        pass

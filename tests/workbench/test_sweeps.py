@@ -14,7 +14,7 @@ import pytest
 from quernbrook.reference_host import default_registry
 from quernbrook.reference_host.graphs import feature, rotation
 from quernbrook.simulator_engine.expression_evaluator import evaluate
-from quernbrook.workbench import parse_formula
+from quernbrook.workbench import graph_to_json, parse_formula
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.sweeps import (
     Run,
@@ -22,7 +22,6 @@ from quernbrook.workbench.sweeps import (
     SweepReport,
     read_manifest,
     read_weights,
-    runs_from_grid,
     runs_from_table,
     shells,
     sweep,
@@ -133,6 +132,7 @@ def test_graphs_functions_and_formulas_are_the_same(tmp_path: Path) -> None:
         Run("graph", build(3)),
         Run("function", build, {"days": 3}),
         Run("formula", "delta(close, $days)", {"days": np.int64(3)}),
+        Run("json", json.dumps(graph_to_json(build(3))).replace("3", "$days"), {"days": 3}),
     ]
     serially(runs, panel, tmp_path)
     same = {weights_of(tmp_path, run.name, panel).tobytes() for run in runs}
@@ -152,8 +152,8 @@ def test_a_failure_is_a_row(tmp_path: Path) -> None:
     panel.fields["close"][:, 0] = 1.0
     panel.fields["close"][17:, 0] = 3.0
     runs = [*make_runs(3), Run("bad", "fails(close) + open"), Run("worse", "rank(clsoe)")]
-    runs.append(Run("worst", "rank(close, $$)"))
-    assert serially(runs, panel, tmp_path, registry=REGISTRY) == SweepReport(3, 3, 0)
+    runs += [Run("worst", "rank(close, $$)"), Run("none", "{}"), Run("odd", '{"graph": [1]}')]
+    assert serially(runs, panel, tmp_path, registry=REGISTRY) == SweepReport(3, 5, 0)
     rows = read_manifest(tmp_path)
     bad = rows.loc["bad"]
     assert (bad["error"], bad["error_row"]) == ("FunctionExecutionError", 17)
@@ -340,6 +340,7 @@ WRONG: dict[str, tuple[dict[str, Any], str]] = {
         "the nearest is 'days'",
     ),
     "dollar": ({"runs": [Run("a", "close$")]}, "write $$ for a dollar"),
+    "json": ({"runs": [Run("a", '{"version"')]}, "the graph of the run 'a' is no JSON: Expecting"),
     "nan": ({"runs": [Run("a", "$x", {"x": float("nan")})]}, "must be a finite number"),
     "builder": ({"runs": [Run("a", lambda: 1 / 0)]}, "can't be made: ZeroDivisionError"),
     "dates": (

@@ -11,7 +11,8 @@ from quernbrook.workbench.command_line.failures import failures_told
 # In the order of the help. Each is a module of `commands`.
 COMMANDS = (
     "run",
-)  # fmt: skip
+    "sweep",
+)
 
 application = typer.Typer(
     name="quernbrook",

@@ -11,7 +11,7 @@ from typing import Any, Literal, TypeAlias
 
 import joblib
 from quernbrook.workbench.panels import Panel
-from quernbrook.workbench.sweeps import hashes, shells, warnings_seen
+from quernbrook.workbench.sweeps import hashes, interrupts, shells, warnings_seen
 from quernbrook.workbench.sweeps.errors import SweepError
 from quernbrook.workbench.sweeps.groups import grouped
 from quernbrook.workbench.sweeps.output import Output, opened
@@ -122,7 +122,8 @@ def _work(
     facts = {name: run.facts for name, run in planned.items()}
     with SweepProgress(len(planned), is_wanted=progress) as bar:
         for group, outcomes in scheduler.outcomes(groups):
-            output.keep(outcomes, facts, setup.shells.get(group.slice))
+            with interrupts.held_back():
+                output.keep(outcomes, facts, setup.shells.get(group.slice))
             failures = sum(outcome.error is not None for outcome in outcomes)
             done += len(outcomes) - failures
             failed += failures

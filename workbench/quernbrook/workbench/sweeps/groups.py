@@ -57,7 +57,11 @@ def _parts(task: Task) -> set[str]:
     """The calls in a formula, or the nodes with children in a graph."""
     if task.is_formula:
         return set(_calls("".join(task.text.split())))
-    return set(_subgraphs(json.loads(task.text)["graph"]))
+    try:
+        return set(_subgraphs(json.loads(task.text)["graph"]))
+    except (AttributeError, KeyError, TypeError):
+        # It is no graph, which its worker will tell.
+        return set()
 
 
 def _calls(formula: str) -> Iterator[str]:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import itertools
+import json
 import math
 import string
 from collections.abc import Callable, Iterable, Mapping, Sequence
@@ -29,8 +30,8 @@ class Run:
     """One evaluation.
 
     name: as its row in the manifest and its folder are called; none twice in a sweep.
-    graph: a formula, a graph, or a function that makes a graph of the parameters. In a formula,
-        $days stands for the parameter days, $$ for a dollar.
+    graph: a formula, the text of a JSON graph, a graph, or a function that makes a graph of the
+        parameters. In texts, $days stands for the parameter days, $$ for a dollar.
     parameters: numbers, texts and truth values by name. A text stands in the formula as it is.
     first_date, last_date: the dates that the run sees, both included; all without them.
     symbols: those that the run sees, in this order; all without them.
@@ -115,7 +116,8 @@ def text_of(run: Run) -> tuple[str, bool]:
     Raises SweepError for parameters that lack and for a graph that JSON can't hold.
     """
     if isinstance(run.graph, str):
-        return _filled(run.graph, f"the formula of the run '{run.name}'", run.parameters), True
+        text = _filled(run.graph, f"the formula of the run '{run.name}'", run.parameters)
+        return _plain_text(run.name, text)
     graph = run.graph
     if not isinstance(graph, Node):
         try:
@@ -124,15 +126,23 @@ def text_of(run: Run) -> tuple[str, bool]:
             raise SweepError(
                 f"the graph of the run '{run.name}' can't be made: {error!r}"
             ) from error
-    from json import dumps
-
     from quernbrook.workbench.graph_json import graph_to_json
     from quernbrook.workbench.graphs import GraphError
 
     try:
-        return dumps(graph_to_json(graph), sort_keys=True), False
+        return json.dumps(graph_to_json(graph), sort_keys=True), False
     except GraphError as error:
         raise SweepError(f"the graph of the run '{run.name}': {error}") from error
+
+
+def _plain_text(name: str, text: str) -> tuple[str, bool]:
+    if not text.lstrip().startswith("{"):
+        return text, True
+    # No formula starts like that.
+    try:
+        return json.dumps(json.loads(text), sort_keys=True), False
+    except ValueError as error:
+        raise SweepError(f"the graph of the run '{name}' is no JSON: {error}") from None
 
 
 def _filled(text: str, what: str, parameters: Mapping[str, Parameter]) -> str:
