@@ -1,5 +1,5 @@
-"""Sweeps: a thousand runs in worker processes, what each costs beside its evaluation, and a call that
-finds all done.
+"""Sweeps: a thousand runs in worker processes, what each costs beside its evaluation, and a call
+that finds all done.
 
 Wall-clock time, which worker processes share; the ideal is the serial evaluation, spread over the
 cores.
@@ -80,8 +80,8 @@ def test_a_thousand_runs(tmp_path: Path, formula: str) -> None:
             cores = 1 if engine == "serial" else CORES
             overhead = (seconds * cores - serial) / RUNS * 1e3
             print(
-                f"{engine}, {results}: {seconds:.2f} s, {seconds * cores / serial:.2f} of the ideal "
-                f"{serial / cores:.2f} s, {overhead:.2f} ms a run beside it, peak {peak:.0f} MiB"
+                f"{engine}, {results}: {seconds:.2f} s, {seconds * cores / serial:.2f} of the "
+                f"ideal {serial / cores:.2f} s, {overhead:.2f} ms a run beside it, peak {peak:.0f} MiB"
             )
     assert ideal > 0.0
 

@@ -4,6 +4,7 @@ driver needs to reach the folder of results."""
 from __future__ import annotations
 
 import secrets
+import socket
 from collections.abc import Mapping
 from concurrent.futures import Future
 from dataclasses import replace
@@ -80,15 +81,22 @@ def _begin(workers: int | None, address: str | None) -> None:
     """Raises SweepError if no cluster answers."""
     try:
         if address is None:
-            # Without a word it would look for a cluster that happens to run here.
+            # Otherwise it would join a cluster that happens to run here.
             ray.init("local", num_cpus=workers, include_dashboard=False, log_to_driver=False)
         else:
+            _require_listener(address)
             ray.init(address, log_to_driver=False)
-    except (OSError, RuntimeError, ValueError) as error:
+    except (OSError, RuntimeError, ValueError, ray.exceptions.RayError) as error:
         text = str(error).splitlines()[0] if str(error) else type(error).__name__
-        raise SweepError(
-            f"no Ray cluster answers at {address or 'this machine'}: {text}"
-        ) from error
+        where = address or "this machine"
+        raise SweepError(f"no Ray cluster answers at {where}: {text}") from error
+
+
+def _require_listener(address: str) -> None:
+    """Ray itself waits for minutes. Raises OSError."""
+    host, _, port = address.rpartition(":")
+    if host and port.isdigit() and "//" not in host:
+        socket.create_connection((host, int(port)), timeout=10.0).close()
 
 
 # The worker of this process, and the sweep that it is for.
