@@ -81,7 +81,8 @@ def test_a_thousand_runs(tmp_path: Path, formula: str) -> None:
             overhead = (seconds * cores - serial) / RUNS * 1e3
             print(
                 f"{engine}, {results}: {seconds:.2f} s, {seconds * cores / serial:.2f} of the "
-                f"ideal {serial / cores:.2f} s, {overhead:.2f} ms a run beside it, peak {peak:.0f} MiB"
+                f"ideal {serial / cores:.2f} s, {overhead:.2f} ms a run beside it, "
+                f"peak {peak:.0f} MiB"
             )
     assert ideal > 0.0
 
