@@ -50,7 +50,8 @@ def lasting(out: Path) -> dict[str, Any]:
     assert table.index.is_unique
     lines = (out / "manifest.jsonl").read_text().splitlines()
     assert len(lines) == len(table)
-    return table[LASTING].sort_index().to_dict("index")
+    found: dict[Any, Any] = table[LASTING].sort_index().to_dict("index")
+    return found
 
 
 def assert_equal(out: Path, serial: Path) -> None:

@@ -12,6 +12,7 @@ import threading
 import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from functools import partial
 from pathlib import Path
 from typing import Any
 
@@ -118,8 +119,8 @@ def test_a_run_that_kills_its_worker_is_a_row(tmp_path: Path, traces: Path) -> N
     rows = read_manifest(tmp_path / "out")
     for name in ("deadly", "crash"):
         assert (rows.loc[name, "error"], rows.loc[name, "tries"]) == ("WorkerDied", 2)
-    assert "SIGKILL" in rows.loc["deadly", "message"]
-    assert "SIGSEGV" in rows.loc["crash", "message"]
+    assert "SIGKILL" in str(rows.loc["deadly", "message"])
+    assert "SIGSEGV" in str(rows.loc["crash", "message"])
     # Once among others at most, and twice by itself.
     assert 2 <= len((traces / "deaths").read_text()) <= 3
     serially(runs[:6], tmp_path / "serial")
@@ -177,18 +178,25 @@ def lines_of(out: Path) -> int:
     return manifest.read_bytes().count(b"\n") if manifest.exists() else 0
 
 
+def has_more_lines(out: Path, before: int) -> bool:
+    return lines_of(out) > before
+
+
+def have_ended(processes: list[int]) -> bool:
+    return not any(Path(f"/proc/{process}").exists() for process in processes)
+
+
 @needs_proc
 def test_a_driver_killed_and_started_again(tmp_path: Path) -> None:
     count, out = 60, tmp_path / "out"
     for _ in range(2):
-        before = lines_of(out)
         driver = start_driver(out, count)
-        wait_until(lambda before=before: lines_of(out) > before)
+        wait_until(partial(has_more_lines, out, lines_of(out)))
         workers = worker_ids(driver.pid)
         driver.kill()
         driver.communicate()
         # Nobody told the workers, which end by themselves.
-        wait_until(lambda ids=workers: not any(Path(f"/proc/{one}").exists() for one in ids))
+        wait_until(partial(have_ended, workers))
     kept = lines_of(out)
     last = start_driver(out, count)
     output, errors = last.communicate(timeout=60)
@@ -207,7 +215,7 @@ def test_ctrl_c_ends_workers_and_keeps_what_is_done(tmp_path: Path) -> None:
     driver.send_signal(signal.SIGINT)
     errors = driver.communicate(timeout=30)[1]
     assert "KeyboardInterrupt" in errors
-    assert not any(Path(f"/proc/{one}").exists() for one in workers)
+    assert have_ended(workers)
     assert_tidy(out)
     rows = lasting(out)
     assert set(files(out)) == {f"weights/run={name}/weights.parquet" for name in rows}

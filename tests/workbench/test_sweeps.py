@@ -112,7 +112,7 @@ def test_slices(tmp_path: Path) -> None:
     serially([run], panel, tmp_path)
     table = read_weights(tmp_path).to_pandas()
     wide = table.pivot(index="date", columns="symbol", values="weight")[["S4", "S1"]]
-    rows = slice(panel.dates.get_loc("2020-02-03"), panel.dates.get_loc("2020-03-02") + 1)
+    rows = panel.dates.slice_indexer("2020-02-03", "2020-03-02")
     cut = {
         name: np.ascontiguousarray(values[rows][:, [4, 1]]) for name, values in panel.fields.items()
     }
@@ -128,10 +128,11 @@ def test_graphs_functions_and_formulas_are_the_same(tmp_path: Path) -> None:
         return rotation("longitudinal_delta", feature("close"), days)
 
     panel = make_panel()
+    int_of_numpy: Any = np.int64(3)
     runs = [
         Run("graph", build(3)),
         Run("function", build, {"days": 3}),
-        Run("formula", "delta(close, $days)", {"days": np.int64(3)}),
+        Run("formula", "delta(close, $days)", {"days": int_of_numpy}),
         Run("json", json.dumps(graph_to_json(build(3))).replace("3", "$days"), {"days": 3}),
     ]
     serially(runs, panel, tmp_path)
@@ -157,8 +158,8 @@ def test_a_failure_is_a_row(tmp_path: Path) -> None:
     rows = read_manifest(tmp_path)
     bad = rows.loc["bad"]
     assert (bad["error"], bad["error_row"]) == ("FunctionExecutionError", 17)
-    assert "too large" in bad["message"]
-    assert "the nearest is 'close'" in rows.loc["worse", "message"]
+    assert "too large" in str(bad["message"])
+    assert "the nearest is 'close'" in str(rows.loc["worse", "message"])
     assert rows.loc["worst", "error"] == "FormulaError"
     assert set(rows.index[rows["status"] == "done"]) == {"delta-1", "delta-2", "delta-3"}
     assert not (tmp_path / "weights" / "run=bad").exists()
@@ -170,7 +171,7 @@ def test_paths_of_errors(tmp_path: Path) -> None:
     serially(runs, make_panel(), tmp_path)
     rows = read_manifest(tmp_path)
     assert rows.loc["known", "error_path"] == "root.c0"
-    assert "/graph/children/0/node" in rows.loc["unknown", "message"]
+    assert "/graph/children/0/node" in str(rows.loc["unknown", "message"])
 
 
 def test_a_warning_stands_with_its_run_alone(tmp_path: Path) -> None:
@@ -189,7 +190,7 @@ def test_summaries(tmp_path: Path) -> None:
     assert rows.loc["some", "summary.coverage"] == 1.0
     assert rows.loc["some", "summary.maximum"] == 1.0
     assert rows.loc["none", "summary.coverage"] == 0.0
-    assert np.isnan(rows.loc["none", "summary.mean"])
+    assert rows["summary.mean"].isna().to_dict() == {"some": False, "none": True}
     assert files(tmp_path) == {}
     with pytest.raises(SweepError, match="has no weights of the run 'some'"):
         read_weights(tmp_path, ["some"])
@@ -323,6 +324,10 @@ def test_other_slices_and_options_go_apart() -> None:
     assert all(one in work for group in groups for one in [(t, group.slice) for t in group.tasks])
 
 
+def no_graph() -> Any:
+    raise ZeroDivisionError
+
+
 WRONG: dict[str, tuple[dict[str, Any], str]] = {
     "engine": ({"engine": "spark"}, "there is no engine 'spark': take one of serial, threads"),
     "limit": ({"engine": "serial", "time_limit": 3.0}, "'serial' can't end a run: take 'joblib'"),
@@ -342,7 +347,7 @@ WRONG: dict[str, tuple[dict[str, Any], str]] = {
     "dollar": ({"runs": [Run("a", "close$")]}, "write $$ for a dollar"),
     "json": ({"runs": [Run("a", '{"version"')]}, "the graph of the run 'a' is no JSON: Expecting"),
     "nan": ({"runs": [Run("a", "$x", {"x": float("nan")})]}, "must be a finite number"),
-    "builder": ({"runs": [Run("a", lambda: 1 / 0)]}, "can't be made: ZeroDivisionError"),
+    "builder": ({"runs": [Run("a", no_graph)]}, "can't be made: ZeroDivisionError"),
     "dates": (
         {"runs": [Run("a", "close", first_date="2030-01-01")]},
         "the run 'a': the panel has no dates from 2030-01-01 to None",
@@ -359,8 +364,9 @@ WRONG: dict[str, tuple[dict[str, Any], str]] = {
 def test_wrong_input_ends_before_anything_is_written(tmp_path: Path, what: str) -> None:
     arguments, message = WRONG[what]
     out = tmp_path / "out"
+    plain: dict[str, Any] = {"runs": make_runs(1), "panel": make_panel(), "out": out}
     with pytest.raises(SweepError) as raised:
-        sweep(**{"runs": make_runs(1), "panel": make_panel(), "out": out} | arguments)
+        sweep(**plain | arguments)
     assert message in str(raised.value)
     assert not out.exists()
 

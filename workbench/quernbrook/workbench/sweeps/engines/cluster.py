@@ -46,7 +46,7 @@ class RayPool:
         self._common = ray.put((secrets.token_hex(8), tuple(fields), replace(setup, shells={})))
         # References inside of an object are not resolved; those among the arguments are.
         self._arrays = [ray.put(values) for values in fields.values()]
-        self._universe = None if universe is None else ray.put(universe)
+        self._universe: Any = None if universe is None else ray.put(universe)
         self._references: dict[Future[list[Outcome]], Any] = {}
 
     def capacity(self) -> int:

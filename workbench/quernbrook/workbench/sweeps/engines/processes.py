@@ -91,8 +91,11 @@ class _Seat:
 
 
 def _filled(folder: Path) -> tuple[ProcessPoolExecutor, Future[None]]:
-    executor = ProcessPoolExecutor(1, env=_ENVIRONMENT)
-    return executor, executor.submit(_prepare, folder, os.getpid())
+    # Loky replaces a worker that has grown much, which must be prepared, too.
+    executor = ProcessPoolExecutor(
+        1, initializer=_prepare, initargs=(folder, os.getpid()), env=_ENVIRONMENT
+    )
+    return executor, executor.submit(_stand_ready)
 
 
 def _prepare(folder: Path, driver: int) -> None:
@@ -103,6 +106,10 @@ def _prepare(folder: Path, driver: int) -> None:
     plain = {name: np.asarray(values) for name, values in fields.items()}
     warnings_seen.show_to_collectors()
     prepare_thread(plain, None if universe is None else np.asarray(universe), setup)
+
+
+def _stand_ready() -> None:
+    """The first task of a worker, which ends when its preparations have."""
 
 
 def _end_with(driver: int) -> None:
