@@ -41,6 +41,7 @@ TITLES = {
     "bench_large_graphs": "From the call to the first row",
     "bench_pickling": "Pickling a context",
     "bench_panels": "Reading panels",
+    "bench_sweeps": "Many runs",
 }
 # The workloads of the picture.
 DEPICTED = [

@@ -330,6 +330,7 @@ def no_graph() -> Any:
 
 WRONG: dict[str, tuple[dict[str, Any], str]] = {
     "engine": ({"engine": "spark"}, "there is no engine 'spark': take one of serial, threads"),
+    "results": ({"results": "all"}, "results are 'weights' or 'summary'; got 'all'"),
     "limit": ({"engine": "serial", "time_limit": 3.0}, "'serial' can't end a run: take 'joblib'"),
     "zero": ({"time_limit": 0.0}, "time_limit must be more than 0 seconds; got 0"),
     "tries": ({"tries": 0}, "tries must be 1 at least; got 0"),
@@ -347,6 +348,10 @@ WRONG: dict[str, tuple[dict[str, Any], str]] = {
     "dollar": ({"runs": [Run("a", "close$")]}, "write $$ for a dollar"),
     "json": ({"runs": [Run("a", '{"version"')]}, "the graph of the run 'a' is no JSON: Expecting"),
     "nan": ({"runs": [Run("a", "$x", {"x": float("nan")})]}, "must be a finite number"),
+    "list": (
+        {"runs": [Run("a", feature("close"), {"x": [1]})]},  # type: ignore[dict-item]
+        "the parameter x must be a finite number, a text or true or false; got [1]",
+    ),
     "builder": ({"runs": [Run("a", no_graph)]}, "can't be made: ZeroDivisionError"),
     "dates": (
         {"runs": [Run("a", "close", first_date="2030-01-01")]},

@@ -16,7 +16,7 @@ from quernbrook.workbench.sweeps.errors import SweepError
 from quernbrook.workbench.sweeps.groups import grouped
 from quernbrook.workbench.sweeps.output import Output, opened
 from quernbrook.workbench.sweeps.progress import SweepProgress
-from quernbrook.workbench.sweeps.runs import OPTIONS, Run, require_names, text_of
+from quernbrook.workbench.sweeps.runs import OPTIONS, Run, plain, require_names, text_of
 from quernbrook.workbench.sweeps.scheduler import Pool, Scheduler
 from quernbrook.workbench.sweeps.slices import slice_of
 from quernbrook.workbench.sweeps.work import Group, Results, Setup, Slice, Task
@@ -81,7 +81,7 @@ def sweep(
     Raises SweepError for runs that can't be planned, a folder that another process writes to, and
     results that can't be written.
     """
-    _require_settings(engine, workers, time_limit, tries)
+    _require_settings(engine, results, workers, time_limit, tries)
     planned = _planned(list(runs), panel, registry, results)
     with opened(Path(out)) as output:
         missing = {
@@ -132,10 +132,12 @@ def _work(
 
 
 def _require_settings(
-    engine: str, workers: int | None, time_limit: float | None, tries: int
+    engine: str, results: str, workers: int | None, time_limit: float | None, tries: int
 ) -> None:
     if engine not in ENGINES:
         raise SweepError(f"there is no engine {engine!r}: take one of {', '.join(ENGINES)}")
+    if results not in ("weights", "summary"):
+        raise SweepError(f"results are 'weights' or 'summary'; got {results!r}")
     if workers is not None and workers < 1:
         raise SweepError(f"workers must be 1 at least; got {workers}")
     if tries < 1:
@@ -169,10 +171,7 @@ def _plan(run: Run, panel: Panel, data: str, code: str, results: Results) -> _Pl
     shown = [part.rows, part.columns, part.universe]
     key = hashes.of_document([run.name, graph, shown, options, data, code, results])
     facts = {
-        "parameters": {
-            name: getattr(value, "tolist", lambda v=value: v)()
-            for name, value in run.parameters.items()
-        },
+        "parameters": {name: plain(value) for name, value in run.parameters.items()},
         "first_date": panel.dates[part.rows[0]].isoformat(),
         "last_date": panel.dates[part.rows[1] - 1].isoformat(),
         "key": key,

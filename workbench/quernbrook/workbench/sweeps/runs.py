@@ -118,6 +118,9 @@ def text_of(run: Run) -> tuple[str, bool]:
     if isinstance(run.graph, str):
         text = _filled(run.graph, f"the formula of the run '{run.name}'", run.parameters)
         return _plain_text(run.name, text)
+    for name, value in run.parameters.items():
+        # The manifest holds them, too.
+        _written(name, value)
     graph = run.graph
     if not isinstance(graph, Node):
         try:
@@ -160,10 +163,13 @@ def _filled(text: str, what: str, parameters: Mapping[str, Parameter]) -> str:
         ) from None
 
 
+def plain(value: Any) -> Any:
+    """Numbers of NumPy, as tables hold them, as those of Python."""
+    return value.item() if hasattr(value, "item") else value
+
+
 def _written(name: str, value: Any) -> str:
-    if hasattr(value, "item"):
-        # Numbers of NumPy, as tables hold them.
-        value = value.item()
+    value = plain(value)
     if isinstance(value, bool):
         return str(value).lower()
     if isinstance(value, int | str):
