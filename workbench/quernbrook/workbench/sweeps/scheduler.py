@@ -19,9 +19,11 @@ class Pool(Protocol):
     """Workers.
 
     deaths: what a future raises whose worker was lost.
+    is_concurrent: whether `submit` returns before the group has ended.
     """
 
     deaths: tuple[type[BaseException], ...]
+    is_concurrent: bool
 
     def capacity(self) -> int:
         """How many groups can be with workers at once."""
@@ -59,24 +61,35 @@ class Scheduler:
         """Yield what becomes of the groups, and of parts of them, as they end."""
         self._waiting.extend(groups)
         while self._waiting or self._running:
-            while self._waiting and len(self._running) < max(1, self._pool.capacity()):
-                group = self._next()
-                self._running[self._pool.submit(group)] = group
+            self._hand_out()
             timeout = None if self._time_limit is None else _LOOK_EVERY
             ended, _ = wait(self._running, timeout, FIRST_COMPLETED)
+            found = [one for future in ended for one in self._outcomes_of(future)]
+            found += self._end_overdue()
+            if self._pool.is_concurrent:
+                # Before outcomes are kept, so that workers go on meanwhile.
+                self._hand_out()
+            yield from found
             for future in ended:
-                group = self._forget(future)
                 error = future.exception()
-                if error is None:
-                    outcomes = future.result()
-                    for outcome in outcomes:
-                        outcome.tries = group.tries + 1
-                    yield group, outcomes
-                elif isinstance(error, self._pool.deaths):
-                    yield from self._after_fault(group, DIED, f"its worker died: {_line(error)}")
-                else:
+                if error is not None and not isinstance(error, self._pool.deaths):
                     raise error
-            yield from self._end_overdue()
+
+    def _hand_out(self) -> None:
+        while self._waiting and len(self._running) < max(1, self._pool.capacity()):
+            group = self._next()
+            self._running[self._pool.submit(group)] = group
+
+    def _outcomes_of(self, future: Future[list[Outcome]]) -> Iterator[tuple[Group, list[Outcome]]]:
+        group = self._forget(future)
+        error = future.exception()
+        if error is None:
+            outcomes = future.result()
+            for outcome in outcomes:
+                outcome.tries = group.tries + 1
+            yield group, outcomes
+        elif isinstance(error, self._pool.deaths):
+            yield from self._after_fault(group, DIED, f"its worker died: {_line(error)}")
 
     def _next(self) -> Group:
         group = self._waiting.popleft()

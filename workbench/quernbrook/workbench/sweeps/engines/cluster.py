@@ -28,6 +28,7 @@ class RayPool:
         ray.exceptions.ObjectLostError,
         ray.exceptions.TaskCancelledError,
     )
+    is_concurrent = True
 
     def __init__(
         self,

@@ -29,6 +29,7 @@ class ProcessesPool:
     """Each worker is an executor of its own, so that one that dies takes no other's work along."""
 
     deaths: tuple[type[BaseException], ...] = (BrokenProcessPool,)
+    is_concurrent = True
 
     def __init__(
         self,

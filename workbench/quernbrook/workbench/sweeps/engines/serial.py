@@ -11,6 +11,7 @@ from quernbrook.workbench.sweeps.worker import Worker
 
 class SerialPool:
     deaths: tuple[type[BaseException], ...] = ()
+    is_concurrent = False
 
     def __init__(self, fields: Mapping[str, Matrix], universe: Matrix | None, setup: Setup) -> None:
         self._worker = Worker(fields, universe, setup)

@@ -11,6 +11,7 @@ from quernbrook.workbench.sweeps.worker import evaluate_here, prepare_thread
 
 class ThreadsPool:
     deaths: tuple[type[BaseException], ...] = ()
+    is_concurrent = True
 
     def __init__(
         self, fields: Mapping[str, Matrix], universe: Matrix | None, setup: Setup, workers: int
