@@ -43,6 +43,7 @@ TITLES = {
     "bench_panels": "Reading panels",
     "bench_explain": "Explaining a graph",
     "bench_report_page": "A report",
+    "bench_sweeps": "Many runs",
 }
 # The workloads of the picture.
 DEPICTED = [

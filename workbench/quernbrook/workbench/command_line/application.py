@@ -17,6 +17,7 @@ COMMANDS = (
     "profile",
     "step",
     "report",
+    "sweep",
 )
 
 application = typer.Typer(
