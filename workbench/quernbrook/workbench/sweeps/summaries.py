@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import numpy as np
-from quernbrook.workbench.alphas.measures import coverage, holdings, turnover
+from quernbrook.workbench.seeing.measures import coverage, holdings, turnover
 from quernbrook.workbench.sweeps.work import Matrix
 
 
 def summary(weights: Matrix) -> dict[str, float]:
     """The share of cells with a value, the mean, standard deviation and extremes of those, and the
-    daily turnover if they are held as a portfolio (see `quernbrook.workbench.alphas.measures`).
+    daily turnover if they are held as a portfolio (see `quernbrook.workbench.seeing.measures`).
 
     NaN where there is no value.
     """
