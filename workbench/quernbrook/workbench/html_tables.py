@@ -34,8 +34,13 @@ def html_table(
 
 
 def html_text(text: str) -> str:
-    """Return a text as HTML; half a surrogate pair, which no file can hold, as its escape."""
-    return escape(text.encode("utf-8", "backslashreplace").decode("utf-8"))
+    """Return a text as HTML."""
+    return escape(encodable(text))
+
+
+def encodable(text: str) -> str:
+    """Return a text with the escapes of halves of surrogate pairs, which no file can hold."""
+    return text.encode("utf-8", "backslashreplace").decode("utf-8")
 
 
 def _line(tag: str, cells: Sequence[str], sides: Sequence[str], more: str = "") -> str:

@@ -5,7 +5,7 @@ from __future__ import annotations
 import io
 
 from quernbrook.workbench.explanation.records import Explanation
-from quernbrook.workbench.html_tables import SCROLLED
+from quernbrook.workbench.html_tables import SCROLLED, encodable
 from rich.console import Console
 
 _WIDTH = 160
@@ -19,4 +19,4 @@ def html(explanation: Explanation) -> str:
     parts = [console.export_html(inline_styles=True, code_format=_PRE)]
     if explanation.nodes:
         parts.insert(0, explanation.svg())
-    return "".join(f'<div style="{SCROLLED}">{part}</div>' for part in parts)
+    return "".join(f'<div style="{SCROLLED}">{encodable(part)}</div>' for part in parts)

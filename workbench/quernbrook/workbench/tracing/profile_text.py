@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from typing import TYPE_CHECKING, Any
 
-from quernbrook.workbench.html_tables import html_table
+from quernbrook.workbench.html_tables import encodable, html_table
 from quernbrook.workbench.tracing.text_table import aligned
 
 if TYPE_CHECKING:
@@ -29,7 +29,8 @@ def text(profile: Profile) -> str:
 
 def html(profile: Profile) -> str:
     """The flame view above the same table."""
-    return f"<div>{profile.svg()}{html_table(_HEADER, _lines(profile), left=_LEFT)}</div>"
+    drawing = encodable(profile.svg())
+    return f"<div>{drawing}{html_table(_HEADER, _lines(profile), left=_LEFT)}</div>"
 
 
 def _lines(profile: Profile) -> list[list[str]]:
