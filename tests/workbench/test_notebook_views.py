@@ -197,7 +197,7 @@ def test_a_picture_is_shown_without_pyplot() -> None:
 def test_every_picture_is_shown() -> None:
     panel = panel_of()
     frame = panel.frame(panel.fields["x"])
-    causes = np.zeros(frame.shape, dtype=np.uint8)
+    causes = np.zeros(frame.shape, dtype=np.int8)
     for figure in (
         pictures.heat_map(frame),
         pictures.nan_causes(causes, frame),

@@ -8,7 +8,7 @@ from html import escape
 #: Of what is larger, a notebook shows a part to be scrolled.
 SCROLLED = "overflow: auto; max-height: 40em"
 
-_CELL = "white-space: pre; vertical-align: top; text-align: "
+_CELL = "padding: 0 0.6em; white-space: pre; vertical-align: top; text-align: "
 _MARKED = "; color: #d1242f; font-weight: bold"
 
 

@@ -124,7 +124,7 @@ def _converted(what: str, place: str, labels: pd.Index) -> pd.DatetimeIndex:
         )
     dates = pd.DatetimeIndex(pd.to_datetime(unique, format="ISO8601", errors="coerce"))
     # From pandas 3 on, units of dates other than nanoseconds reach further.
-    dates = dates.where((dates.year >= 1678) & (dates.year <= 2261))
+    dates = pd.DatetimeIndex(dates.where((dates.year >= 1678) & (dates.year <= 2261)))
     if dates.hasnans:
         row = int(np.argmax(dates.isna()[codes]))
         found = f"{str(labels[row])!r} in row {row} is none from 1678 to 2261"
