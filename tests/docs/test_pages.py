@@ -13,6 +13,7 @@ from io import StringIO
 from pathlib import Path
 from types import ModuleType
 
+import numpy as np
 import pytest
 import structlog
 from sybil import Document, Example, Sybil
@@ -70,7 +71,9 @@ def main_module(monkeypatch: pytest.MonkeyPatch) -> Iterator[ModuleType]:
     module = ModuleType("page_of_the_guide")
     monkeypatch.setitem(sys.modules, module.__name__, module)
     logging = structlog.get_config()
-    yield module
+    # What a page sets for its prints ends with it.
+    with np.printoptions():
+        yield module
     structlog.configure(**logging)
 
 
