@@ -62,7 +62,9 @@ def panel_of(name: str = "x", symbol: str = "AA") -> Panel:
     dates = pd.bdate_range("2024-01-01", periods=30)
     values = np.random.default_rng(1).normal(100.0, 1.0, (30, 3))
     values[20, 0] = np.nan
-    return Panel(dates, pd.Index([symbol, "BB", "CC"], dtype=object), {name: values, "close": values})
+    return Panel(
+        dates, pd.Index([symbol, "BB", "CC"], dtype=object), {name: values, "close": values}
+    )
 
 
 def graph_of(name: str = "x") -> Any:
