@@ -48,6 +48,15 @@ graph = Node("rotation", "latitudinal_demean", [Node("feature", "x")])
 assert evaluate(graph, context).weights.tolist() == [[-1.0, 1.0]]
 """
 
+FROM_WHEELS = """
+import sys
+from quernbrook import reference_host, row_kernels, workbench
+from quernbrook.simulator_engine import expression_evaluator
+
+for module in (reference_host, row_kernels, workbench, expression_evaluator):
+    assert module.__file__.startswith(sys.prefix), module.__file__
+"""
+
 built: dict[str, Path] = {}
 
 
@@ -71,7 +80,7 @@ def row_kernels_wheel_of(session: nox.Session) -> str:
 
 
 def build_wheel(session: nox.Session, source: Path) -> Path:
-    folder = empty_folder(session, "wheel")
+    folder = empty_folder(session, f"wheel-{source.name}")
     options = ["--no-deps", "--wheel-dir", str(folder), str(source)]
     session.run("python", "-m", "pip", "wheel", *options)
     return only_file(folder, "*.whl")
@@ -100,6 +109,22 @@ def tests(session: nox.Session, numpy: str) -> None:
     # A reused environment has another wheel of the same version, which pip would leave there.
     session.install("--force-reinstall", "--no-deps", *ours)
     session.run("python", "-m", "pytest", *session.posargs)
+
+
+@nox.session(python=INTERPRETERS)
+def workbench(session: nox.Session) -> None:
+    """The workbench's tests and the notebooks, with nothing but wheels of all four distributions.
+
+    Dependencies are the newest that the interpreter gets, from one to the next not the same.
+    """
+    pure = [str(build_wheel(session, source)) for source in (HOST, WORKBENCH)]
+    ours = [wheel_of(session), row_kernels_wheel_of(session), *pure]
+    session.install(*ours, *TEST_REQUIREMENTS)
+    session.install("--force-reinstall", "--no-deps", *ours)
+    # Isolated, so that nothing of the working folder is found.
+    session.run("python", "-I", "-c", FROM_WHEELS)
+    chosen = session.posargs or ["tests/workbench", "tests/docs/test_notebooks.py"]
+    session.run("python", "-m", "pytest", *chosen, env={"EVALUATOR_TESTS": "native"})
 
 
 @nox.session(python=INTERPRETERS)

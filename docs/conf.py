@@ -10,8 +10,14 @@ from sphinx.application import Sphinx
 project = "quernbrook-expression-evaluator"
 html_title = "Expression evaluator"
 
-extensions = ["myst_parser", "sphinx.ext.autodoc", "sphinx.ext.napoleon"]
+# myst_nb reads the other pages, too, with myst_parser.
+extensions = ["myst_nb", "sphinx.ext.autodoc", "sphinx.ext.napoleon"]
 html_theme = "furo"
+
+# Notebooks are kept without outputs and run when the pages are built, wherever they write to.
+nb_execution_mode = "force"
+nb_execution_in_temp = True
+nb_execution_raise_on_error = True
 
 # So that pages can link to each other's headings, errors among them.
 myst_heading_anchors = 3

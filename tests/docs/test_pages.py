@@ -71,7 +71,9 @@ def main_module(monkeypatch: pytest.MonkeyPatch) -> Iterator[ModuleType]:
     module = ModuleType("page_of_the_guide")
     monkeypatch.setitem(sys.modules, module.__name__, module)
     logging = structlog.get_config()
-    yield module
+    # What a page sets for its prints ends with it.
+    with np.printoptions():
+        yield module
     structlog.configure(**logging)
 
 

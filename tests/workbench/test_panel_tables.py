@@ -254,7 +254,7 @@ def test_what_makes_no_panel_in_a_long_table(kind: str, changes: Any, message: s
     [
         (pd.DataFrame({**LONG, "close": [1.0, Decimal(2), "tech", None]}), "field 'close' holds no numbers but object: the value of AA on 2024-01-03 00:00:00 is 'tech'"),
         (pd.DataFrame({**LONG, "close": ["a"] * 4}, dtype="string"), "field 'close' holds no numbers but string"),
-        (pd.DataFrame({**LONG, "close": pd.to_datetime(LONG["day"])}), "field 'close' holds no numbers but datetime64[ns]"),
+        (pd.DataFrame({**LONG, "close": pd.to_datetime(LONG["day"]).astype("datetime64[ns]")}), "field 'close' holds no numbers but datetime64[ns]"),
         (pd.DataFrame(LONG).set_axis(["day", "code", "code"], axis=1), "the long table has 2 columns 'code'"),
         (pd.DataFrame(LONG).drop(columns="close"), "the long table has no columns beside 'day' and 'code'"),
         (pd.DataFrame(LONG).rename(columns={"day": "days"}), "the long table has no column 'day'; the nearest is 'days'"),

@@ -23,7 +23,7 @@ from quernbrook.workbench.panels import (
     synthetic_panel,
 )
 
-DATES = pd.DatetimeIndex(["2024-01-02", "2024-01-03", "2024-01-04"])
+DATES = pd.DatetimeIndex(["2024-01-02", "2024-01-03", "2024-01-04"]).as_unit("ns")
 
 
 def frame(**columns: list[object]) -> pd.DataFrame:
@@ -48,7 +48,7 @@ def test_symbols_follow_the_first_field() -> None:
 
 def test_float64_in_one_block_is_not_copied() -> None:
     values = np.ones((3, 2))
-    panel = Panel.from_frames({"close": pd.DataFrame(values, index=DATES, columns=["AA", "BB"])})
+    panel = Panel.from_frames({"close": pd.DataFrame(values, DATES, ["AA", "BB"], copy=False)})
     assert np.shares_memory(panel.fields["close"], values)
     context = panel.context(default_registry())
     assert context.features[0] is panel.fields["close"]
@@ -207,6 +207,8 @@ def test_rows_before_and_after_a_date() -> None:
     ("date", "message"),
     [
         ("03/01/2024", "'03/01/2024' is no date; write dates as 2024-01-31"),
+        ("9999-12-31", "'9999-12-31' is no date; write dates as 2024-01-31"),
+        (np.datetime64("0001-01-01"), "np.datetime64('0001-01-01') is no date; write dates as 2024-01-31"),
         (20240103, "20240103 is no date; write dates as 2024-01-31"),
         (pd.NaT, "NaT is no date; write dates as 2024-01-31"),
         ("NaT", "'NaT' is no date; write dates as 2024-01-31"),

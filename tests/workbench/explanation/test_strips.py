@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import sys
 from typing import Any
 
 import numpy as np
@@ -271,3 +272,29 @@ def test_offers_that_are_no_kernel(offer: Any, told: str) -> None:
         assert faults == [f"root: 'f' offers a kernel that cannot be used: {told}"]
     else:
         assert not faults and explanation.nodes[-1].reason == NO_OFFER
+
+
+class Slotted:
+    """A signal without a dictionary of attributes."""
+
+    __slots__ = ("fields", "pnl", "weights")
+
+    def __init__(self) -> None:
+        self.weights, self.pnl, self.fields = matrix(), None, {"q": 1.0}
+
+
+def test_signals_whose_attributes_only_the_interpreter_finds() -> None:
+    registry = GuiseRegistry(GUISES)
+    options = {"useful_signals": {"s0": Slotted()}, "column_labels": ["gross_returns"]}
+    graph = rotation("total.kernel", reduction("reduce.kernel"))
+    context = context_of(registry, options, {})
+    found = {node.path: node.reason for node in explain(graph, context).nodes}
+    assert None not in found.values()
+    if sys.version_info < (3, 11):
+        assert found["root.c0"] == "the attributes of the signal 's0' can't be read off"
+    else:
+        promise = "can't be read off on CPython 3.11 and later"
+        assert found["root.c0"] == f"the attributes of its type {promise}"
+    registry.instances.clear()
+    evaluate(graph, context)
+    assert not any(map(came_in_strips, registry.instances[1:]))

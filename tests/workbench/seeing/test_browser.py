@@ -252,6 +252,10 @@ def test_a_phone_needs_no_sideways_scrolling(browser: Chrome, file: Path) -> Non
     browser.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
 
 
+def screenshot(browser: Chrome) -> Any:
+    return Image.open(io.BytesIO(browser.get_screenshot_as_png())).convert("RGB")
+
+
 def test_cells_stand_at_their_day_and_symbol(browser: Chrome, tmp_path: Path) -> None:
     values = np.full((5, 4), -1.0)
     values[:, 0] = 1.0
@@ -269,11 +273,13 @@ def test_cells_stand_at_their_day_and_symbol(browser: Chrome, tmp_path: Path) ->
         return [outer.left + box.left, outer.top + box.top, box.width, box.height];
     """
     left, top, width, height = browser.execute_script(FIGURE + inner, "Weights")
-    screen = Image.open(io.BytesIO(browser.get_screenshot_as_png())).convert("RGB")
+    # The page is painted a moment after it says that it is ready.
+    wait(lambda: min(screenshot(browser).getpixel((int(left) + 9, int(top) + 9))) < 128)
+    screen = screenshot(browser)
     for day, symbol in ((0, 0), (4, 0), (0, 3), (4, 3), (1, 1)):
         x = left + (day + 0.3) / 5 * width
         y = top + (symbol + 0.3) / 4 * height
-        pixel: Any = screen.getpixel((int(x), int(y)))
+        pixel = screen.getpixel((int(x), int(y)))
         is_blue = pixel[2] > pixel[0]
         assert is_blue == (values[day, symbol] > 0.0)
         point(browser, x, y)

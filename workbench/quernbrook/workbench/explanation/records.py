@@ -227,6 +227,11 @@ class Explanation:
 
         return table_of(self)
 
+    def _repr_html_(self) -> str:
+        from quernbrook.workbench.explanation.page_part import html
+
+        return html(self)
+
     def to_json(self) -> dict[str, Any]:
         """Return the explanation as plain data, for `json.dumps`."""
         from quernbrook.workbench.explanation.document import document_of

@@ -19,6 +19,8 @@ from quernbrook.workbench.graphs import FUNCTIONS, LEAVES, LITERALS
 
 Reasons = dict[str, str | None]
 _DOUBLE = np.dtype(np.float64)
+# The interpreter keeps the attributes of classes in Python where only it knows from then on.
+_MANAGED = " on CPython 3.11 and later"
 _NO_OFFER = "its type has neither a kernel nor a method for blocks"
 
 
@@ -124,6 +126,8 @@ class _Plan:
             return "reductions of the graph read what another node extracts"
         stateful = _plain_truth(function.instance, "stateful")
         if stateful is None:
+            if type(function.instance).__dictoffset__ < 0:
+                return f"the attributes of its type can't be read off{_MANAGED}"
             return "its type computes whether it is stateful"
         if stateful and function.offer is None:
             return "its type has no kernel of a reduction"
@@ -220,6 +224,9 @@ def _unreadable_pool(run: Inputs, use: SignalUse | None) -> Iterator[str]:
         return
     for name in use.passing:
         signal = pool[name]
+        if type(signal).__dictoffset__ <= 0:
+            where = _MANAGED if type(signal).__dictoffset__ else ""
+            yield f"the attributes of the signal {shown(name)} can't be read off{where}"
         if not _is_double_matrix(signal.weights, shape):
             yield f"the weights of the signal {shown(name)} are {_described(signal.weights)}"
         if signal.pnl is not None and not _is_double_matrix(signal.pnl, (shape[0], None)):
@@ -263,7 +270,7 @@ def _is_plain(context: Any) -> bool:
 def _plain_truth(instance: Any, name: str) -> bool | None:
     """An attribute that is a truth value, and read without code of the instance's."""
     kind: Any = type(instance)
-    if kind.__getattribute__ is not object.__getattribute__:
+    if kind.__getattribute__ is not object.__getattribute__ or kind.__dictoffset__ < 0:
         return None
     value = inspect.getattr_static(instance, name, None)
     return value if isinstance(value, bool) else None

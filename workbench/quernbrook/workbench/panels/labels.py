@@ -88,6 +88,8 @@ def as_date(value: Date, expected: tzinfo | None) -> pd.Timestamp:
             if isinstance(value, str)
             else pd.Timestamp(value)
         )
+        # Years that nanoseconds don't reach raise here.
+        found = found.as_unit("ns")
     except ValueError as error:
         raise PanelError(f"{value!r} is no date; {_EXAMPLE}") from error
     if not isinstance(found, pd.Timestamp):
@@ -108,9 +110,10 @@ def _converted(what: str, place: str, labels: pd.Index) -> pd.DatetimeIndex:
         return labels
     if pd.api.types.is_datetime64_any_dtype(labels.dtype):
         return pd.DatetimeIndex(labels)
-    kind = pd.api.types.infer_dtype(labels, skipna=True)
+    # To pandas, labels of the type "str" are texts, also where there are none.
+    kind = pd.api.types.infer_dtype(labels, skipna=True) if len(labels) else "empty"
     if kind not in ("string", "date", "datetime", "datetime64"):
-        holds = kind if labels.dtype == object else labels.dtype
+        holds = kind if labels.dtype == object or kind == "empty" else labels.dtype
         raise PanelError(f"{what}: {place} must hold dates; it holds {holds}")
     _require_none_missing(what, labels)
     # A long table has each date many times.
@@ -120,6 +123,8 @@ def _converted(what: str, place: str, labels: pd.Index) -> pd.DatetimeIndex:
             f"{what}: {place} has dates in several time zones, or some without; write all in UTC"
         )
     dates = pd.DatetimeIndex(pd.to_datetime(unique, format="ISO8601", errors="coerce"))
+    # From pandas 3 on, units of dates other than nanoseconds reach further.
+    dates = pd.DatetimeIndex(dates.where((dates.year >= 1678) & (dates.year <= 2261)))
     if dates.hasnans:
         row = int(np.argmax(dates.isna()[codes]))
         found = f"{str(labels[row])!r} in row {row} is none from 1678 to 2261"

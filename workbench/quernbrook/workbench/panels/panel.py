@@ -20,6 +20,7 @@ from quernbrook.workbench.panels.labels import (
     require_symbols,
 )
 from quernbrook.workbench.panels.long import collect_long
+from quernbrook.workbench.panels.panel_html import html
 from quernbrook.workbench.panels.universe import from_booleans, from_listings
 from quernbrook.workbench.panels.wide import Table, collect
 
@@ -164,6 +165,9 @@ class Panel:
         A context with `_collect_node_outputs` set to True has them collected.
         """
         return {path: self.frame(values) for path, values in result.node_outputs.items()}
+
+    def _repr_html_(self) -> str:
+        return html(self)
 
     @property
     def _shape(self) -> tuple[int, int]:

@@ -11,6 +11,7 @@ from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionRegistry
 from quernbrook.reference_host.warmup import warmup_rows
 from quernbrook.simulator_engine.expression_evaluator import evaluate
+from quernbrook.workbench.html_tables import html_text
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.panels.panel import Matrix
 from quernbrook.workbench.seeing.causes import Causes, nan_causes
@@ -34,6 +35,19 @@ class Run:
     warmup_rows: int
     universe: str | None
     returns: pd.DataFrame | None
+
+    def _repr_html_(self) -> str | None:
+        """The report in a frame of its own, where its styles and its code stay among themselves.
+
+        None without days or symbols, for which there is no report.
+        """
+        if self.weights.empty:
+            return None
+        from quernbrook.workbench.report.page import report_page
+
+        page = html_text(report_page(self))
+        style = "width: 100%; height: 50em; border: 0"
+        return f'<iframe sandbox="allow-scripts" style="{style}" srcdoc="{page}"></iframe>'
 
 
 def run_graph(

@@ -244,6 +244,8 @@ def _place_legend(made: figure) -> None:
     legend.visible = len(legend.items) > 1
     legend.click_policy = "hide"
     legend.orientation = "horizontal"
+    # Of more, a telephone would show no end.
+    legend.ncols = min(len(legend.items), 3)
     legend.background_fill_color = None
     legend.border_line_color = None
     made.add_layout(legend, "below")

@@ -16,10 +16,10 @@ from matplotlib.axes import Axes
 from matplotlib.collections import QuadMesh
 from matplotlib.colors import BoundaryNorm, Colormap, ListedColormap, Normalize
 from matplotlib.dates import AutoDateLocator, ConciseDateFormatter
-from matplotlib.figure import Figure
 from quernbrook.workbench.seeing import series
 from quernbrook.workbench.seeing.causes import Cause, Causes
 from quernbrook.workbench.seeing.colours import CAUSES, CURVES, NO_VALUE
+from quernbrook.workbench.seeing.figure import Figure
 from quernbrook.workbench.seeing.shown import Shown, scale_of, thinned
 
 _WIDE = (9.0, 3.2)

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Iterator
+from collections.abc import Iterator, Mapping
 from typing import Any
 
 from quernbrook.reference_host import draw_tree
@@ -33,24 +33,27 @@ def document(why: Why) -> dict[str, Any]:
     }
 
 
-def _lines(why: Why) -> Iterator[str]:
+def heading(why: Why) -> str:
     warmup = ", a warm-up row" if why.is_warmup else ""
-    yield f"{why.column} on {why.row}: weight {_number(why.weight)}{warmup}"
+    return f"{why.column} on {why.row}: weight {number(why.weight)}{warmup}"
+
+
+def _lines(why: Why) -> Iterator[str]:
+    yield heading(why)
     yield ""
     causes = {cause.path: cause for cause in why.root.walk()}
     yield draw_tree(why.root.node, {path: _note(cause) for path, cause in causes.items()})
-    for path, cause in causes.items():
+    for cause in causes.values():
         if cause.window is not None:
             yield ""
-            yield f"{path} {cause.node.node} holds {len(cause.window.rows)} rows"
-            yield from _window_lines(cause.window, causes)
+            yield from _window_lines(cause, cause.window, causes)
 
 
 def _note(cause: Cause) -> str:
-    return "  ".join([_number(cause.value), *map(_mark_text, cause.marks)])
+    return "  ".join([number(cause.value), *map(mark_text, cause.marks)])
 
 
-def _mark_text(mark: Mark) -> str:
+def mark_text(mark: Mark) -> str:
     if not mark.sources:
         reason = f": {mark.reason}" if mark.reason else ""
         return f"<- {_BEGINNINGS[mark.kind]}{reason}"
@@ -58,23 +61,30 @@ def _mark_text(mark: Mark) -> str:
     return f"<- {_NAMES[mark.kind]} from {sources}"
 
 
-def _window_lines(window: Window, causes: dict[str, Cause]) -> Iterator[str]:
-    hidden = max(len(window.rows) - _ROWS_SHOWN, 0)
+def _window_lines(cause: Cause, window: Window, causes: Mapping[str, Cause]) -> Iterator[str]:
+    title, (header, *lines) = window_table(cause, window, causes)
+    yield title
+    hidden = max(len(lines) - _ROWS_SHOWN, 0)
     if hidden:
         yield f"  ... {hidden} rows before these"
-    table = [
-        ["", *(f"{path} {causes[path].node.node}" for path in window.values)],
-        *(
-            [str(row), *(_number(values[place]) for values in window.values.values())]
-            for place, row in enumerate(window.rows)
-            if place >= hidden
-        ),
-    ]
-    for line in aligned(table):
+    for line in aligned([header, *lines[hidden:]]):
         yield f"  {line}"
 
 
-def _number(value: float) -> str:
+def window_table(
+    cause: Cause, window: Window, causes: Mapping[str, Cause]
+) -> tuple[str, list[list[str]]]:
+    """The title of a node's window, and its lines: the inputs' names, then a line for each row."""
+    return f"{cause.path} {cause.node.node} holds {len(window.rows)} rows", [
+        ["", *(f"{path} {causes[path].node.node}" for path in window.values)],
+        *(
+            [str(row), *(number(values[place]) for values in window.values.values())]
+            for place, row in enumerate(window.rows)
+        ),
+    ]
+
+
+def number(value: float) -> str:
     return f"{value:.6g}"
 
 

@@ -83,6 +83,11 @@ class Why:
 
         return text(self)
 
+    def _repr_html_(self) -> str:
+        from quernbrook.workbench.tracing.cause_html import html
+
+        return html(self)
+
 
 def why(
     graph: Node,

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from typing import TYPE_CHECKING, Any
 
+from quernbrook.workbench.html_tables import encodable, html_table
 from quernbrook.workbench.tracing.text_table import aligned
 
 if TYPE_CHECKING:
@@ -17,9 +18,23 @@ _WAYS = {
 }
 
 
+_HEADER = ("node", "function", "how", "calls", "rows", "ms", "share", "a kernel would save")
+_LEFT = (0, 1, 2)
+
+
 def text(profile: Profile) -> str:
     """A line for each function, the costliest first, and one for the evaluator itself."""
-    lines = [["node", "function", "how", "calls", "rows", "ms", "share", "a kernel would save"]]
+    return "\n".join(aligned([_HEADER, *_lines(profile)], left=_LEFT))
+
+
+def html(profile: Profile) -> str:
+    """The flame view above the same table."""
+    drawing = encodable(profile.svg())
+    return f"<div>{drawing}{html_table(_HEADER, _lines(profile), left=_LEFT)}</div>"
+
+
+def _lines(profile: Profile) -> list[list[str]]:
+    lines = []
     for node in sorted(profile.nodes, key=lambda node: -node.seconds):
         shared = f" (one instance at {node.sharing} nodes)" if node.sharing > 1 else ""
         lines.append(
@@ -39,7 +54,7 @@ def text(profile: Profile) -> str:
         ["", "the evaluator itself", "", "", "", f"{own * 1e3:.3f}", _share(own, profile), ""]
     )
     lines.append(["", "all", "", "", "", f"{profile.seconds * 1e3:.3f}", "100.0%", ""])
-    return "\n".join(aligned(lines, left=(0, 1, 2)))
+    return lines
 
 
 def document(profile: Profile) -> dict[str, Any]:

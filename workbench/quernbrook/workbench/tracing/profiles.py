@@ -63,6 +63,9 @@ class Profile:
     def __str__(self) -> str:
         return profile_text.text(self)
 
+    def _repr_html_(self) -> str:
+        return profile_text.html(self)
+
     def svg(self) -> str:
         """A picture of the graph, root above, as wide as the time of each node and its inputs."""
         return flame.svg(self)
