@@ -17,6 +17,7 @@ COMMANDS = (
     "profile",
     "step",
     "report",
+    "live",
 )
 
 application = typer.Typer(
