@@ -20,8 +20,8 @@ def days_of_folder(
 ) -> Iterator[Day]:
     """Give the days of a folder's files that the run hasn't seen, by date.
 
-    It ends when that is asked for. The folder is looked through again after each pass, and every `poll` seconds while there is
-    nothing new; None ends it there.
+    It ends when that is asked for. The folder is looked through again after each pass, and every
+    `poll` seconds while there is nothing new; None ends it there.
 
     Raises LiveError for files that the run can't go on with.
     """
@@ -42,7 +42,7 @@ def days_of_lines(descriptor: int, output: OutputFolder, ending: Ending) -> Iter
     """
     before: pd.Timestamp | None = None
     for number, line in enumerate(_lines(descriptor, ending), 1):
-        if line.isspace():
+        if not line.strip():
             continue
         day = day_of_line(f"line {number}", line)
         if before is not None and day.date <= before:

@@ -1,8 +1,8 @@
 """What a live run leaves on disk, and finds there when it starts again.
 
 A folder holds a file of weights for each tick, and one checkpoint. A tick's weights are on the
-disk before the checkpoint says so: whatever a kill or a power cut leaves, the checkpoint is whole, all
-weights up to its date are there, and no more than the next tick's file is ahead of it.
+disk before the checkpoint says so: whatever a kill or a power cut leaves, the checkpoint is whole,
+all weights up to its date are there, and no more than the next tick's file is ahead of it.
 """
 
 from __future__ import annotations
