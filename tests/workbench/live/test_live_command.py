@@ -219,7 +219,7 @@ def test_files_that_are_refused(panel: Panel) -> None:
         (table.rename(columns={"close": "clsoe"}), f"{last} has no column 'close'; the nearest is 'clsoe'"),
         (table.assign(close="x"), f"{last}: field 'close' holds no numbers but string"),
         (table.rename_axis(index="code"), f"{last} has no column 'symbol'"),
-        (table.set_axis(range(5)).rename_axis(index="symbol"), f"{last}: symbols must be texts, not int64"),
+        (table.set_axis([5, 1, 3, 2, 4]).rename_axis(index="symbol"), f"{last}: symbols must be texts, not int64"),
     ):  # fmt: skip
         write_day(given, last)
         require_fault(live(), told)
@@ -346,6 +346,30 @@ def test_a_full_disk(panel: Panel, monkeypatch: pytest.MonkeyPatch) -> None:
                     run.tick(row)
     assert live()[0] == 0
     require_same_bits(read_weights("out"), whole_run(GRAPH, panel))
+
+
+def test_what_is_synced_before_what(panel: Panel, monkeypatch: pytest.MonkeyPatch) -> None:
+    """A power cut may take back whatever hasn't been synced, renames included."""
+    steps = []
+    sync = os.fsync
+
+    def watched(descriptor: int) -> None:
+        path = Path(os.readlink(f"/proc/self/fd/{descriptor}"))
+        kind = "folder" if path.is_dir() else path.name.split(".")[1]
+        steps.append((kind, sorted(p.name for p in Path("out").iterdir() if p.name[0] != ".")))
+        sync(descriptor)
+
+    with OutputFolder("out") as output:
+        run = LiveRun(GRAPH, output)
+        monkeypatch.setattr(os, "fsync", watched)
+        run.tick(panel.until(panel.dates[0]))
+    weights, checkpoint = "weights-2015-01-02.parquet", "states.checkpoint"
+    assert steps == [
+        ("weights", []),
+        ("folder", [weights]),
+        ("states", [weights]),
+        ("folder", [checkpoint, weights]),
+    ]
 
 
 def test_rows_that_a_run_refuses(panel: Panel) -> None:
