@@ -12,7 +12,10 @@ from pathlib import Path
 
 import numpy as np
 import pandas as pd
+import pyarrow as pa
+import pyarrow.parquet as pq
 import pytest
+from pyarrow import csv
 from quernbrook.workbench import parse_formula
 from quernbrook.workbench.command_line.application import application
 from quernbrook.workbench.command_line.commands import live as command_module
@@ -170,6 +173,10 @@ def test_a_line_is_evaluated_when_it_comes(panel: Panel) -> None:
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1, 2]}', "line 2: 'close' has 2 values for 1 symbols"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": 1}', "line 2: 'close' must be a list, with a value for each symbol"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": ["x"], "volume": [1]}', "line 2: field 'close': 'x' is no number; a missing value is null"),
+        ('{"date": "2015-01-05", "symbol": ["S0", 5], "close": [1, 2], "volume": [1, 2]}', "line 2: 5 is no symbol; symbols are texts"),
+        (r'{"date": "2015-01-05", "symbol": ["\ud800"], "close": [1], "volume": [1]}', r"line 2: '\ud800' is no symbol; symbols are texts"),
+        ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1' + 309 * "0" + '], "volume": [1]}', "line 2: field 'close': 1" + 309 * "0" + " is no number; a missing value is null"),
+        ("[" * 100_000, "line 2 is no JSON, or cut: maximum recursion depth exceeded while decoding a JSON array from a unicode string; send it whole, and again"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1], "volume": [1]}', "2015-01-05: the symbol S1 is missing; give it a row with empty values"),
     ],
 )  # fmt: skip
@@ -233,6 +240,31 @@ def test_files_that_are_refused(panel: Panel) -> None:
     last.write_bytes(good)
     assert live()[0] == 0
     require_same_bits(read_weights("out"), whole_run(GRAPH, panel))
+
+
+def test_compressed_files_that_are_altered(panel: Panel) -> None:
+    last = sorted(Path("in").iterdir())[-1]
+    last.unlink()
+    path = last.with_suffix(".csv.gz")
+    write_day(day_table(panel, len(panel.dates) - 1), path)
+    whole = path.read_bytes()
+    for content in (whole[:-30], whole[:30] + b"x" * 9 + whole[39:], b"date", b""):
+        path.write_bytes(content)
+        code, _, errors = live()
+        assert code == 2 and errors.count("\n") == 1 and str(path) in errors
+
+
+def test_a_column_that_stands_there_twice(panel: Panel) -> None:
+    last = sorted(Path("in").iterdir())[-1]
+    last.unlink()
+    for suffix in (".csv", ".parquet"):
+        path = last.with_suffix(suffix)
+        columns = [pa.array(panel.symbols)] + 2 * [pa.array(panel.fields["close"][-1])]
+        table = pa.table([*columns, columns[1]], names=["symbol", "close", "close", "volume"])
+        writer = pq.write_table if suffix == ".parquet" else csv.write_csv
+        writer(table, path)
+        require_fault(live(), f"{path} has 2 columns 'close'")
+        path.unlink()
 
 
 def test_a_csv_file_that_is_cut(panel: Panel) -> None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import gzip
 import json
 import re
+import zlib
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass
 from pathlib import Path
@@ -22,6 +23,8 @@ from quernbrook.workbench.panels.csv_files import read_header, read_numbers
 SYMBOL, DATE = "symbol", "date"
 _ENDS = ("parquet", "csv", "csv.gz")
 _DAY = re.compile(r"\d{4}-\d\d-\d\d", re.ASCII)
+# What the readers raise for files that were cut or altered.
+_UNREADABLE = (OSError, EOFError, ValueError, pa.ArrowException, zlib.error)
 _RENAME = (
     "if it is still being written, write it under a name that begins with a dot, and rename it then"
 )
@@ -52,9 +55,11 @@ class Day:
         """
         wanted = list(fields)
         for name in (SYMBOL, *wanted):
-            if name not in self.names:
-                near = suggestion(name, self.names)
-                raise LiveError(f"{self.what} has no column '{name}'{near}")
+            count = self.names.count(name)
+            if count != 1:
+                found = f"{count} columns" if count else "no column"
+                near = "" if count else suggestion(name, self.names)
+                raise LiveError(f"{self.what} has {found} '{name}'{near}")
         try:
             table = self._columns([SYMBOL, *wanted])
             symbols = _symbols(table.column(SYMBOL))
@@ -69,7 +74,7 @@ class Day:
             return Panel(pd.DatetimeIndex([self.date]), symbols, matrices)
         except PanelError as error:
             raise LiveError(f"{self.what}: {error}") from error
-        except (OSError, ValueError, EOFError) as error:
+        except _UNREADABLE as error:
             raise _unreadable(self.what, error) from error
 
 
@@ -84,7 +89,7 @@ def day_of_file(path: Path) -> Day:
             return Day(str(path), date, tuple(pq.read_schema(path).names), _of_parquet(path))
         _require_whole(path)
         return Day(str(path), date, tuple(read_header(path)), _of_csv(path))
-    except (OSError, ValueError, EOFError) as error:
+    except _UNREADABLE as error:
         raise _unreadable(str(path), error) from error
 
 
@@ -106,7 +111,7 @@ def day_of_line(what: str, line: bytes) -> Day:
     """
     try:
         document = json.loads(line)
-    except ValueError as error:
+    except (ValueError, RecursionError) as error:
         raise LiveError(f"{what} is no JSON, or cut: {error}; send it whole, and again") from error
     if not isinstance(document, dict) or DATE not in document:
         raise LiveError(f"{what} must be an object with a date, symbols and fields")
@@ -146,11 +151,23 @@ def _symbols(column: pa.ChunkedArray) -> pd.Index:
 
 def _array(name: str, values: list[Any]) -> pa.Array:
     if name == SYMBOL:
+        for value in values:
+            # Half a character in UTF-16 is a text to Python alone.
+            if not isinstance(value, str) or not value.isprintable():
+                raise PanelError(f"{value!r} is no symbol; symbols are texts")
         return pa.array(values, pa.string())
-    for value in values:
-        if value is not None and not isinstance(value, int | float):
-            raise PanelError(f"field '{name}': {value!r} is no number; a missing value is null")
-    return pa.array([None if value is None else float(value) for value in values], pa.float64())
+    return pa.array([_number(name, value) for value in values], pa.float64())
+
+
+def _number(name: str, value: Any) -> float | None:
+    if value is None:
+        return None
+    try:
+        if isinstance(value, int | float):
+            return float(value)
+    except OverflowError:
+        pass
+    raise PanelError(f"field '{name}': {value!r} is no number; a missing value is null")
 
 
 def _of_parquet(path: Path) -> Callable[[list[str]], pa.Table]:
