@@ -76,7 +76,7 @@ def test_a_thousand_kills(case: Case, tmp_path: Path) -> None:
 def test_kills_of_the_program_itself(case: Case, tmp_path: Path) -> None:
     draw = random.Random(5)
     out = tmp_path / "out"
-    for _ in range(3):
+    for _ in range(2):
         process = subprocess.Popen(
             [*PROGRAM, *case.arguments, "--out", out], stdout=subprocess.PIPE
         )
