@@ -21,6 +21,7 @@ LEFT_OUT = {
     "results of many kinds, registry",
     # Python behind a C function can't tell of its errors.
     "a kernel of a reduction",
+    "a filtered reduction in strips",
     # Where a block finds no memory, its rows may.
     "blocks of another shape",
     "no blocks",

@@ -18,6 +18,7 @@ COMMANDS = (
     "step",
     "report",
     "sweep",
+    "live",
 )
 
 application = typer.Typer(

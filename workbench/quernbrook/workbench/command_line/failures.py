@@ -43,14 +43,17 @@ def _exit_code(error: Exception) -> int | None:
     from quernbrook.functions._typed_shapes import SchemaError
     from quernbrook.simulator_engine._types import SimulatorEngineError
     from quernbrook.workbench import ExplanationError, FormulaError, GraphError, GraphJsonError
-    from quernbrook.workbench.panels import PanelError
+    from quernbrook.workbench.live.errors import LiveError
+    from quernbrook.workbench.panels import CheckpointError, PanelError
     from quernbrook.workbench.tracing.errors import TraceError
 
     wrong_input = (
+        CheckpointError,
         ExplanationError,
         FormulaError,
         GraphError,
         GraphJsonError,
+        LiveError,
         PanelError,
         TraceError,
     )

@@ -42,9 +42,19 @@ def read_graph(text: str, features: Iterable[str] | None = None) -> Node:
     Raises InputError, or an error of the formula or document, for what is no graph and for names
     of functions and features that nobody knows.
     """
-    known = None if features is None else tuple(features)
-    graph = _reader(text)(known)
-    _require_known_names(graph, known)
+    return graph_reader(text)(features)
+
+
+def graph_reader(text: str) -> Callable[[Iterable[str] | None], Node]:
+    """Return what `read_graph` does for any features; a file is read here, once."""
+    read = _reader(text)
+
+    def graph(features: Iterable[str] | None) -> Node:
+        known = None if features is None else tuple(features)
+        found = read(known)
+        _require_known_names(found, known)
+        return found
+
     return graph
 
 

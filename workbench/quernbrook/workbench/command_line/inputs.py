@@ -46,8 +46,8 @@ def load(text: str, folder: Path | None, *others: str) -> tuple[Node, Panel]:
     """
     known = known_fields(folder)
     graph = read_graph(text, known)
-    _require_no_signals(graph)
-    _require_fields(known, others)
+    require_no_signals(graph)
+    require_fields(known, others)
     return graph, load_panel(folder, [*fields_of([graph]), *others])
 
 
@@ -56,7 +56,7 @@ def load_as_written(text: str, folder: Path | None, *others: str) -> tuple[Node,
     nobody knows, and reductions."""
     known = known_fields(folder)
     graph = read_graph_as_written(text, known)
-    _require_fields(known, others)
+    require_fields(known, others)
     # Those that come nearest to unknown names are read, too: whoever tells of these looks for them.
     fields = (name if name in known else nearest(name, known) for name in fields_of([graph]))
     return graph, load_panel(folder, [*(name for name in fields if name is not None), *others])
@@ -111,13 +111,15 @@ def load_panel(folder: Path | None, fields: Iterable[str]) -> Panel:
     return panel
 
 
-def _require_fields(known: Iterable[str], names: Iterable[str]) -> None:
+def require_fields(known: Iterable[str], names: Iterable[str]) -> None:
+    """Raise InputError for the first of the names that isn't known."""
     for name in names:
         if name not in known:
             raise InputError(f"unknown field '{name}'{suggestion(name, known)}")
 
 
-def _require_no_signals(graph: Node) -> None:
+def require_no_signals(graph: Node) -> None:
+    """Raise InputError for a graph that data alone don't suffice for."""
     from quernbrook.workbench.graphs import FILTERS, children_first, path_of
 
     for visit in children_first(graph):

@@ -32,10 +32,12 @@ class Checkpoint:
 
     states: ready for `evaluate` or `bind_instances`.
     last_date: that of the panel whose rows the states have seen.
+    symbols: those of that panel, in its order.
     """
 
     states: Mapping[str, Any]
     last_date: pd.Timestamp
+    symbols: pd.Index
 
 
 def save_checkpoint(path: str | os.PathLike[str], states: Mapping[str, Any], panel: Panel) -> None:
@@ -59,8 +61,9 @@ def save_checkpoint(path: str | os.PathLike[str], states: Mapping[str, Any], pan
     checkpoints.save(path, {**states, _KEY: record})
 
 
-def load_checkpoint(path: str | os.PathLike[str], panel: Panel) -> Checkpoint:
-    """Return the states and the last date of a file, to go on with rows of `panel`.
+def load_checkpoint(path: str | os.PathLike[str], panel: Panel | None = None) -> Checkpoint:
+    """Return what a file holds, to go on with rows of `panel`; None is for whoever has no rows yet,
+    and takes the file's symbols.
 
     Nothing in the file is run. The checksum finds accidents, not forgers: states reach the
     functions that they name, so take files from whom you trust with that.
@@ -84,14 +87,15 @@ def load_checkpoint(path: str | os.PathLike[str], panel: Panel) -> Checkpoint:
         last = as_date(record["last_date"], None)
     except (KeyError, PanelError) as error:
         raise CheckpointError(path, "its panel has no last date", _OTHER_FILE) from error
-    _require_symbols(path, symbols, panel)
-    its_zone_text = f"in the time zone {its_zone}" if its_zone else zone(None)
-    if its_zone_text != zone(panel.dates.tz):
-        reason = f"its dates are {its_zone_text}, those of the panel {zone(panel.dates.tz)}"
-        raise CheckpointError(path, reason, _OTHER_PANEL)
-    if panel.dates.tz is not None:
-        last = last.tz_localize("UTC").tz_convert(panel.dates.tz)
-    return Checkpoint(states, last)
+    if panel is not None:
+        _require_symbols(path, symbols, panel)
+        its_zone_text = f"in the time zone {its_zone}" if its_zone else zone(None)
+        if its_zone_text != zone(panel.dates.tz):
+            reason = f"its dates are {its_zone_text}, those of the panel {zone(panel.dates.tz)}"
+            raise CheckpointError(path, reason, _OTHER_PANEL)
+    if its_zone:
+        last = last.tz_localize("UTC").tz_convert(its_zone if panel is None else panel.dates.tz)
+    return Checkpoint(states, last, pd.Index(symbols))
 
 
 def _as_json(symbol: Hashable) -> str | int:
