@@ -18,6 +18,20 @@ MODULES = {
 }
 
 
+def pytest_addoption(parser: pytest.Parser) -> None:
+    parser.addoption(
+        "--stress", action="store_true", help="run what kills processes for minutes, too"
+    )
+
+
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    if config.getoption("--stress"):
+        return
+    for item in items:
+        if item.get_closest_marker("stress"):
+            item.add_marker(pytest.mark.skip(reason="kills processes for minutes: needs --stress"))
+
+
 @pytest.fixture(params=sorted(MODULES))
 def evaluator(request: pytest.FixtureRequest) -> ModuleType:
     """The module under test; `EVALUATOR_TESTS` (native, reference, both) chooses."""

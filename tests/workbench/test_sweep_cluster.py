@@ -22,7 +22,7 @@ from support.sweeps import (
 )
 
 pytestmark = [
-    pytest.mark.slow,
+    pytest.mark.stress,
     # Ray's own.
     pytest.mark.filterwarnings("ignore::DeprecationWarning", "ignore::FutureWarning"),
     pytest.mark.filterwarnings(

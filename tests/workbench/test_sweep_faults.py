@@ -39,6 +39,8 @@ from support.sweeps import (
     worker_ids,
 )
 
+# The thread of loky that watches a worker dies with it at times.
+pytestmark = pytest.mark.filterwarnings("ignore::pytest.PytestUnhandledThreadExceptionWarning")
 needs_proc = pytest.mark.skipif(sys.platform != "linux", reason="finds processes in /proc")
 TESTS = Path(__file__).parents[1]
 
@@ -108,7 +110,7 @@ def test_workers_killed_at_random(tmp_path: Path) -> None:
 
 
 @needs_proc
-@pytest.mark.slow
+@pytest.mark.stress
 def test_workers_killed_at_random_in_a_thousand_runs(tmp_path: Path) -> None:
     kill_workers_during(1000, 0.9, tmp_path)
 

@@ -172,7 +172,7 @@ def check(arguments: Sequence[str]) -> int:
 
 
 def long_check(arguments: Sequence[str]) -> int:
-    checks = {"--sanitize": sanitize, "--long": long_property_tests}
+    checks = {"--sanitize": sanitize, "--long": long_tests}
     unknown = [argument for argument in arguments if argument not in checks]
     if unknown:
         raise Failure(f"check takes --sanitize and --long; got {' '.join(unknown)}.")
@@ -180,8 +180,11 @@ def long_check(arguments: Sequence[str]) -> int:
     return max(checks[argument]() for argument in arguments)
 
 
-def long_property_tests() -> int:
-    return python("-m", "pytest", "tests/properties", HYPOTHESIS_PROFILE="long")
+def long_tests() -> int:
+    return max(
+        python("-m", "pytest", "tests/properties", HYPOTHESIS_PROFILE="long"),
+        python("-m", "pytest", "tests/workbench", "--stress", "-m", "stress"),
+    )
 
 
 def sanitize() -> int:

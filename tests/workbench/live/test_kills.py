@@ -67,7 +67,7 @@ def test_kills_at_random(case: Case, tmp_path: Path) -> None:
     assert case.kill(tmp_path, "any", 30)["kills"] == 30
 
 
-@pytest.mark.slow
+@pytest.mark.stress
 def test_a_thousand_kills(case: Case, tmp_path: Path) -> None:
     found = case.kill(tmp_path, "any", 1000)
     assert found["kills"] == 1000 and found["half_way"] > 20
