@@ -14,6 +14,7 @@ from quernbrook.workbench import parse_formula
 from quernbrook.workbench.panels import Panel, synthetic_panel
 from quernbrook.workbench.report import Run, run_graph
 from selenium import webdriver
+from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.chrome.service import Service
 
 
@@ -63,5 +64,9 @@ def browser(tmp_path_factory: pytest.TempPathFactory) -> Iterator[webdriver.Chro
     options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
     # What is preloaded into the interpreter is not for the browser.
     variables = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
-    with webdriver.Chrome(options, Service(driver, env=variables)) as opened:
+    try:
+        started = webdriver.Chrome(options, Service(driver, env=variables))
+    except WebDriverException as error:
+        pytest.skip(f"the browser doesn't start here: {error.msg}")
+    with started as opened:
         yield opened
