@@ -34,7 +34,7 @@ def of_panel(panel: Panel) -> str:
     digest = hashlib.sha256()
     labels = [str(panel.dates.tz), [str(symbol) for symbol in panel.symbols], list(panel.fields)]
     digest.update(json.dumps(labels).encode())
-    digest.update(np.asarray(panel.dates.values).view(np.uint8).data)
+    digest.update(panel.dates.to_numpy(dtype="datetime64[ns]").view(np.uint8).data)
     for values in panel.fields.values():
         digest.update(_bytes(values))
     if panel.universe is not None:
