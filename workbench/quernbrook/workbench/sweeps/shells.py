@@ -41,7 +41,9 @@ def make(dates: pd.DatetimeIndex, symbols: pd.Index) -> list[bytes]:
     names = pa.array([str(symbol) for symbol in symbols], pa.string())
     places = np.tile(np.arange(shape[1], dtype=np.int32), shape[0])
     columns = [
-        pa.array(np.repeat(dates.to_numpy(dtype="datetime64[ns]").view(np.int64), shape[1])).cast(kinds["date"]),
+        pa.array(np.repeat(dates.to_numpy(dtype="datetime64[ns]").view(np.int64), shape[1])).cast(
+            kinds["date"]
+        ),
         pa.DictionaryArray.from_arrays(pa.array(places), names),
         pa.array(numbers),
     ]
