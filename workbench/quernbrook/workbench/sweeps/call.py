@@ -63,8 +63,8 @@ def sweep(
 ) -> SweepReport:
     """Evaluate all runs that `out` doesn't have yet with the same graph, data and code.
 
-    out: a folder, made if it isn't there, for the data set `weights` (run, date, symbol, weight) and
-    `manifest.jsonl` with a row for each run. See `read_weights` and `read_manifest`.
+    out: a folder, made if it isn't there, for the data set `weights` (run, date, symbol, weight)
+    and `manifest.jsonl` with a row for each run. See `read_weights` and `read_manifest`.
     engine: where runs are evaluated: "serial", "threads", "joblib" (processes) or "ray".
     registry: the import path "module:function" of what makes the registry, in every worker.
     results: "weights", or "summary" for a few figures of each run in the manifest.
