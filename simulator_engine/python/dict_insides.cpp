@@ -79,17 +79,17 @@ Object plain_attribute(PyObject* object, PyObject* name) {
 }
 
 Object plain_or_class_attribute(PyObject* object, PyObject* name) {
-  PyTypeObject* type = Py_TYPE(object);
-  if (type->tp_dictoffset < 0 || !has_plain_attribute(type, name)) return {};
-  if (type->tp_dictoffset > 0) {
-    const Object attributes = Object::borrow(*dictionary_of(object));
-    if (!attributes.empty()) {
-      if (!has_string_keys(attributes)) return {};
-      Object own = dict_item(attributes, name);
-      if (!own.empty()) return own;
-    }
-  }
-  return find_on_type(type, name);
+  const Object type = Object::borrow(reinterpret_cast<PyObject*>(Py_TYPE(object)));
+  Object on_type = find_on_type(Py_TYPE(object), name);
+  // An odd key of the class's dictionary may have given the object another class.
+  if (!has_plain_attribute(Py_TYPE(object), name) || type_of(object) != as_type(type)) return {};
+  const Py_ssize_t offset = Py_TYPE(object)->tp_dictoffset;
+  if (offset < 0) return {};
+  const Object attributes = offset == 0 ? Object() : Object::borrow(*dictionary_of(object));
+  if (attributes.empty()) return on_type;
+  if (!has_string_keys(attributes)) return {};
+  Object own = dict_item(attributes, name);
+  return own.empty() ? on_type : own;
 }
 
 Object own_attribute(PyObject* object, PyObject* name) {

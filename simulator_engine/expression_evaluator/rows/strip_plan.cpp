@@ -88,11 +88,14 @@ bool reductions_read_their_own(const Run& run) {
   NodeIndex extracted = graph_prep::no_node;
   for (const NodeIndex index : run.order) {
     const Node& node = run.table.nodes[index];
+    if (node.kind == NodeKind::compared) return false;
+    if (node.kind != NodeKind::filtration && node.kind != NodeKind::reduction) continue;
+    if (may_be_precomputed(run, node)) return false;
     if (node.kind == NodeKind::filtration) {
       if (extracted != graph_prep::no_node) return false;
       extracted = index;
-    } else if (node.kind == NodeKind::reduction) {
-      if (node.filtration_child != extracted || may_be_precomputed(run, node)) return false;
+    } else {
+      if (node.filtration_child != extracted) return false;
       extracted = graph_prep::no_node;
     }
   }

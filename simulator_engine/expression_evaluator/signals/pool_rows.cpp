@@ -74,7 +74,9 @@ bool PoolRows::bind(Run& run, graph_prep::NodeIndex reduction, bool with_pnl) {
   if (!bind_weights(run, items_of(ids)) || (with_pnl && !bind_pnl(run, node, items_of(ids)))) {
     return false;
   }
-  if (block_.empty() || dimension(block_, 0) != count()) block_ = zeros(count(), run.columns);
+  columns_ = run.columns;
+  // Without columns, too, kernels get a pointer that is not null.
+  block_.resize(static_cast<std::size_t>(count() * columns_) + 1);
   return true;
 }
 
@@ -117,7 +119,7 @@ bool PoolRows::bind_pnl(Run& run, const Node& node, std::span<PyObject* const> i
 }
 
 void PoolRows::read(npy_intp row) {
-  double* target = doubles(block_);
+  double* target = block_.data();
   for (const kernels::MatrixView& matrix : weights_) {
     kernels::copy_row(matrix.row(row), target);
     target += matrix.columns;
@@ -128,11 +130,20 @@ void PoolRows::read(npy_intp row) {
   }
 }
 
-const double* PoolRows::weights() const noexcept { return doubles(block_); }
+Object PoolRows::block() const {
+  Object block = uninitialised(count(), columns_);
+  std::copy_n(block_.data(), count() * columns_, doubles(block));
+  return block;
+}
 
 bool PoolRows::mean(double* result) {
   // NumPy adds a single column pairwise.
-  return weights_.front().columns > 1 && sums_.mean(view_of(block_), result);
+  return columns_ > 1 && sums_.mean({.cells = block_.data(),
+                                     .row_stride = columns_,
+                                     .column_stride = 1,
+                                     .rows = count(),
+                                     .columns = columns_},
+                                    result);
 }
 
 }  // namespace quernbrook::evaluation

@@ -18,9 +18,10 @@ class PoolRows {
   void read(npy_intp row);
 
   npy_intp count() const noexcept { return static_cast<npy_intp>(weights_.size()); }
-  /// The rows of weights, a matrix of shape (count(), N_alloc).
-  const Object& block() const noexcept { return block_; }
-  const double* weights() const noexcept;
+  /// The rows of weights, of shape (count(), N_alloc).
+  const double* weights() const noexcept { return block_.data(); }
+  /// The same as a new array.
+  Object block() const;
   /// A value for each signal; null where bind() was told so.
   const double* pnl() const noexcept { return with_pnl_ ? pnl_row_.data() : nullptr; }
   /// The mean of the signals; false where NumPy's own has the say.
@@ -36,7 +37,8 @@ class PoolRows {
   npy_intp pnl_column_ = 0;
   bool with_pnl_ = false;
   std::vector<double> pnl_row_;
-  Object block_;
+  std::vector<double> block_;
+  npy_intp columns_ = 0;
   kernels::ColumnMean sums_;
 };
 

@@ -124,7 +124,13 @@ def test_what_needs_the_hosts_code_goes_row_by_row(evaluator, make, promise):
     assert called == ran
 
 
+def of_an_odd_kind(graph: Any) -> Any:
+    graph.type = OddName(graph.type)
+    return graph
+
+
 UNPAIRED = {
+    "a filter of an odd kind": rotation("total.top", A, REDUCE, of_an_odd_kind(by_sharpe())),
     "two filters": beside(reduction("reduce", by_sharpe(), by_sharpe(1.5))),
     "a filter and a reduction below": beside(reduction("reduce", by_sharpe(), REDUCE)),
     "a filter below a rotation": rotation("total.top", A, by_sharpe(), REDUCE),
@@ -145,6 +151,17 @@ def test_what_another_extraction_left_is_reduced_row_by_row(evaluator, graph, pr
     )
     assert observed == expected
     assert set(called) <= {1}
+
+
+@pytest.mark.parametrize("promise", [False, True])
+def test_an_output_that_stands_for_a_filter(evaluator, promise):
+    """Its reduction reads what the one before it extracted."""
+    graph = beside(reduction("reduce.other", by_sharpe()), reduction("reduce", by_sharpe(1.5)))
+    graph.children[2].children[0].canonical_id = "x"
+    attributes = {"_reads_rows_ahead": promise, "_precomputed_node_outputs": {"x": [0.5] * 3}}
+    observed, called, expected = observe(evaluator, graph, attributes=attributes)
+    assert observed == expected
+    assert called == [1] * ROWS
 
 
 @pytest.mark.parametrize("promise", [False, True])
@@ -219,6 +236,35 @@ def test_a_mean_that_warns_may_be_an_error(evaluator):
         with pytest.raises(FunctionExecutionError, match=r"^Function 'reduce' failed at row 3: "):
             evaluator.evaluate(run.graph, run.context, bound_function_instances=run.bound)
     assert run.context.current_day_index == 3
+
+
+def test_a_mean_of_the_hosts_may_do_what_it_likes_with_its_rows(evaluator, monkeypatch):
+    plain_mean, kept = np.mean, []
+
+    def mean(rows: np.ndarray, axis: int) -> np.ndarray:
+        result = plain_mean(rows, axis=axis)
+        if rows.base is None:
+            rows.resize((40_000, 1), refcheck=False)
+        kept.append(rows)
+        return result
+
+    monkeypatch.setattr(evaluator.np, "mean", mean)
+    run = GuiseRun(
+        evaluator,
+        rotation("total.top", A, REDUCE),
+        {},
+        features_of(ROWS, 1),
+        useful_signals=pool_of(ROWS, 1),
+    )
+    reduce = make_instance("reduce", "kernel")
+    reduce.stateful = False
+    run.bound = {"root": make_instance("total.top", "kernel"), "root.c1": reduce}
+    result = evaluator.evaluate(run.graph, run.context, bound_function_instances=run.bound)
+    means = [signal.weights for signal in pool_of(ROWS, 1).values()]
+    expected = features_of(ROWS, 1)["a"] + plain_mean(means, axis=0)
+    assert np.array_equal(result.weights, 0.5 + expected)
+    assert run.context.extraction_buffer.shape == (3, 1)
+    assert len(kept) == ROWS
 
 
 @pytest.mark.parametrize("stateful", [1, 0, "yes", "", np.True_])
