@@ -202,3 +202,50 @@ def test_the_interpreter_ends_beside_threads_that_evaluate(
     for exit_number in range(3):
         finished = run_child(request, CHILD, work, str(0.003 * exit_number))
         assert (finished.returncode, finished.stderr) == (0, "")
+
+
+LATE_LOGGER = """
+import importlib, sys, threading, time
+import numpy as np
+from support.graphs import feature, rotation
+from support.leak_roads import Function
+from support.runs import make_context
+
+evaluator = importlib.import_module(sys.argv[1])
+is_logging = threading.Event()
+
+
+class Logger:
+    def error(self, *_, **__):
+        is_logging.set()
+        time.sleep(0.05)
+
+
+class Failing(Function):
+    def get_state(self):
+        raise ValueError
+
+
+def work():
+    context = make_context(evaluator, {"a": np.ones((3, 4))})
+    graph = rotation("f", feature("a"))
+    evaluator.evaluate(graph, context, bound_function_instances={"root": Failing(stateful=True)})
+
+
+class LastMoment:
+    def __del__(self, sleep=time.sleep):
+        sleep(0.3)
+
+
+evaluator._logger = Logger()
+sys.last_moment = LastMoment()
+threading.Thread(target=work, daemon=True).start()
+assert is_logging.wait(20)
+"""
+
+
+def test_the_interpreter_ends_while_an_error_is_handled(
+    evaluator: object, request: pytest.FixtureRequest
+) -> None:
+    finished = run_child(request, LATE_LOGGER)
+    assert (finished.returncode, finished.stderr) == (0, "")
