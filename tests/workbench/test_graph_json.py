@@ -91,6 +91,7 @@ def changed(**fields: Any) -> dict[str, Any]:
         (changed(type="gt", node="gte_"), "/graph/children/0/node: unknown filter 'gte_'; the nearest is 'gte'"),
         (changed(type="int", node=True, children=[]), "/graph/children/0/node: a literal of kind int can't hold True"),
         (changed(type="float", node="1", children=[]), "/graph/children/0/node: a literal of kind float can't hold '1'"),
+        (changed(type=["rotation"]), "/graph/children/0/type: unknown kind ['rotation']"),
         (changed(type="bool", node=True, children=[], config={"a": 1}), "/graph/children/0/config: a bool has no configuration"),
     ],
 )  # fmt: skip
@@ -101,6 +102,12 @@ def test_what_is_no_graph(document: Any, message: str) -> None:
     is_name = "unknown f" in message and "unknown field" not in message
     # The schema knows neither functions nor features.
     assert VALIDATOR.is_valid(document) == (is_name and "filter" not in message)
+
+
+def test_a_number_that_no_float_holds() -> None:
+    message = "/graph/children/0/node: the number is too large for a float"
+    with pytest.raises(GraphJsonError, match=f"^{message}$"):
+        graph_from_json(changed(type="float", node=10**400, children=[]))
 
 
 @pytest.mark.parametrize("value", [object(), float("nan"), {1, 2}])

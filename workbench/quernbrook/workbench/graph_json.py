@@ -137,7 +137,7 @@ class _Reader:
         optional = ("children", "config", "canonical_id")
         fields = _object(pointer, value, required=("type", "node"), optional=optional)
         kind = fields["type"]
-        if kind not in KINDS:
+        if not isinstance(kind, str) or kind not in KINDS:
             raise GraphJsonError(
                 f"{pointer}/type", f"unknown kind {kind!r}{suggestion(str(kind), KINDS)}"
             )
@@ -183,7 +183,12 @@ def _literal(pointer: str, kind: str, value: Any) -> Any:
     is_of_kind = isinstance(value, _LITERAL_TYPES[kind])
     if not is_of_kind or isinstance(value, bool) != (kind == "bool"):
         raise GraphJsonError(pointer, f"a literal of kind {kind} can't hold {value!r}")
-    return float(value) if kind == "float" else value
+    if kind != "float":
+        return value
+    try:
+        return float(value)
+    except OverflowError:
+        raise GraphJsonError(pointer, "the number is too large for a float") from None
 
 
 def _object(

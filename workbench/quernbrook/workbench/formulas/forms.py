@@ -10,6 +10,7 @@ from quernbrook.workbench.formulas.operands import (
     Name,
     Number,
     Operand,
+    as_float,
     refuse_config,
     refuse_keywords,
 )
@@ -30,8 +31,8 @@ def literal(call: Call) -> Node:
     value = operand.value if isinstance(operand, Number) else _text(operand)
     if call.name == "float" and value in NOT_FINITE and isinstance(value, str):
         return Node("float", NOT_FINITE[value])
-    if call.name == "float" and isinstance(value, int | float):
-        return Node("float", float(value))
+    if call.name == "float" and isinstance(operand, Number):
+        return Node("float", as_float(operand.value, operand.at))
     if call.name == "int" and isinstance(value, int):
         return Node("int", value)
     if call.name == "bool" and value in BOOLEANS:

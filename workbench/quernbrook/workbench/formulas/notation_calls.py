@@ -8,7 +8,7 @@ from collections.abc import Sequence
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.workbench.formulas import notation
 from quernbrook.workbench.formulas.notation import Notation
-from quernbrook.workbench.formulas.operands import Call, Fault, Number, Operand, count
+from quernbrook.workbench.formulas.operands import Call, Fault, Number, Operand, as_float, count
 from quernbrook.workbench.formulas.scope import Scope
 
 BY_NAME = {function.name: function for function in notation.CALLS}
@@ -47,7 +47,7 @@ def _number(operand: Operand, function: Notation) -> Node:
         place = "last" if function.has_window else "second"
         raise Fault(f"expected {function.usage} with a number in the {place} place", operand.at)
     if not function.has_window:
-        return Node("float", float(operand.value))
+        return Node("float", as_float(operand.value, operand.at))
     window = math.floor(operand.value) if math.isfinite(operand.value) else 0
     if window < 1:
         raise Fault(f"expected a window of at least 1; got {operand.value}", operand.at)

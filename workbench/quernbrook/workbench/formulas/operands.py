@@ -66,6 +66,14 @@ class Call:
     config: dict[str, Any] | None
 
 
+def as_float(value: float, at: int) -> float:
+    """Raises Fault."""
+    try:
+        return float(value)
+    except OverflowError:
+        raise Fault("the number is too large for a float", at) from None
+
+
 def refuse_keywords(call: Call) -> None:
     """Raises Fault."""
     if call.keywords:

@@ -187,7 +187,13 @@ def _at(token: Token) -> int:
 
 
 def _number(token: Token) -> int | float:
-    return int(token) if token.isdigit() else float(token)
+    if not token.isdigit():
+        return float(token)
+    try:
+        return int(token)
+    except ValueError:
+        # The interpreter limits how long they may be.
+        raise Fault(f"a whole number can't have {len(token):,} digits", _at(token)) from None
 
 
 def _text(token: Token) -> str:

@@ -7,7 +7,7 @@ from typing import Any
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionEntry, Parameter
 from quernbrook.reference_host.entries import REQUIRED
-from quernbrook.workbench.formulas.operands import Built, Call, Fault, Keyword, Name, Number
+from quernbrook.workbench.formulas.operands import Built, Call, Fault, Keyword, Name, Number, as_float
 from quernbrook.workbench.formulas.scope import BOOLEANS, Scope
 from quernbrook.workbench.graphs import LITERALS
 from quernbrook.workbench.names import suggestion
@@ -81,7 +81,7 @@ def _checked(keyword: Keyword, parameter: Parameter) -> Any:
     if not parameter.accepts(value):
         text = f"'{keyword.name}' must be {parameter.type}; got {value!r}"
         raise Fault(text, keyword.operand.at)
-    return float(value) if parameter.type in ("float", "number") else value
+    return as_float(value, keyword.operand.at) if parameter.type in ("float", "number") else value
 
 
 def _value(keyword: Keyword) -> Any:

@@ -7,7 +7,7 @@ from collections.abc import Callable, Iterable
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionRegistry
 from quernbrook.workbench.formulas import literals, notation
-from quernbrook.workbench.formulas.operands import Built, Fault, Name, Number, Operand
+from quernbrook.workbench.formulas.operands import Built, Fault, Name, Number, Operand, as_float
 from quernbrook.workbench.graphs import children_first
 from quernbrook.workbench.names import suggestion
 
@@ -72,7 +72,7 @@ class Scope:
     def row(self, operand: Operand) -> Node:
         """An operand of a sign or of a function of the notation. Raises Fault."""
         if isinstance(operand, Number):
-            return Node("float", float(operand.value))
+            return Node("float", as_float(operand.value, operand.at))
         node = self.argument(operand)
         if node.type in _NO_ROWS:
             raise Fault(f"expected a row or a number; got {_NO_ROWS[node.type]}", operand.at)
