@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from typing import Any
 
 import pytest
@@ -95,6 +96,13 @@ LITERALS: list[tuple[Any, list[str]]] = [
     ),
     (number(True), ["root: a literal of kind 'float' can't be True"]),
     (integer(2.0), ["root: a literal of kind 'int' can't be 2.0"]),
+    (
+        rotation("longitudinal_mean", X, Node("int", math.inf)),
+        [
+            "root.c1: parameter 'window' of 'longitudinal_mean' must be int; got inf",
+            "root.c1: a literal of kind 'int' can't be inf",
+        ],
+    ),
     (boolean(1), ["root: a literal of kind 'bool' can't be 1"]),
 ]
 

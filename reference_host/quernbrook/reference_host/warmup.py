@@ -60,5 +60,5 @@ def window_of(node: FunctionGraphNode, registry: RegistryProtocol) -> int:
 def _int(value: Any) -> int:
     try:
         return int(value)
-    except (TypeError, ValueError):
+    except (TypeError, ValueError, OverflowError):
         return 0
