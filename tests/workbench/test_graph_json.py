@@ -91,7 +91,7 @@ def changed(**fields: Any) -> dict[str, Any]:
         (changed(type="gt", node="gte_"), "/graph/children/0/node: unknown filter 'gte_'; the nearest is 'gte'"),
         (changed(type="int", node=True, children=[]), "/graph/children/0/node: a literal of kind int can't hold True"),
         (changed(type="float", node="1", children=[]), "/graph/children/0/node: a literal of kind float can't hold '1'"),
-        (changed(type=["rotation"]), "/graph/children/0/type: unknown kind ['rotation']"),
+        (changed(type=["rotation"]), "/graph/children/0/type: unknown kind ['rotation']; the nearest is 'rotation'"),
         (changed(type="bool", node=True, children=[], config={"a": 1}), "/graph/children/0/config: a bool has no configuration"),
     ],
 )  # fmt: skip

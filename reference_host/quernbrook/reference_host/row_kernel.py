@@ -74,10 +74,15 @@ class CompiledRotation:
         return self._capsule
 
     def __call__(self, *rows: Row, context: Any = None) -> Row:
-        """Raises TypeError for another number of rows than `arity`, and RuntimeError where the
-        function raises; the text doesn't say what it raised, for compiled code doesn't know."""
-        columns = rows[0].size if rows else 0
+        """Raises TypeError for another number of rows than `arity`, ValueError for rows that aren't
+        vectors of one length, and RuntimeError where the function raises; the text doesn't say
+        what it raised, for compiled code doesn't know."""
         kept = [np.ascontiguousarray(row, dtype=np.float64) for row in rows]
+        columns = kept[0].size if kept else 0
+        # Compiled code reads that many cells from each.
+        if any(row.shape != (columns,) for row in kept):
+            shapes = ", ".join(str(row.shape) for row in kept)
+            raise ValueError(f"{self.name} takes vectors of one length; got the shapes {shapes}")
         arguments = (_Rows * len(rows))(*[_Rows(row.ctypes.data, 0) for row in kept])
         result: Row = np.empty(columns)
         failure = _Failure()

@@ -7,7 +7,15 @@ from typing import Any
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionEntry, Parameter
 from quernbrook.reference_host.entries import REQUIRED
-from quernbrook.workbench.formulas.operands import Built, Call, Fault, Keyword, Name, Number, as_float
+from quernbrook.workbench.formulas.operands import (
+    Built,
+    Call,
+    Fault,
+    Keyword,
+    Name,
+    Number,
+    as_float,
+)
 from quernbrook.workbench.formulas.scope import BOOLEANS, Scope
 from quernbrook.workbench.graphs import LITERALS
 from quernbrook.workbench.names import suggestion
