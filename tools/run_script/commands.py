@@ -10,7 +10,14 @@ from pathlib import Path
 
 import compiler
 import system_packages
-from environment import build_folder, prepare, python, tool
+from environment import (
+    build_folder,
+    cpp_tests_folder,
+    join_compile_commands,
+    prepare,
+    python,
+    tool,
+)
 from messages import Failure, note
 from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROOT
 
@@ -56,10 +63,11 @@ def cpp_tests() -> int:
         return 0
     failed = 0
     for source in CPP_TESTS:
-        build = build_folder("-".join(source.relative_to(ROOT).parts))
+        build = cpp_tests_folder(source)
         failed |= cmake_build(source, build) or tool(
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
+    join_compile_commands()
     return failed
 
 
