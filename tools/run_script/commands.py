@@ -151,6 +151,7 @@ def check(arguments: Sequence[str]) -> int:
         "ruff check": lambda: python("-m", "ruff", "check"),
         "ruff format": lambda: python("-m", "ruff", "format", "--check"),
         "bare C API": lambda: python(str(ROOT / "tools" / "bare_c_api.py")),
+        "workflows": check_workflows,
         "clang-format": lambda: tool("clang-format", "--dry-run", "--Werror", *cpp_files()),
         "mypy": lambda: python("-m", "mypy"),
         "stubtest": lambda: python(
@@ -177,6 +178,15 @@ def check(arguments: Sequence[str]) -> int:
     if faulty:
         raise Failure(f"found faults: {', '.join(faulty)}.")
     return 0
+
+
+def check_workflows() -> int:
+    """Their form, and what would let a stranger's change do more than it should."""
+    files = [str(file) for file in sorted((ROOT / ".github" / "workflows").glob("*.yml"))]
+    schema = ["--builtin-schema", "vendor.github-workflows"]
+    return tool("check-jsonschema", *schema, *files) or tool(
+        "zizmor", "--offline", "--no-progress", str(ROOT / ".github")
+    )
 
 
 def long_check(arguments: Sequence[str]) -> int:
