@@ -20,6 +20,7 @@ from environment import (
 )
 from messages import Failure, note
 from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROOT
+from releasing import prepare_release
 
 DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
 BROWSER = ("chromium", "chromium-driver")
@@ -258,7 +259,18 @@ def cmake_build(source: Path, build: Path, *options: str) -> int:
     return tool("cmake", *configure) or tool("cmake", "--build", str(build))
 
 
-COMMANDS = {"demo": demo, "alphas": alphas, "test": test, "bench": bench, "check": check}
+def release(arguments: Sequence[str]) -> int:
+    return prepare_release(ROOT, arguments, run_tests=lambda: test([]))
+
+
+COMMANDS = {
+    "demo": demo,
+    "alphas": alphas,
+    "test": test,
+    "bench": bench,
+    "check": check,
+    "release": release,
+}
 
 
 def main() -> int:
