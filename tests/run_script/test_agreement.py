@@ -63,7 +63,8 @@ def test_editors_wrap_lines_where_formatters_do() -> None:
     editors = ConfigParser()
     editors.read_string("[top]\n" + (ROOT / ".editorconfig").read_text())
     width = tomllib.loads((ROOT / "pyproject.toml").read_text())["tool"]["ruff"]["line-length"]
-    assert editors["*"]["max_line_length"] == str(width)
+    for files in ("*.{py,pyi}", "*.{c,cpp,h,hpp}"):
+        assert editors[files]["max_line_length"] == str(width)
     assert f"ColumnLimit: {width}\n" in (ROOT / ".clang-format").read_text()
 
 
