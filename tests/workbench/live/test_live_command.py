@@ -357,10 +357,11 @@ def test_a_damaged_checkpoint() -> None:
     assert errors.startswith("quernbrook: checkpoint 'out/states.checkpoint': cut: ")
 
 
-def test_a_full_disk(panel: Panel, monkeypatch: pytest.MonkeyPatch) -> None:
-    def fill_the_disk(*_: object) -> None:
-        raise OSError(28, "No space left on device")
+def fill_the_disk(*_: object) -> None:
+    raise OSError(28, "No space left on device")
 
+
+def test_a_full_disk(panel: Panel, monkeypatch: pytest.MonkeyPatch) -> None:
     told = (
         "out can't be written: No space left on device; put that right and start again, the run "
         "goes on from its checkpoint"
@@ -403,6 +404,26 @@ def test_what_is_synced_before_what(panel: Panel, monkeypatch: pytest.MonkeyPatc
         ("states", [weights]),
         ("folder", [checkpoint, weights]),
     ]
+
+
+def test_a_day_whose_weights_are_ahead_of_the_checkpoint_comes_again(
+    panel: Panel, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    lines = [line(panel, row) for row in range(len(panel.dates))]
+    for row in (0, 5):
+        send(b"".join(lines[:row]))
+        # The disk is full when the weights have been written.
+        with monkeypatch.context() as patch:
+            patch.setattr(f"{output_module.__name__}.save_checkpoint", fill_the_disk)
+            assert send(lines[row])[0] == 2
+        ahead, later = (panel.dates[place].date() for place in (row, row + 1))
+        require_fault(
+            send(b"".join(lines[row + 1 :])),
+            f"{later}: the run broke off between the weights of {ahead} and their checkpoint: take "
+            f"in {ahead} again first, or delete out/weights-{ahead}.parquet to go on without it",
+        )
+    assert send(b"".join(lines[5:]))[0] == 0
+    require_same_bits(read_weights("out"), whole_run(GRAPH, panel))
 
 
 def test_rows_that_a_run_refuses(panel: Panel) -> None:

@@ -102,9 +102,10 @@ class LiveRun:
         if not len(row.symbols):
             raise LiveError(f"{row.dates[0].date()}: the row has no symbols")
         progress = self._output.progress
+        date = row.dates[0]
+        self._output.require_no_gap(date)
         if progress is None:
             return row
-        date = row.dates[0]
         if date <= progress.last_date:
             raise LiveError(
                 f"{date.date()}: the run has come to {progress.last_date.date()}; rows must follow "
