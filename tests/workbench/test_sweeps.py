@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import threading
+from datetime import timedelta, timezone
 from pathlib import Path
 from typing import Any
 
@@ -72,6 +73,16 @@ def test_the_data_set_has_labels(tmp_path: Path) -> None:
         check_freq=False,
         check_column_type=False,
     )
+
+
+def test_dates_with_an_offset_can_be_read(tmp_path: Path) -> None:
+    panel = make_panel(4, 2)
+    dates = panel.dates.tz_localize(timezone(timedelta(hours=2)))
+    panel = Panel(dates, panel.symbols, panel.fields)
+    serially([Run("a", "close")], panel, tmp_path)
+    found = read_weights(tmp_path).to_pandas()["date"]
+    assert found.tolist() == np.repeat(panel.dates, 2).tolist()
+    assert found[0].utcoffset() == panel.dates[0].utcoffset()
 
 
 def test_any_reader_of_parquet_finds_the_runs(tmp_path: Path) -> None:
