@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import threading
+from dataclasses import replace
 from datetime import timedelta, timezone
 from pathlib import Path
 from typing import Any
@@ -232,6 +233,18 @@ def changed_panel() -> Panel:
     return panel
 
 
+def large_setting(middle: float) -> dict[str, Any]:
+    values = np.zeros(3000)
+    values[1500] = middle
+    return {"metaparameters": {"values": values}}
+
+
+def test_a_change_amid_a_large_option_is_noticed(tmp_path: Path) -> None:
+    for middle, expected in ((0.0, (1, 0, 0)), (0.0, (0, 0, 1)), (1.0, (1, 0, 0))):
+        runs = [Run("one", "rank(close)", options=large_setting(middle))]
+        assert serially(runs, make_panel(), tmp_path) == SweepReport(*expected)
+
+
 CHANGES: dict[str, dict[str, Any]] = {
     "data": {"panel": changed_panel()},
     "formula": {"runs": [Run("one", "rank(open)")]},
@@ -333,6 +346,10 @@ def test_other_slices_and_options_go_apart() -> None:
     groups = grouped(work, 6, worker_count=1)
     assert sum(len(group.tasks) for group in groups) == 100
     assert all(one in work for group in groups for one in [(t, group.slice) for t in group.tasks])
+    settings = [large_setting(0.0), large_setting(1.0)]
+    alike = [(replace(one, options=settings[k % 2]), parts[0]) for k, (one, _) in enumerate(work)]
+    for group in grouped(alike, 6, worker_count=1):
+        assert all(one.options is group.tasks[0].options for one in group.tasks)
 
 
 def no_graph() -> Any:
@@ -348,9 +365,15 @@ WRONG: dict[str, tuple[dict[str, Any], str]] = {
     "workers": ({"workers": 0}, "workers must be 1 at least; got 0"),
     "registry": ({"registry": "support.sweep_registry"}, "expected module:function"),
     "module": ({"registry": "no_such_module:make"}, "No module named 'no_such_module'"),
+    "main": ({"registry": "__main__:make"}, "put it into a module of its own"),
     "twice": ({"runs": [Run("a", "close"), Run("a", "open")]}, "two runs are called 'a'; put a"),
     "empty": ({"runs": [Run("", "close")]}, "the name of a run must be a text; got ''"),
     "long": ({"runs": [Run("a" * 201, "close")]}, "is longer than a folder's may be"),
+    "half": ({"runs": [Run("a\ud800", "close")]}, r"name 'a\ud800' has half a character"),
+    "no symbols": (
+        {"panel": Panel(make_panel().dates, pd.Index([]), {})},
+        "the run 'delta-1': the panel has no symbols",
+    ),
     "parameter": (
         {"runs": [Run("a", "delta(close, $day)", {"days": 3})]},
         "the formula of the run 'a' asks for the parameter $day, which isn't given; "
