@@ -176,6 +176,7 @@ def test_a_line_is_evaluated_when_it_comes(panel: Panel) -> None:
         ('{"date": "2015-01-05", "symbol": ["S0", 5], "close": [1, 2], "volume": [1, 2]}', "line 2: 5 is no symbol; symbols are texts"),
         (r'{"date": "2015-01-05", "symbol": ["\ud800"], "close": [1], "volume": [1]}', r"line 2: '\ud800' is no symbol; symbols are texts"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1' + 309 * "0" + '], "volume": [1]}', "line 2: field 'close': 1" + 309 * "0" + " is no number; a missing value is null"),
+        ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1], "volume": [1], "close": [2]}', "line 2: 'close' stands there twice"),
         ("[" * 100_000, "line 2 is no JSON, or cut: maximum recursion depth exceeded while decoding a JSON array from a unicode string; send it whole, and again"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1], "volume": [1]}', "2015-01-05: the symbol S1 is missing; give it a row with empty values"),
     ],
@@ -437,10 +438,16 @@ def test_rows_that_a_run_refuses(panel: Panel) -> None:
                 "a live run goes by days, without times and time zones; got 2015-01-02 16:00:00",
             ),
             (Panel(first.dates, pd.Index([]), {}), "2015-01-02: the row has no symbols"),
+            (
+                Panel(first.dates, pd.RangeIndex(5), first.fields),
+                "a live run takes symbols that are texts; got 0",
+            ),
         ):
             with pytest.raises(LiveError) as error:
                 run.tick(row)
             assert str(error.value) == told
+        with pytest.raises(LiveError, match="takes symbols that are texts; got 0"):
+            run.warm_up(Panel(panel.dates, pd.RangeIndex(5), panel.fields))
         run.tick(first)
         with pytest.raises(LiveError, match="2015-01-02: the run has come to 2015-01-02"):
             run.tick(first)

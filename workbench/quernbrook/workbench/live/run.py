@@ -66,6 +66,7 @@ class LiveRun:
         if not len(history.dates):
             raise LiveError("the history has no dates")
         _require_days(history)
+        _require_texts(history)
         self._advance(history)
         self._save(history, history_end=history.dates[-1])
 
@@ -105,6 +106,7 @@ class LiveRun:
         date = row.dates[0]
         self._output.require_no_gap(date)
         if progress is None:
+            _require_texts(row)
             return row
         if date <= progress.last_date:
             raise LiveError(
@@ -152,6 +154,12 @@ def _require_days(panel: Panel) -> None:
     dates = panel.dates
     if dates.tz is not None or not dates.equals(dates.normalize()):
         raise LiveError(f"a live run goes by days, without times and time zones; got {dates[0]}")
+
+
+def _require_texts(panel: Panel) -> None:
+    for symbol in panel.symbols:
+        if not isinstance(symbol, str):
+            raise LiveError(f"a live run takes symbols that are texts; got {symbol!r}")
 
 
 def _with_symbols(row: Panel, symbols: pd.Index) -> Panel:
