@@ -427,6 +427,14 @@ def test_a_day_whose_weights_are_ahead_of_the_checkpoint_comes_again(
     require_same_bits(read_weights("out"), whole_run(GRAPH, panel))
 
 
+def test_a_new_folder_is_synced(monkeypatch: pytest.MonkeyPatch) -> None:
+    synced = []
+    monkeypatch.setattr(os, "fsync", lambda one: synced.append(os.readlink(f"/proc/self/fd/{one}")))
+    for _ in range(2):
+        with OutputFolder("out"):
+            assert synced == [os.getcwd()]
+
+
 def test_rows_that_a_run_refuses(panel: Panel) -> None:
     first = panel.until(panel.dates[0])
     with OutputFolder("out") as output:

@@ -73,7 +73,10 @@ class OutputFolder:
 
     def __enter__(self) -> OutputFolder:
         try:
-            self.path.mkdir(exist_ok=True)
+            if not self.path.is_dir():
+                self.path.mkdir(exist_ok=True)
+                # Without it, a power cut could take the folder back with all that it holds.
+                _sync(self.path.absolute().parent)
             self._descriptor = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY)
         except OSError as error:
             raise self._unusable(error) from error
@@ -228,6 +231,14 @@ class OutputFolder:
             f"{self.path} can't be written: {error.strerror or error}; put that right and start "
             "again, the run goes on from its checkpoint"
         )
+
+
+def _sync(folder: Path) -> None:
+    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)
 
 
 def read_weights(folder: str | os.PathLike[str]) -> pd.DataFrame:
