@@ -177,6 +177,17 @@ def test_a_failure_is_a_row(tmp_path: Path) -> None:
     assert not (tmp_path / "weights" / "run=bad").exists()
 
 
+@pytest.mark.parametrize("engine", ["serial", "joblib"])
+def test_failures_in_a_shared_call_touch_no_other_run(tmp_path: Path, engine: Any) -> None:
+    bad = [Run("bad", "rank(nothing(close))"), Run("exits", "exits(close)")]
+    runs = [*bad, *make_runs(30)]
+    report = sweep(runs, make_panel(), out=tmp_path, engine=engine, workers=1, registry=REGISTRY)
+    assert report == SweepReport(30, 2, 0)
+    rows = read_manifest(tmp_path)
+    assert rows["together"].max() > 1
+    assert rows.loc["exits", ["error", "message"]].tolist() == ["SystemExit", "3"]
+
+
 def test_paths_of_errors(tmp_path: Path) -> None:
     graph = rotation("latitudinal_rank", rotation("no_such_function", feature("close")))
     runs = [Run("known", 'rank(rotation("longitudinal_mean", close))'), Run("unknown", graph)]
@@ -187,11 +198,13 @@ def test_paths_of_errors(tmp_path: Path) -> None:
 
 
 def test_a_warning_stands_with_its_run_alone(tmp_path: Path) -> None:
-    runs = [*make_runs(3), Run("loud", "warns(close)")]
+    runs = [Run("loud", "warns(close)"), *make_runs(30)]
     serially(runs, make_panel(), tmp_path, registry=REGISTRY)
-    found = read_manifest(tmp_path)["warnings"].to_dict()
+    rows = read_manifest(tmp_path)
+    assert rows["together"].max() > 1
+    found = rows["warnings"].to_dict()
     assert found.pop("loud") == ["RuntimeWarning: a row of odd numbers"]
-    assert list(found.values()) == [[], [], []]
+    assert list(found.values()) == [[]] * 30
 
 
 def test_summaries(tmp_path: Path) -> None:
