@@ -185,7 +185,8 @@ def test_failures_in_a_shared_call_touch_no_other_run(tmp_path: Path, engine: An
     assert report == SweepReport(30, 2, 0)
     rows = read_manifest(tmp_path)
     assert rows["together"].max() > 1
-    assert rows.loc["exits", ["error", "message"]].tolist() == ["SystemExit", "3"]
+    exits = rows.loc["exits"]
+    assert (exits["error"], exits["message"]) == ("SystemExit", "3")
 
 
 def test_paths_of_errors(tmp_path: Path) -> None:

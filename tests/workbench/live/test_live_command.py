@@ -463,6 +463,15 @@ def test_rows_that_a_run_refuses(panel: Panel) -> None:
             run.warm_up(panel)
 
 
+def test_rows_without_the_universe(panel: Panel) -> None:
+    first = panel.until(panel.dates[0])
+    with OutputFolder("out") as output:
+        run = LiveRun(GRAPH, output, universe="volume")
+        with pytest.raises(LiveError, match="the rows lack the universe, the field 'volume'"):
+            run.tick(Panel(first.dates, first.symbols, {"close": first.fields["close"]}))
+        run.tick(first)
+
+
 def test_a_folder_without_weights() -> None:
     with pytest.raises(LiveError, match="in has no weights of a live run"):
         read_weights("in")

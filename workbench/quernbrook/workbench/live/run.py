@@ -14,6 +14,7 @@ from quernbrook.reference_host.warmup import warmup_rows
 from quernbrook.workbench.formulas import format_formula
 from quernbrook.workbench.live.errors import LiveError
 from quernbrook.workbench.live.output import OutputFolder, Progress
+from quernbrook.workbench.names import suggestion
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.panels.columns import Matrix
 
@@ -125,6 +126,9 @@ class LiveRun:
         context._collect_node_outputs = False
         context._collect_states = False
         if self._universe is not None:
+            if self._universe not in rows.fields:
+                near = suggestion(self._universe, rows.fields)
+                raise LiveError(f"the rows lack the universe, the field '{self._universe}'{near}")
             context.universe = rows.fields[self._universe]
         # From here to the checkpoint the functions are ahead of it.
         self._is_torn = True
