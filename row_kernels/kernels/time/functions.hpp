@@ -9,7 +9,7 @@ namespace quernbrook::row_kernels {
 
 /// Functions along time, each column by itself. A value is that of the newest `window` rows, the
 /// newest included; it is NaN where they hold a NaN and until there are as many. All throw
-/// std::invalid_argument for a window below 1.
+/// std::invalid_argument for a window below 1 or above 2^48.
 ///
 /// Sums are in twice the working precision, deviations are measured from a centre near the mean,
 /// and nothing is ever subtracted that has left the window. Values are within 4 units in the last
