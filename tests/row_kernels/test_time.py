@@ -154,6 +154,20 @@ def test_correlation_of_two_rows(registry: Any) -> None:
     np.testing.assert_array_equal(correlation(x[1], y[1]), expected)
 
 
+@pytest.mark.parametrize("registry", [COMPILED, PLAIN], ids=["compiled", "plain"])
+@pytest.mark.parametrize("window", [3, 5, 6, 20])
+def test_correlation_of_deviations_whose_squares_vanish(registry: Any, window: int) -> None:
+    """Their products beside larger ones don't, and are no correlation by themselves."""
+    rng = np.random.default_rng(2)
+    x, y = rng.normal(size=(2, window, 9))
+    correlation = registry.create_instance("longitudinal_correlation", window=window)
+    for scale in (1e-165, -1e-165):
+        for first, second in ((scale * x, y), (y, scale * x)):
+            for row in zip(first, second, strict=True):
+                result = correlation(*row)
+            assert np.isnan(result).all()
+
+
 @along_time
 def test_pickled_anywhere(name: str, config: dict[str, Any]) -> None:
     """An instance that was pickled goes on with the same bits."""
