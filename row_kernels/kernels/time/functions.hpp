@@ -15,8 +15,8 @@ namespace quernbrook::row_kernels {
 /// and nothing is ever subtracted that has left the window. Values are within 4 units in the last
 /// place of the exact ones, or of what they are made of where that cancels, whatever came before.
 /// Infinities follow IEEE arithmetic. Powers of deviations that leave the range of doubles give
-/// NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77. Digits are lost, up to all of
-/// them, where they get below it: of squares from 1e-154, cubes from 1e-102, fourth powers from
+/// NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77. Digits are lost, up to all
+/// of them, where they get below it: of squares from 1e-154, cubes from 1e-102, fourth powers from
 /// 1e-77.
 ///
 /// A row costs the same whatever the window is, but for rank and quantile. In every 2 sqrt(window)
