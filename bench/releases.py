@@ -208,25 +208,23 @@ def draw(releases: Sequence[Release]) -> None:
 def draw_panel(panel: Any, workload: str, releases: Sequence[Release]) -> None:
     """A line for each yardstick, with the quartiles of each release."""
     lines = lines_of(releases, workload)
-    top = 1.0
+    top = 0.0
     for (yardstick, ratios), colour in zip(lines.items(), cycle(COLOURS), strict=False):
         places = [place for place, _ in ratios]
         lows, middles, highs = zip(*(ratio for _, ratio in ratios), strict=True)
         top = max(top, *highs)
-        panel.plot(places, middles, "o-", color=colour, label=f"over {yardstick}")
+        panel.plot(places, middles, "o-", color=colour, label=yardstick)
         panel.vlines(places, lows, highs, color=colour, linewidth=1.5)
         for place, middle in zip(places, middles, strict=True):
             panel.annotate(
                 f"{middle:.3g}",
                 (place, middle),
-                xytext=(7, 0),
+                xytext=(8, 7),
                 textcoords="offset points",
-                va="center",
                 fontsize=12,
             )
     # From nothing on, so that a little doesn't look like much.
-    panel.set_ylim(0.0, 1.15 * top)
-    panel.axhline(1.0, color="#5b6b77", linewidth=1, linestyle=":")
+    panel.set_ylim(0.0, 1.5 * top or 1.0)
     panel.set_xlim(-0.5, len(releases) - 0.5)
     panel.set_xticks(range(len(releases)), [release.version for release in releases])
     panel.set_title(workload, fontsize=12, loc="left", fontweight="bold")
@@ -235,7 +233,7 @@ def draw_panel(panel: Any, workload: str, releases: Sequence[Release]) -> None:
     panel.tick_params(labelsize=12, length=0)
     panel.spines[["top", "right"]].set_visible(False)
     if lines:
-        panel.legend(frameon=False, fontsize=11, loc="lower left")
+        panel.legend(frameon=False, fontsize=11, loc="upper right", ncols=len(lines))
 
 
 def page_text(releases: Sequence[Release]) -> str:

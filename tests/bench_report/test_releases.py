@@ -199,7 +199,7 @@ def test_the_ratios_are_drawn_from_nothing_on(folder: Path) -> None:
     given = [release("0.1.0", {RANK: 8.0}), release("0.2.0", {RANK: 8.1})]
     canvas, panel = pyplot.subplots()
     releases.draw_panel(panel, RANK, given)
-    (line,) = [each for each in panel.lines if each.get_label() == "over bare calls"]
+    (line,) = [each for each in panel.lines if each.get_label() == "bare calls"]
     assert list(line.get_xdata()) == [0, 1]
     assert list(line.get_ydata()) == [8.0, 8.1]
     assert panel.get_ylim()[0] == 0.0
