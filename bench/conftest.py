@@ -71,48 +71,54 @@ def pytest_benchmark_update_machine_info(machine_info: dict[str, Any]) -> None:
     machine_info["load"] = os.getloadavg()[2]
 
 
-@pytest.fixture
-def measure(request: pytest.FixtureRequest) -> Iterator[Callable[..., None]]:
-    """Times `call`, which does `count` times what the unit names, in one workload's group.
+if OTHER:
 
-    `unit` begins with the unit of time: "ns a cell". `floor` tells that the contender does only a
-    part of the work, `part` which one (see bench/report.py), and `memory` what it took. `setup`
-    comes before every round and isn't timed.
-    """
-    if OTHER:
-        yield request.config.stash[COMPARISON].add
-        return
-    benchmark = request.getfixturevalue("benchmark")
+    @pytest.fixture
+    def measure(request: pytest.FixtureRequest) -> Callable[..., None]:
+        return request.config.stash[COMPARISON].add
 
-    def run(
-        call: Callable[[], Any],
-        *,
-        workload: str,
-        contender: str,
-        count: float,
-        unit: str,
-        rounds: int = 7,
-        iterations: int = 1,
-        floor: bool = False,
-        part: str = "",
-        memory: str = "",
-        setup: Callable[[], None] | None = None,
-    ) -> None:
-        benchmark.group = workload
-        benchmark.extra_info.update(
-            contender=contender, count=count, unit=unit, floor=floor, part=part, memory=memory
-        )
-        benchmark.pedantic(call, setup=setup, rounds=rounds, iterations=iterations, warmup_rounds=1)
+else:
 
-    yield run
-    if benchmark.stats is not None:
-        figure = Figure.of(
-            request.node.nodeid,
-            benchmark.group,
-            benchmark.stats.stats.as_dict(),
-            benchmark.extra_info,
-        )
-        request.config.stash[FIGURES].append(figure)
+    @pytest.fixture
+    def measure(benchmark: Any, request: pytest.FixtureRequest) -> Iterator[Callable[..., None]]:
+        """Times `call`, which does `count` times what the unit names, in one workload's group.
+
+        `unit` begins with the unit of time: "ns a cell". `floor` tells that the contender does
+        only a part of the work, `part` which one (see bench/report.py), and `memory` what it took.
+        `setup` comes before every round and isn't timed.
+        """
+
+        def run(
+            call: Callable[[], Any],
+            *,
+            workload: str,
+            contender: str,
+            count: float,
+            unit: str,
+            rounds: int = 7,
+            iterations: int = 1,
+            floor: bool = False,
+            part: str = "",
+            memory: str = "",
+            setup: Callable[[], None] | None = None,
+        ) -> None:
+            benchmark.group = workload
+            benchmark.extra_info.update(
+                contender=contender, count=count, unit=unit, floor=floor, part=part, memory=memory
+            )
+            benchmark.pedantic(
+                call, setup=setup, rounds=rounds, iterations=iterations, warmup_rounds=1
+            )
+
+        yield run
+        if benchmark.stats is not None:
+            figure = Figure.of(
+                request.node.nodeid,
+                benchmark.group,
+                benchmark.stats.stats.as_dict(),
+                benchmark.extra_info,
+            )
+            request.config.stash[FIGURES].append(figure)
 
 
 def pytest_terminal_summary(terminalreporter: Any, config: pytest.Config) -> None:

@@ -137,7 +137,7 @@ def release_of(results: Mapping[str, Any], version: str) -> Release:
         results["datetime"][:10],
         commit["id"][:10],
         machine_text(machine),
-        machine["load"],
+        round(machine["load"], 1),
         machine["packages"],
         points,
     )

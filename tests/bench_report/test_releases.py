@@ -43,7 +43,7 @@ def results(benchmarks: list[dict[str, Any]], dirty: bool = False) -> dict[str, 
         "commit_info": {"id": "0123456789abcdef", "dirty": dirty},
         "machine_info": {
             "packages": {"numpy": "2.2.6", "pandas": "2.3.3"},
-            "load": 1.25,
+            "load": 1.5234375,
             "cpu": {"count": 2, "brand_raw": "A Processor", "flags": ["many"] * 100},
             "system": "Linux",
             "machine": "x86_64",
@@ -131,7 +131,7 @@ def test_a_kept_release_is_small_and_has_a_line_for_each_workload(folder: Path) 
     values = json.loads(file.read_text())
     assert values["version"] == "0.2.0"
     assert values["commit"] == "0123456789"
-    assert values["load"] == 1.25
+    assert values["load"] == 1.5
     assert values["machine"] == "A Processor (2 processors), Linux x86_64, CPython 3.10.13"
     assert values["packages"]["numpy"] == "2.2.6"
     assert values["points"][0]["ratio"][1] == 27.0
