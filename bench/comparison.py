@@ -165,7 +165,8 @@ class Comparison:
 
     def summary(self, band: float) -> list[str]:
         verdicts = [line.verdict(band) for line in self.lines]
-        said = [f"{len(verdicts)} lines: {verdicts.count(NOISE)} noise"]
+        lines = "1 line" if len(verdicts) == 1 else f"{len(verdicts)} lines"
+        said = [f"{lines}: {verdicts.count(NOISE)} noise"]
         for verdict in (FASTER, SLOWER):
             of_kind = [
                 line.revision.middle
