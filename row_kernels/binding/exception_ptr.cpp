@@ -11,8 +11,8 @@ asm(".symver quernbrook_destroy, _ZNSt15__exception_ptr13exception_ptrD1Ev@CXXAB
 extern "C" void quernbrook_copy(void** target, void* const* source) noexcept;
 extern "C" void quernbrook_destroy(void** pointer) noexcept;
 
-void add_reference(void* const* pointer) noexcept asm(
-    "_ZNSt15__exception_ptr13exception_ptr9_M_addrefEv");
+void add_reference(void* const* pointer) noexcept
+    asm("_ZNSt15__exception_ptr13exception_ptr9_M_addrefEv");
 void release(void** pointer) noexcept asm("_ZNSt15__exception_ptr13exception_ptr10_M_releaseEv");
 
 void add_reference(void* const* pointer) noexcept {
