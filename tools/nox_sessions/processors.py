@@ -92,7 +92,7 @@ def require_programs(session: nox.Session, packages: dict[str, str]) -> None:
 def cmake_build(
     session: nox.Session, source: Path, name: str, *options: str, target: str = "all"
 ) -> Path:
-    build = empty_folder(session, f"build-{name}-{source.parent.parent.name}")
+    build = empty_folder(session, "-".join(["build", name, *source.relative_to(ROOT).parts]))
     session.run("cmake", "-S", str(source), "-B", str(build), "-G", "Ninja", *options)
     session.run("cmake", "--build", str(build), "--target", target)
     return build
