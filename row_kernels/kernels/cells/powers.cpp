@@ -4,6 +4,16 @@
 #include "cells/cells.hpp"
 #include "nan.hpp"
 
+// In the versions that these have had from the first: the newer ones only leave out a report of
+// errors, and what is built with them doesn't load on older systems.
+#if defined(__gnu_linux__) && defined(__x86_64__)
+asm(".symver log, log@GLIBC_2.2.5");
+asm(".symver pow, pow@GLIBC_2.2.5");
+#elif defined(__gnu_linux__) && defined(__aarch64__)
+asm(".symver log, log@GLIBC_2.17");
+asm(".symver pow, pow@GLIBC_2.17");
+#endif
+
 namespace quernbrook::row_kernels {
 namespace {
 

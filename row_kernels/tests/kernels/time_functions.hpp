@@ -15,7 +15,12 @@ using quernbrook::row_kernels::Rows;
 using quernbrook::row_kernels::WindowFunction;
 using quernbrook::row_kernels::WindowState;
 
+// 113 bits of significand, under the name that the processor's compilers have for it.
+#if __LDBL_MANT_DIG__ == 113
+using Wide = long double;
+#else
 using Wide = __float128;
+#endif
 
 /// What a value should be, and what its rounding errors are measured by where terms cancel.
 struct Expected {
