@@ -27,6 +27,7 @@ extensions = [
 exclude_patterns = ["sphinx_extensions"]
 html_theme = "furo"
 html_static_path = ["static"]
+html_favicon = "static/favicon.svg"
 html_css_files = ["site.css"]
 
 # Notebooks are kept without outputs and run when the pages are built, wherever they write to.
@@ -42,6 +43,8 @@ autodoc_default_options = {"members": True, "undoc-members": True}
 # Arguments are often told of with the constructor.
 autoclass_content = "both"
 autodoc_typehints_format = "short"
+# Longer ones get a line for each argument.
+python_maximum_signature_line_length = 90
 # The types in the docstrings are prose ("dict of str to int") and not names to link.
 napoleon_use_param = False
 napoleon_use_rtype = False

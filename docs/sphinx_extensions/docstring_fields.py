@@ -93,9 +93,8 @@ def shorten_defaults(
     app: Sphinx, what: str, name: str, obj: Any, options: Any, signature: str | None, returns: Any
 ) -> tuple[str, Any] | None:
     """Defaults that are objects, as "<factory>", would leave the signature without links."""
-    if signature is None or "=" not in signature:
-        return None
-    return re.sub(r"<[\w.]+(?:: [^<>]*)?>", "...", signature), returns
+    shortened = re.sub(r"<[\w.]+(?:: [^<>]*)?>", "...", signature or "")
+    return None if shortened == (signature or "") else (shortened, returns)
 
 
 def setup(app: Sphinx) -> dict[str, bool]:

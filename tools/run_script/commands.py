@@ -16,6 +16,7 @@ from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROO
 
 DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
 BROWSER = ("chromium", "chromium-driver")
+SITE = ROOT / "build" / "site"
 
 
 def demo(arguments: Sequence[str]) -> int:
@@ -64,7 +65,7 @@ def cpp_tests() -> int:
 
 
 def get_browser() -> None:
-    """For the tests of reports, which are skipped without one."""
+    """For the tests of reports and of the documentation, which are skipped without one."""
     if not browser_is_there():
         system_packages.install(" ".join(BROWSER), "a browser is missing")
     if not browser_is_there():
@@ -91,6 +92,21 @@ def bench(arguments: Sequence[str]) -> int:
         file = build_revision(commit)
         variables = {"OTHER_MODULE_FILE": str(file), "OTHER_MODULE_NAME": f"revision {revision}"}
     return python("-m", "pytest", "bench", *others, **variables)
+
+
+def docs(arguments: Sequence[str]) -> int:
+    """Build the documentation as a site, and check it; what follows goes to pytest."""
+    prepare(["build", "test", "docs", "workbench"])
+    get_browser()
+    # Pages that are no more would stay in it.
+    shutil.rmtree(SITE, ignore_errors=True)
+    build = ["--builder", "html", "--fail-on-warning", "--fresh-env", "--quiet"]
+    doctrees = ["--doctree-dir", str(ROOT / "build" / "doctrees")]
+    failed = python("-m", "sphinx", *build, *doctrees, "docs", str(SITE))
+    if failed:
+        return failed
+    note(f"the documentation lies in {SITE / 'index.html'}; checking it")
+    return python("-m", "pytest", "tests/docs/site", *arguments, DOCUMENTATION_SITE=str(SITE))
 
 
 def split_comparison(arguments: Sequence[str]) -> tuple[list[str], str]:
@@ -240,7 +256,14 @@ def cmake_build(source: Path, build: Path, *options: str) -> int:
     return tool("cmake", *configure) or tool("cmake", "--build", str(build))
 
 
-COMMANDS = {"demo": demo, "alphas": alphas, "test": test, "bench": bench, "check": check}
+COMMANDS = {
+    "demo": demo,
+    "alphas": alphas,
+    "test": test,
+    "bench": bench,
+    "docs": docs,
+    "check": check,
+}
 
 
 def main() -> int:

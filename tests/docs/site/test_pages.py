@@ -1,0 +1,71 @@
+"""Every page of the site in a browser: its links, pictures and widths, and what it asks for."""
+
+from __future__ import annotations
+
+from typing import Any
+from urllib.parse import unquote, urldefrag
+
+#: By address; what is seen of each is in conftest.py.
+Visits = dict[str, Any]
+
+
+def test_every_kind_of_page_is_there(visits: Visits, address: str) -> None:
+    for page in (
+        "index",
+        "installation",
+        "notebooks/why_nan",
+        "guide/running",
+        "reference",
+        "reference/workbench/panels",
+        "architecture",
+        "performance",
+        "support",
+        "security",
+    ):
+        assert f"{address}{page}.html" in visits
+
+
+def test_internal_links_lead_somewhere(visits: Visits, address: str) -> None:
+    lost = set()
+    for page, seen in visits.items():
+        for link in seen.links:
+            target, fragment = urldefrag(link)
+            if not link.startswith(address) or "/_sources/" in link or "/_images/" in link:
+                continue
+            target = target + "index.html" if target.endswith("/") else target.partition("?")[0]
+            if target not in visits:
+                lost.add((page, link))
+            elif fragment and unquote(fragment) not in visits[target].places:
+                lost.add((page, link))
+    assert sorted(lost) == []
+
+
+def test_pictures_load_and_are_told_of(visits: Visits) -> None:
+    pictures = [(page, image) for page, seen in visits.items() for image in seen.images]
+    assert len(pictures) > 10
+    assert [(page, image) for page, image in pictures if not image["width"]] == []
+    assert [(page, image) for page, image in pictures if not image["text"].strip()] == []
+
+
+def test_nothing_is_asked_of_other_hosts(visits: Visits, address: str) -> None:
+    for page, seen in visits.items():
+        assert page in seen.requested
+        # What the browser has in itself, "chrome:" and "data:", is no host.
+        hosts = [one for one in seen.requested if one.startswith(("http", "ws"))]
+        assert [one for one in hosts if not one.startswith(address)] == [], page
+
+
+def test_the_console_stays_empty(visits: Visits) -> None:
+    assert [(page, one) for page, seen in visits.items() for one in seen.complaints] == []
+
+
+def test_nothing_is_cut(visits: Visits) -> None:
+    assert [(page, part) for page, seen in visits.items() for part in seen.cut] == []
+
+
+def test_nothing_is_cut_on_a_phone(visits: Visits) -> None:
+    assert [(page, part) for page, seen in visits.items() for part in seen.cut_on_phone] == []
+
+
+def test_no_page_scrolls_sideways_on_a_phone(visits: Visits) -> None:
+    assert [(page, seen.width_on_phone) for page, seen in visits.items() if seen.width_on_phone > 390] == []
