@@ -37,12 +37,14 @@ FUNCTIONS = sorted(
 )
 
 
-def context(first: int, last: int, *, node_outputs: bool = False) -> EvaluationContext:
+def context(
+    first: int, last: int, *, node_outputs: bool = False, registry: bool = False
+) -> EvaluationContext:
     panel = panel_of(DAYS, COLUMNS)
     made: Any = EvaluationContext(
         tuple(values[first:last] for values in panel.fields.values()),
         {name: place for place, name in enumerate(panel.fields)},
-        registry=default_registry(),
+        registry=default_registry() if registry else None,
     )
     made._collect_states, made._collect_node_outputs = False, node_outputs
     return made
@@ -56,12 +58,19 @@ def after_history() -> list[BoundGraph]:
 
 
 @pytest.mark.parametrize(
-    ("contender", "node_outputs", "rows"),
-    [(MODULE, False, 1), ("with node outputs", True, 1), ("without a row", False, 0)],
+    ("contender", "options", "rows"),
+    [
+        (MODULE, {}, 1),
+        ("with a registry", {"registry": True}, 1),
+        ("with node outputs", {"node_outputs": True}, 1),
+        ("without a row", {}, 0),
+    ],
 )
-def test_tick(measure: Callable[..., None], contender: str, node_outputs: bool, rows: int) -> None:
+def test_tick(
+    measure: Callable[..., None], contender: str, options: dict[str, bool], rows: int
+) -> None:
     bound = after_history()
-    days = cycle([context(d, d + rows, node_outputs=node_outputs) for d in range(HISTORY, DAYS)])
+    days = cycle([context(day, day + rows, **options) for day in range(HISTORY, DAYS)])
 
     def tick() -> None:
         today = next(days)

@@ -7,10 +7,10 @@ from collections.abc import Mapping
 from dataclasses import fields, is_dataclass
 from typing import Any
 
-from quernbrook.workbench.explanation.records import Explanation
+from quernbrook.workbench.explanation.records import ExplainedRun
 
 
-def document_of(explanation: Explanation) -> dict[str, Any]:
+def document_of(explanation: ExplainedRun) -> dict[str, Any]:
     """The records' own fields, and the sum of the memory. Values that JSON lacks are texts."""
     document = {
         one.name: _plain(getattr(explanation, one.name))

@@ -12,7 +12,7 @@ from collections.abc import Mapping
 from dataclasses import dataclass
 from xml.etree import ElementTree
 
-from quernbrook.workbench.explanation.records import Explanation, NodeExplanation, RowValue
+from quernbrook.workbench.explanation.records import ExplainedRun, NodeExplanation, RowValue
 from quernbrook.workbench.explanation.shown import shown
 from quernbrook.workbench.graphs import LITERALS
 
@@ -38,7 +38,7 @@ class _Box:
         return self.y + _HEIGHT / 2
 
 
-def draw(explanation: Explanation, row: Mapping[str, RowValue]) -> str:
+def draw(explanation: ExplainedRun, row: Mapping[str, RowValue]) -> str:
     boxes = _boxes(explanation, row)
     _place(boxes)
     right = max((box.x + box.width for box in boxes.values()), default=0.0)
@@ -66,7 +66,7 @@ def draw(explanation: Explanation, row: Mapping[str, RowValue]) -> str:
     return ElementTree.tostring(svg, encoding="unicode")
 
 
-def _boxes(explanation: Explanation, row: Mapping[str, RowValue]) -> dict[str, _Box]:
+def _boxes(explanation: ExplainedRun, row: Mapping[str, RowValue]) -> dict[str, _Box]:
     """In the order of the nodes, children first."""
     passing = {
         use.filter_path: f"{len(use.passing):,} of {use.pool_size:,} pass"

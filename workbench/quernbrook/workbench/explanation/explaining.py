@@ -9,6 +9,7 @@ from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import Fault, default_registry
 from quernbrook.reference_host.checks.places import read_graph
 from quernbrook.workbench.explanation.costs import calls_of, find_memory
+from quernbrook.workbench.explanation.explanation import Explanation
 from quernbrook.workbench.explanation.faults import (
     data_faults,
     feature_faults,
@@ -20,7 +21,6 @@ from quernbrook.workbench.explanation.functions import Function, functions_of
 from quernbrook.workbench.explanation.inputs import ExplanationError, Inputs, prepared
 from quernbrook.workbench.explanation.preflight import preflight_faults
 from quernbrook.workbench.explanation.records import (
-    Explanation,
     FeatureUse,
     Memory,
     NodeExplanation,

@@ -2,15 +2,11 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING, Any, Literal
+from typing import Any, Literal
 
 from quernbrook.reference_host import Fault
-
-if TYPE_CHECKING:
-    from quernbrook.workbench.explanation.inputs import Inputs
-    from rich.console import Group
+from quernbrook.workbench.explanation.inputs import Inputs
 
 Origin = Literal["own", "named child", "window", "text", "flag", "default"]
 Step = Literal["road", "strip", "row"]
@@ -196,7 +192,7 @@ class RowValue:
 
 
 @dataclass(frozen=True)
-class Explanation:
+class ExplainedRun:
     """What a run of a graph over a context would do.
 
     rows, columns: of the matrices; 0 where the context has no features.
@@ -220,40 +216,3 @@ class Explanation:
     calls: int
     faults: tuple[Fault, ...]
     inputs: Inputs | None = field(repr=False, compare=False)
-
-    def table(self) -> Group:
-        """Return the explanation for a terminal: print it with `rich.print`."""
-        from quernbrook.workbench.explanation.table import table_of
-
-        return table_of(self)
-
-    def _repr_html_(self) -> str:
-        from quernbrook.workbench.explanation.page_part import html
-
-        return html(self)
-
-    def to_json(self) -> dict[str, Any]:
-        """Return the explanation as plain data, for `json.dumps`."""
-        from quernbrook.workbench.explanation.document import document_of
-
-        return document_of(self)
-
-    def svg(self, row: int | str | None = None) -> str:
-        """Return a drawing of the graph as a document in SVG.
-
-        row: a number from 0, or a date as ISO text where a panel was explained. Then each node's
-            values, share of NaN and time stand on the edge to its parent. For that the graph is
-            evaluated up to that row, function by function, over copies.
-
-        Raises ExplanationError for a row that isn't there or can't be computed, and what `evaluate`
-        raises.
-        """
-        from quernbrook.workbench.explanation.drawing import draw
-
-        return draw(self, {} if row is None else self.row_values(row))
-
-    def row_values(self, row: int | str) -> Mapping[str, RowValue]:
-        """Return what each node gives for a row, by path; filters give none. See `svg`."""
-        from quernbrook.workbench.explanation.row_values import row_values
-
-        return row_values(self.inputs, row)

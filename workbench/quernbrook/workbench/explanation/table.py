@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Iterator
 
 from quernbrook.workbench.explanation.records import (
-    Explanation,
+    ExplainedRun,
     NodeExplanation,
     Setting,
     SignalUse,
@@ -21,11 +21,11 @@ _ORIGINS = {"own": "", "default": "default"}
 _MOST_NAMES = 5
 
 
-def table_of(explanation: Explanation) -> Group:
+def table_of(explanation: ExplainedRun) -> Group:
     return Group(*_parts(explanation))
 
 
-def _parts(explanation: Explanation) -> Iterator[RenderableType]:
+def _parts(explanation: ExplainedRun) -> Iterator[RenderableType]:
     yield _facts(explanation)
     if explanation.roads:
         yield _roads(explanation)
@@ -39,7 +39,7 @@ def _parts(explanation: Explanation) -> Iterator[RenderableType]:
         yield _faults(explanation)
 
 
-def _facts(explanation: Explanation) -> Table:
+def _facts(explanation: ExplainedRun) -> Table:
     facts = Table.grid(padding=(0, 2))
     facts.add_column(style="bold")
     facts.add_column(overflow="fold")
@@ -65,7 +65,7 @@ def _bytes(count: int) -> str:
     return f"{count / 2**20:,.1f} MiB" if count >= 2**20 else f"{count / 2**10:,.1f} KiB"
 
 
-def _road(explanation: Explanation) -> str:
+def _road(explanation: ExplainedRun) -> str:
     if explanation.road is None:
         return "none: the run would fail before it takes any"
     if explanation.road == "rows":
@@ -85,7 +85,7 @@ def _warmup(warmup: Warmup) -> str:
     return f"{text}: {' + '.join(parts)}"
 
 
-def _roads(explanation: Explanation) -> Table:
+def _roads(explanation: ExplainedRun) -> Table:
     table = _table("Fast roads", "road", "first test that declines it", "with")
     for road in explanation.roads:
         test = "open" if road.refusal is None else road.refusal.test
@@ -94,7 +94,7 @@ def _roads(explanation: Explanation) -> Table:
     return table
 
 
-def _nodes(explanation: Explanation) -> Table:
+def _nodes(explanation: ExplainedRun) -> Table:
     table = _table("Nodes", "node", "path", "settings", "state", "warm-up", "runs", "because")
     by_path = {node.path: node for node in explanation.nodes}
     pending = [("root", 0)]
@@ -123,7 +123,7 @@ def _setting(setting: Setting) -> str:
     return f"{setting.name}={shown(setting.value)}" + (f" ({origin})" if origin else "")
 
 
-def _features(explanation: Explanation) -> Table:
+def _features(explanation: ExplainedRun) -> Table:
     table = _table("Features", "feature", "place", "dtype", "nodes", "")
     for use in explanation.features:
         notes = ["stage data"] * use.is_stage_data + ["counts as missing data"] * use.is_marked
@@ -132,7 +132,7 @@ def _features(explanation: Explanation) -> Table:
     return table
 
 
-def _signals(explanation: Explanation) -> Table:
+def _signals(explanation: ExplainedRun) -> Table:
     table = _table("Signals", "reduction", "filter", "passing", "signals")
     for use in explanation.signals:
         table.add_row(use.path, "", f"{len(use.passing):,} of {use.pool_size:,}", Text(_ids(use)))
@@ -146,7 +146,7 @@ def _ids(use: SignalUse) -> str:
     return ", ".join(use.passing[:_MOST_NAMES]) + (f" and {more:,} more" if more > 0 else "")
 
 
-def _faults(explanation: Explanation) -> Table:
+def _faults(explanation: ExplainedRun) -> Table:
     table = _table("Faults", "at", "fault", "nearest")
     for fault in explanation.faults:
         table.add_row(Text(fault.path), Text(fault.text), Text(fault.suggestion or ""))

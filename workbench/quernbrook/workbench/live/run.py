@@ -40,19 +40,19 @@ class LiveRun:
         fields: Iterable[str] = (),
         universe: str | None = None,
     ) -> None:
-        self._registry = default_registry() if registry is None else registry
+        registry = default_registry() if registry is None else registry
         self._output = output
         self._fields = tuple(fields)
         self._universe = universe
-        self._formula = format_formula(graph, registry=self._registry)
+        self._formula = format_formula(graph, registry=registry)
         progress = output.progress
         if progress is not None:
             self._require_same_run(progress)
         states = None if progress is None else progress.states
-        self._bound = bind_instances(graph, self._registry, states)
+        self._bound = bind_instances(graph, registry, states)
         # Counts in states end at their windows; a graph of windows over windows warms up longer.
         seen = 0 if progress is None else progress.row_count
-        self._bound.warmup_rows = max(warmup_rows(graph, self._registry) - seen, 0)
+        self._bound.warmup_rows = max(warmup_rows(graph, registry) - seen, 0)
         self._is_torn = False
 
     def warm_up(self, history: Panel) -> None:
@@ -118,7 +118,8 @@ class LiveRun:
                 "the run broke off within a tick: open its folder again to go on from the "
                 "checkpoint"
             )
-        context = rows.context(self._registry)
+        # Instances stand for the functions, and without a registry none is looked up again.
+        context = rows.context()
         context._collect_node_outputs = False
         context._collect_states = False
         if self._universe is not None:

@@ -50,7 +50,7 @@ def walk_forward(
 def _run(graph: Node, parts: list[Panel], registry: FunctionRegistry) -> Iterator[Window]:
     bound = bind_instances(graph, registry)
     for part in parts:
-        context = part.context(registry)
+        context = part.context()
         context._collect_states = False
         weights = bound.evaluate(context).weights
         yield Window(part, part.frame(weights), bound.states())

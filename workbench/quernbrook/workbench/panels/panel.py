@@ -167,7 +167,7 @@ class Panel:
         return {path: self.frame(values) for path, values in result.node_outputs.items()}
 
     def _repr_html_(self) -> str:
-        return html(self)
+        return html(self.dates, self.symbols, self.fields, self.universe)
 
     @property
     def _shape(self) -> tuple[int, int]:

@@ -2,22 +2,25 @@
 
 from __future__ import annotations
 
-from typing import TYPE_CHECKING
+from collections.abc import Mapping
 
 import numpy as np
 import pandas as pd
 from quernbrook.workbench.html_tables import html_table, html_text
-
-if TYPE_CHECKING:
-    from quernbrook.workbench.panels.panel import Matrix, Panel
+from quernbrook.workbench.panels.columns import Matrix
 
 _HEADER = ("field", "missing", "least", "largest")
 _FEW_SYMBOLS = 6
 
 
-def html(panel: Panel) -> str:
-    lines = [_line(name, values) for name, values in panel.fields.items()]
-    facts = "<br>".join(map(html_text, (_dates(panel.dates), _symbols(panel), _universe(panel))))
+def html(
+    dates: pd.DatetimeIndex,
+    symbols: pd.Index,
+    fields: Mapping[str, Matrix],
+    universe: Matrix | None,
+) -> str:
+    lines = [_line(name, values) for name, values in fields.items()]
+    facts = "<br>".join(map(html_text, (_dates(dates), _symbols(symbols), _universe(universe))))
     return f"<div>{facts}{html_table(_HEADER, lines, left=(0,))}</div>"
 
 
@@ -32,20 +35,18 @@ def _shown(date: pd.Timestamp) -> str:
     return str(date.date() if date == date.normalize() else date.tz_localize(None))
 
 
-def _symbols(panel: Panel) -> str:
-    names = [str(symbol) for symbol in panel.symbols[:_FEW_SYMBOLS]]
-    more = len(panel.symbols) - len(names)
+def _symbols(symbols: pd.Index) -> str:
+    names = [str(symbol) for symbol in symbols[:_FEW_SYMBOLS]]
+    more = len(symbols) - len(names)
     if not names:
         return "no symbols"
-    return f"{len(panel.symbols):,} symbols: {', '.join(names)}" + (
-        f" and {more:,} more" if more else ""
-    )
+    return f"{len(symbols):,} symbols: {', '.join(names)}" + (f" and {more:,} more" if more else "")
 
 
-def _universe(panel: Panel) -> str:
-    if panel.universe is None or not panel.universe.size:
+def _universe(universe: Matrix | None) -> str:
+    if universe is None or not universe.size:
         return "universe: all cells"
-    return f"universe: {panel.universe.mean():.1%} of the cells"
+    return f"universe: {universe.mean():.1%} of the cells"
 
 
 def _line(name: str, values: Matrix) -> list[str]:

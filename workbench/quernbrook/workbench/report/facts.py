@@ -9,7 +9,7 @@ from dataclasses import dataclass
 import numpy as np
 import pandas as pd
 from quernbrook.workbench.panels.panel import Vector
-from quernbrook.workbench.report.run import Run
+from quernbrook.workbench.report.evaluated_run import EvaluatedRun
 from quernbrook.workbench.seeing import measures, series
 from quernbrook.workbench.seeing.causes import Cause
 
@@ -29,7 +29,7 @@ class SymbolTable:
     note: str
 
 
-def data_facts(run: Run) -> Mapping[str, str]:
+def data_facts(run: EvaluatedRun) -> Mapping[str, str]:
     dates = run.panel.dates
     facts = {
         "days": f"{len(dates):,}, {day(dates[0])} to {day(dates[-1])}",
@@ -42,11 +42,11 @@ def data_facts(run: Run) -> Mapping[str, str]:
     return facts
 
 
-def field_coverage(run: Run) -> Mapping[str, str]:
+def field_coverage(run: EvaluatedRun) -> Mapping[str, str]:
     return {name: f"{measures.coverage(values):.1%}" for name, values in run.panel.fields.items()}
 
 
-def run_facts(run: Run) -> Mapping[str, str]:
+def run_facts(run: EvaluatedRun) -> Mapping[str, str]:
     values = run.weights.to_numpy()
     index = measures.concentration(values)
     return {
@@ -71,11 +71,11 @@ def pnl_facts(earned: pd.DataFrame) -> Mapping[str, str]:
     }
 
 
-def cause_facts(run: Run) -> Mapping[str, str]:
+def cause_facts(run: EvaluatedRun) -> Mapping[str, str]:
     return {cause.label: f"{(run.causes == cause).mean():.1%}" for cause in Cause}
 
 
-def symbol_table(run: Run) -> SymbolTable:
+def symbol_table(run: EvaluatedRun) -> SymbolTable:
     """The symbols with the largest mean share in the gross exposure first."""
     values = run.weights.to_numpy()
     scaled = measures.unit_gross(values)
@@ -109,7 +109,7 @@ def day(date: pd.Timestamp) -> str:
     return date.date().isoformat()
 
 
-def _mean_by_symbol(run: Run) -> Vector:
+def _mean_by_symbol(run: EvaluatedRun) -> Vector:
     values = run.weights.to_numpy()
     known = np.isfinite(values)
     counts = known.sum(axis=0)

@@ -15,7 +15,7 @@ from quernbrook.reference_host import draw_tree
 from quernbrook.workbench.formulas import FormulaError, format_formula
 from quernbrook.workbench.graphs import GraphError
 from quernbrook.workbench.report import facts
-from quernbrook.workbench.report.run import Run
+from quernbrook.workbench.report.evaluated_run import EvaluatedRun
 from quernbrook.workbench.seeing import interactive, series
 
 _TREE_LINES = 500
@@ -31,7 +31,7 @@ class _Picture:
     alternative: str
 
 
-def report_page(run: Run, *, benchmark: pd.Series | None = None) -> str:
+def report_page(run: EvaluatedRun, *, benchmark: pd.Series | None = None) -> str:
     """Return the report of a run as an HTML document, which loads nothing from elsewhere.
 
     benchmark: daily returns by date, as fractions, with a name for the legend. Without one it is
@@ -71,7 +71,7 @@ def report_page(run: Run, *, benchmark: pd.Series | None = None) -> str:
     )
 
 
-def _earned(run: Run, benchmark: pd.Series | None) -> pd.DataFrame | None:
+def _earned(run: EvaluatedRun, benchmark: pd.Series | None) -> pd.DataFrame | None:
     if run.returns is None:
         return None
     if benchmark is None:
@@ -83,7 +83,7 @@ def _earned(run: Run, benchmark: pd.Series | None) -> pd.DataFrame | None:
     return series.pnl(run.weights, run.returns, benchmark).rename(columns={"benchmark": name})
 
 
-def _pictures(run: Run, earned: pd.DataFrame | None) -> dict[str, _Picture]:
+def _pictures(run: EvaluatedRun, earned: pd.DataFrame | None) -> dict[str, _Picture]:
     span = f"from {facts.day(run.panel.dates[0])} to {facts.day(run.panel.dates[-1])}"
     told = facts.run_facts(run)
     causes = "; ".join(f"{name} {share}" for name, share in facts.cause_facts(run).items())
@@ -141,7 +141,7 @@ def _link(pictures: dict[str, _Picture]) -> None:
         one.x_range = dated[0].x_range
 
 
-def _formula(run: Run) -> str:
+def _formula(run: EvaluatedRun) -> str:
     """The graph as a formula; "" if none says the same."""
     try:
         return format_formula(run.graph)
@@ -149,7 +149,7 @@ def _formula(run: Run) -> str:
         return ""
 
 
-def _tree(run: Run) -> str:
+def _tree(run: EvaluatedRun) -> str:
     lines = draw_tree(run.graph).splitlines()
     if len(lines) > _TREE_LINES:
         lines = [*lines[:_TREE_LINES], f"and {len(lines) - _TREE_LINES:,} nodes more"]

@@ -1,12 +1,10 @@
-"""A run as a report tells of it: what was evaluated, over what, and what came of it."""
+"""Runs for reports, and how a notebook shows them."""
 
 from __future__ import annotations
 
 import time
-from dataclasses import dataclass
 
 import numpy as np
-import pandas as pd
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host import FunctionRegistry
 from quernbrook.reference_host.warmup import warmup_rows
@@ -14,27 +12,14 @@ from quernbrook.simulator_engine.expression_evaluator import evaluate
 from quernbrook.workbench.html_tables import html_text
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.panels.panel import Matrix
-from quernbrook.workbench.seeing.causes import Causes, nan_causes
+from quernbrook.workbench.report.evaluated_run import EvaluatedRun
+from quernbrook.workbench.report.page import report_page
+from quernbrook.workbench.seeing.causes import nan_causes
 from quernbrook.workbench.seeing.measures import returns_of
 
 
-@dataclass(frozen=True)
-class Run:
-    """A graph that ran over a panel.
-
-    weights: of the panel's shape. causes: of their NaN, a `Cause` a cell. seconds: of the
-    evaluation alone. warmup_rows: how many rows it blanked. universe: the panel's field of the
-    universe, None without one. returns: of the symbols, None where the panel has no returns.
-    """
-
-    graph: Node
-    panel: Panel
-    weights: pd.DataFrame
-    causes: Causes
-    seconds: float
-    warmup_rows: int
-    universe: str | None
-    returns: pd.DataFrame | None
+class Run(EvaluatedRun):
+    """A graph that ran over a panel, with its report as its view."""
 
     def _repr_html_(self) -> str | None:
         """The report in a frame of its own, where its styles and its code stay among themselves.
@@ -43,8 +28,6 @@ class Run:
         """
         if self.weights.empty:
             return None
-        from quernbrook.workbench.report.page import report_page
-
         page = html_text(report_page(self))
         style = "width: 100%; height: 50em; border: 0"
         return f'<iframe sandbox="allow-scripts" style="{style}" srcdoc="{page}"></iframe>'

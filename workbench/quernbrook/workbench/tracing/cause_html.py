@@ -7,12 +7,12 @@ from collections.abc import Iterator
 
 from quernbrook.workbench.html_tables import SCROLLED, html_table, html_text
 from quernbrook.workbench.tracing.cause_text import heading, mark_text, number, window_table
-from quernbrook.workbench.tracing.causes import Cause, Why
+from quernbrook.workbench.tracing.cell_causes import Cause, CellCauses
 
 _HEADER = ("node", "kind", "path", "value", "")
 
 
-def html(why: Why) -> str:
+def html(why: CellCauses) -> str:
     """The tree with values and marks, nodes with marks standing out, and the windows, folded."""
     causes = {cause.path: cause for cause in why.root.walk()}
     parts = [f"<p><b>{html_text(heading(why))}</b></p>", _tree(causes)]

@@ -7,7 +7,7 @@ from collections.abc import Iterator, Mapping
 from typing import Any
 
 from quernbrook.reference_host import draw_tree
-from quernbrook.workbench.tracing.causes import Cause, Mark, Why, Window
+from quernbrook.workbench.tracing.cell_causes import Cause, CellCauses, Mark, Window
 from quernbrook.workbench.tracing.text_table import aligned
 
 # Of a window, the text shows so many rows; the document has all.
@@ -16,12 +16,12 @@ _BEGINNINGS = {"nan": "NaN begins here", "infinity": "infinity begins here", "ju
 _NAMES = {"nan": "NaN", "infinity": "infinity", "jump": "jump"}
 
 
-def text(why: Why) -> str:
+def text(why: CellCauses) -> str:
     """The tree with values and marks, and the windows below it."""
     return "\n".join(_lines(why))
 
 
-def document(why: Why) -> dict[str, Any]:
+def document(why: CellCauses) -> dict[str, Any]:
     """Plain data. What JSON has no number for is a text: "nan", "inf" or "-inf"."""
     return {
         "row": why.row,
@@ -33,12 +33,12 @@ def document(why: Why) -> dict[str, Any]:
     }
 
 
-def heading(why: Why) -> str:
+def heading(why: CellCauses) -> str:
     warmup = ", a warm-up row" if why.is_warmup else ""
     return f"{why.column} on {why.row}: weight {number(why.weight)}{warmup}"
 
 
-def _lines(why: Why) -> Iterator[str]:
+def _lines(why: CellCauses) -> Iterator[str]:
     yield heading(why)
     yield ""
     causes = {cause.path: cause for cause in why.root.walk()}

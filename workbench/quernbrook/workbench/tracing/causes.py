@@ -4,88 +4,28 @@ from __future__ import annotations
 
 import math
 from collections.abc import Iterator
-from dataclasses import dataclass
-from typing import Any, Literal
+from typing import Any
 
 import numpy as np
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.simulator_engine.expression_evaluator import EvaluationResult
 from quernbrook.workbench.graphs import FILTERS, LEAVES, LITERALS
 from quernbrook.workbench.tracing import columns
+from quernbrook.workbench.tracing.cause_html import html
+from quernbrook.workbench.tracing.cause_text import text
+from quernbrook.workbench.tracing.cell_causes import KINDS, Cause, CellCauses, Kind, Mark, Window
 from quernbrook.workbench.tracing.columns import Column, Oddities
 from quernbrook.workbench.tracing.runs import evaluate_node_by_node
-from quernbrook.workbench.tracing.subject import Data, Label, Subject
-
-Kind = Literal["nan", "infinity", "jump"]
-KINDS: tuple[Kind, ...] = ("nan", "infinity", "jump")
+from quernbrook.workbench.tracing.subject import Data, Subject
 
 
-@dataclass(frozen=True)
-class Mark:
-    """Something odd in a node's value, and where it came in.
-
-    sources: the inputs that have it, each with the row in which it has it last; empty if it began
-        at this node, of which `reason` then says more where more is known.
-    """
-
-    kind: Kind
-    sources: tuple[tuple[str, Label], ...]
-    reason: str = ""
-
-
-@dataclass(frozen=True)
-class Window:
-    """The rows that a function along time holds: a value of each input for each row."""
-
-    rows: tuple[Label, ...]
-    values: dict[str, tuple[float, ...]]
-
-
-@dataclass(frozen=True)
-class Cause:
-    """A node in the cell.
-
-    value: its output there. inputs: its children, literals included.
-    """
-
-    path: str
-    node: Node
-    value: float
-    marks: tuple[Mark, ...]
-    window: Window | None
-    inputs: tuple[Cause, ...]
-
-    def walk(self) -> Iterator[Cause]:
-        """This one and all below it, each before its inputs."""
-        pending = [self]
-        while pending:
-            cause = pending.pop()
-            yield cause
-            pending += reversed(cause.inputs)
-
-
-@dataclass(frozen=True)
-class Why:
-    """What is behind one cell; as text, the tree.
-
-    weight: the cell's value in the run's weights. It is NaN in warm-up rows, whatever the root is.
-    """
-
-    row: Label
-    column: Label
-    weight: float
-    is_warmup: bool
-    jump_factor: float
-    root: Cause
+class Why(CellCauses):
+    """What is behind one cell, as text: the tree."""
 
     def __str__(self) -> str:
-        from quernbrook.workbench.tracing.cause_text import text
-
         return text(self)
 
     def _repr_html_(self) -> str:
-        from quernbrook.workbench.tracing.cause_html import html
-
         return html(self)
 
 

@@ -2,13 +2,10 @@
 
 from __future__ import annotations
 
-from typing import TYPE_CHECKING
 from xml.sax.saxutils import escape
 
 from quernbrook.reference_host.trees import nodes_by_path
-
-if TYPE_CHECKING:
-    from quernbrook.workbench.tracing.profiles import NodeTime, Profile
+from quernbrook.workbench.tracing.measured_run import MeasuredRun, NodeTime
 
 _WIDTH, _LINE = 1200.0, 22.0
 _LETTER = 7.0
@@ -16,7 +13,7 @@ _COLOURS = {"kernel": "#9ecae1", "blocks": "#fdd0a2", "calls": "#fdae6b", "none"
 _EVALUATOR = "#e0e0e0"
 
 
-def svg(profile: Profile) -> str:
+def svg(profile: MeasuredRun) -> str:
     """Below each node its inputs; a node is as wide as its own time and theirs.
 
     What is left free below a node is its own time, and beside the root that of the evaluator.

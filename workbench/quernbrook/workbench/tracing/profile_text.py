@@ -2,13 +2,12 @@
 
 from __future__ import annotations
 
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 from quernbrook.workbench.html_tables import encodable, html_table
+from quernbrook.workbench.tracing import flame
+from quernbrook.workbench.tracing.measured_run import MeasuredRun, NodeTime
 from quernbrook.workbench.tracing.text_table import aligned
-
-if TYPE_CHECKING:
-    from quernbrook.workbench.tracing.profiles import NodeTime, Profile
 
 _WAYS = {
     "kernel": "row kernel",
@@ -22,18 +21,18 @@ _HEADER = ("node", "function", "how", "calls", "rows", "ms", "share", "a kernel 
 _LEFT = (0, 1, 2)
 
 
-def text(profile: Profile) -> str:
+def text(profile: MeasuredRun) -> str:
     """A line for each function, the costliest first, and one for the evaluator itself."""
     return "\n".join(aligned([_HEADER, *_lines(profile)], left=_LEFT))
 
 
-def html(profile: Profile) -> str:
+def html(profile: MeasuredRun) -> str:
     """The flame view above the same table."""
-    drawing = encodable(profile.svg())
+    drawing = encodable(flame.svg(profile))
     return f"<div>{drawing}{html_table(_HEADER, _lines(profile), left=_LEFT)}</div>"
 
 
-def _lines(profile: Profile) -> list[list[str]]:
+def _lines(profile: MeasuredRun) -> list[list[str]]:
     lines = []
     for node in sorted(profile.nodes, key=lambda node: -node.seconds):
         shared = f" (one instance at {node.sharing} nodes)" if node.sharing > 1 else ""
@@ -57,7 +56,7 @@ def _lines(profile: Profile) -> list[list[str]]:
     return lines
 
 
-def document(profile: Profile) -> dict[str, Any]:
+def document(profile: MeasuredRun) -> dict[str, Any]:
     return {
         "seconds": profile.seconds,
         "evaluator_seconds": profile.evaluator_seconds,
@@ -77,11 +76,11 @@ def document(profile: Profile) -> dict[str, Any]:
     }
 
 
-def _share(seconds: float, profile: Profile) -> str:
+def _share(seconds: float, profile: MeasuredRun) -> str:
     return f"{seconds / profile.seconds:.1%}"
 
 
-def _gain(node: NodeTime, profile: Profile) -> str:
+def _gain(node: NodeTime, profile: MeasuredRun) -> str:
     if node.way not in ("calls", "blocks"):
         return ""
     if node.gain is None:

@@ -5,60 +5,23 @@ from __future__ import annotations
 import os
 import time
 from collections import Counter
-from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 from quernbrook.functions._typed_shapes import FunctionGraphNode as Node
 from quernbrook.reference_host.trees import functions_by_path
-from quernbrook.simulator_engine.expression_evaluator import EvaluationResult, evaluate
+from quernbrook.simulator_engine.expression_evaluator import evaluate
 from quernbrook.workbench.tracing import flame, profile_text
+from quernbrook.workbench.tracing.measured_run import MeasuredRun, NodeTime
 from quernbrook.workbench.tracing.registries import in_front_of
 from quernbrook.workbench.tracing.subject import Data, Subject
-from quernbrook.workbench.tracing.timed_functions import TimedFunction, TimingRegistry, Way
+from quernbrook.workbench.tracing.timed_functions import TimedFunction, TimingRegistry
 from quernbrook.workbench.tracing.timed_kernels import machine_code
 from quernbrook.workbench.tracing.twins import twin_seconds_a_row
 
 
-@dataclass(frozen=True)
-class NodeTime:
-    """A function node's part of a run.
-
-    way: "kernel" for calls of its row kernel or reduction kernel, "blocks" for calls with several
-        rows in Python, "calls" for calls with one, "none" if it wasn't called: another node with an
-        equal function stood for it, a fast road or a precomputed output did, or it is a stateless
-        reduction, whose mean the evaluator takes itself.
-    seconds: its own, without those of its inputs.
-    sharing: how many nodes share its instance; calls, rows and seconds are then parts of the whole.
-    gain: the seconds that a row kernel would save; None where that isn't known.
-    """
-
-    path: str
-    name: str
-    way: Way
-    calls: int
-    rows: int
-    seconds: float
-    sharing: int
-    gain: float | None
-
-
-@dataclass(frozen=True)
-class Profile:
-    """A run and what its parts cost; as text, a table.
-
-    result: what `evaluate` returned. seconds: of the whole run. nodes: in the order of execution.
-    """
-
-    graph: Node
-    result: EvaluationResult
-    seconds: float
-    nodes: tuple[NodeTime, ...]
-
-    @property
-    def evaluator_seconds(self) -> float:
-        """What the evaluator itself took: all that no function did."""
-        return max(self.seconds - sum(node.seconds for node in self.nodes), 0.0)
+class Profile(MeasuredRun):
+    """A measured run as text, a table, and as pictures."""
 
     def __str__(self) -> str:
         return profile_text.text(self)
