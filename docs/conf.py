@@ -38,6 +38,9 @@ nb_execution_raise_on_error = True
 # So that pages can link to each other's headings, errors among them.
 myst_heading_anchors = 3
 
+# Docstrings have names in single backquotes.
+default_role = "literal"
+
 autodoc_member_order = "bysource"
 autodoc_default_options = {"members": True, "undoc-members": True}
 # Arguments are often told of with the constructor.
@@ -68,8 +71,8 @@ nitpick_ignore = [
         *("AbstractContextManager", "Group", "NDArray", "Self", "Unpack"),
         # What only type checkers see: any object with the attributes of a context.
         "_Context",
-        # Of the workbench's own, not meant to be made by others.
-        "Inputs",
+        # Of the workbench's own, for nobody else to make.
+        "quernbrook.workbench.explanation.inputs.Inputs",
     )
 ]
 
@@ -79,9 +82,7 @@ def resolve_alias(app: Sphinx, env: Any, node: Any, content: Any) -> Any:
     if (node.get("refdomain"), node.get("reftype")) != ("py", "class"):
         return None
     place, target = node["refdoc"], node["reftarget"]
-    return env.get_domain("py").resolve_xref(
-        env, place, app.builder, "type", target, node, content
-    )
+    return env.get_domain("py").resolve_xref(env, place, app.builder, "type", target, node, content)
 
 
 def setup(app: Sphinx) -> None:

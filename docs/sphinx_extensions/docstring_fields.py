@@ -18,6 +18,8 @@ FIELD = re.compile(rf"({NAMES}): (.+)")
 # "value: its output there. inputs: its children."
 NEXT_FIELD = re.compile(rf"(?<=\.) (?=({NAMES}): )")
 
+COMPILED_PROPERTY = re.compile(r"\(self\) -> (.+)")
+
 #: The texts of attributes at hand, by their full names.
 untouched: dict[str, list[str]] = {}
 
@@ -50,11 +52,14 @@ def place_fields(
     app: Sphinx, what: str, name: str, obj: Any, options: Any, lines: list[str]
 ) -> None:
     if what in ("attribute", "property"):
+        # Of compiled types' properties that is all there is.
+        if found := COMPILED_PROPERTY.fullmatch("\n".join(lines).strip()):
+            lines[:] = [f"`{found[1]}`"]
         untouched[name] = lines[:]
         return
     members = members_of(obj) if isinstance(obj, type) else set()
     known = members | arguments_of(obj)
-    # Where continuation lines of the field at hand go to; none outside of fields.
+    # Where the next lines of the field at hand go to, up to an empty one; none outside of fields.
     current: list[str] | None = None
     out: list[str] = []
     for line in parts_of(lines, known):
@@ -71,11 +76,9 @@ def place_fields(
                 shown = ", ".join(f"**{argument}**" for argument in names)
                 out += ["", f"- {shown}: {found[2]}"]
                 current = out
-        elif current is not None and line.startswith("    "):
+        elif current is not None and line:
             current.append(f"  {line.strip()}" if current is out else line.strip())
         else:
-            if current is out and line:
-                out.append("")
             current = None
             out.append(line)
     lines[:] = out
@@ -89,17 +92,18 @@ def restore_text(
         lines[:] = untouched.pop(name)
 
 
-def shorten_defaults(
+def tidy_signature(
     app: Sphinx, what: str, name: str, obj: Any, options: Any, signature: str | None, returns: Any
 ) -> tuple[str, Any] | None:
-    """Defaults that are objects, as "<factory>", would leave the signature without links."""
-    shortened = re.sub(r"<[\w.]+(?:: [^<>]*)?>", "...", signature or "")
-    return None if shortened == (signature or "") else (shortened, returns)
+    """Defaults that are objects, "<factory>", would leave it without links; nobody passes self."""
+    given = signature or ""
+    tidy = re.sub(r"<[\w.]+(?:: [^<>]*)?>", "...", re.sub(r"^\(self(?:, )?", "(", given))
+    return None if tidy == given else (tidy, returns)
 
 
 def setup(app: Sphinx) -> dict[str, bool]:
     # Ahead of napoleon, whose priority is 500.
     app.connect("autodoc-process-docstring", place_fields, priority=400)
     app.connect("autodoc-process-docstring", restore_text, priority=600)
-    app.connect("autodoc-process-signature", shorten_defaults)
+    app.connect("autodoc-process-signature", tidy_signature)
     return {"parallel_read_safe": False}

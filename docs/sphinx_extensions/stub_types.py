@@ -16,7 +16,7 @@ Signature = tuple[str, str]
 
 
 class Aliases(ast.NodeTransformer):
-    """Puts the types that the stub has names of its own for (`_Matrix`) in the place of the names."""
+    """Puts types in the place of the names that the stub has for them, as `_Matrix`."""
 
     def __init__(self, tree: ast.Module) -> None:
         self.types = {

@@ -29,7 +29,9 @@ from sphinx.util.inventory import InventoryFile
 
 ROOT = Path(__file__).parents[3]
 STUB = ROOT / "simulator_engine" / "expression_evaluator" / "__init__.pyi"
-SOURCES = [ROOT / name for name in ("simulator_engine", "reference_host", "row_kernels", "workbench")]
+SOURCES = [
+    ROOT / name for name in ("simulator_engine", "reference_host", "row_kernels", "workbench")
+]
 #: Packages whose names nobody imports: the program, and what a sweep runs on.
 PROGRAMS = {
     "quernbrook.workbench.command_line",
@@ -132,7 +134,9 @@ def test_every_package_has_its_public_names_in_the_reference(inventory: Inventor
         if not is_told(inventory, package, name)
     ] == []
     assert set(row_kernels.FUNCTIONS) == {
-        found(name).name for name in inventory if getattr(found(name), "name", None) in row_kernels.FUNCTIONS
+        found(name).name
+        for name in inventory
+        if getattr(found(name), "name", None) in row_kernels.FUNCTIONS
     }
 
 
@@ -148,7 +152,9 @@ def test_sections_of_modules_are_complete(inventory: Inventory, sections: Invent
     for section in sections:
         module = import_module(section)
         lost += [
-            f"{section}.{name}" for name in public_names(module) if not is_told(inventory, module, name)
+            f"{section}.{name}"
+            for name in public_names(module)
+            if not is_told(inventory, module, name)
         ]
     assert lost == []
 
@@ -218,7 +224,9 @@ def test_arguments_stand_in_the_signatures(inventory: Inventory, site: Path) -> 
         if not inspect.isroutine(value) and not isinstance(value, type):
             continue
         try:
-            arguments = [one for one in inspect.signature(value).parameters if one not in ("self", "cls")]
+            arguments = [
+                one for one in inspect.signature(value).parameters if one not in ("self", "cls")
+            ]
         except (TypeError, ValueError):  # only the docstring of such a type has its arguments
             continue
         page, _, fragment = place.partition("#")
@@ -241,7 +249,9 @@ def text_of(page: Path) -> str:
     return BeautifulSoup(page.read_text("utf-8"), "html.parser").get_text()
 
 
-def test_errors_in_the_reference_stand_on_the_page_of_errors(inventory: Inventory, site: Path) -> None:
+def test_errors_in_the_reference_stand_on_the_page_of_errors(
+    inventory: Inventory, site: Path
+) -> None:
     errors = {
         kind.__name__ for kind in own_classes(inventory).values() if issubclass(kind, Exception)
     }
@@ -251,7 +261,9 @@ def test_errors_in_the_reference_stand_on_the_page_of_errors(inventory: Inventor
 
 
 def test_log_events_stand_on_the_page_of_errors(site: Path) -> None:
-    files = [path for folder in SOURCES for path in folder.rglob("*") if path.suffix in {".cpp", ".py"}]
+    files = [
+        path for folder in SOURCES for path in folder.rglob("*") if path.suffix in {".cpp", ".py"}
+    ]
     texts = {path: path.read_text("utf-8") for path in files}
     events = {
         event
@@ -261,7 +273,9 @@ def test_log_events_stand_on_the_page_of_errors(site: Path) -> None:
     text = text_of(site / "errors.html")
     assert events and all(event in text for event in events)
     # Events of others would have to be looked for, too.
-    loggers = [path for path, text in texts.items() if re.search(r"import (logging|structlog)", text)]
+    loggers = [
+        path for path, text in texts.items() if re.search(r"import (logging|structlog)", text)
+    ]
     assert loggers == []
 
 

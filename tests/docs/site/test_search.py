@@ -28,7 +28,10 @@ def found(browser: Chrome, folder: str, words: str) -> list[str]:
         ("EvaluationContext", f"reference.html#{MODULE}.EvaluationContext"),
         ("LongitudinalMean", "reference/row_kernels.html#quernbrook.row_kernels.LongitudinalMean"),
         ("walk_forward", "reference/workbench/live.html#quernbrook.workbench.live.walk_forward"),
-        ("bind_instances", "reference/reference_host.html#quernbrook.reference_host.bind_instances"),
+        (
+            "bind_instances",
+            "reference/reference_host.html#quernbrook.reference_host.bind_instances",
+        ),
         ("get_state_failed", "errors.html"),
         ("registers reshape", "errors.html"),
     ],
