@@ -31,7 +31,7 @@ CUT = """
 const parts = ["pre", "table", "img", "svg", "dt", "h1", "h2", "h3", "p", "li"];
 const wide = document.querySelectorAll(parts.map((one) => `article ${one}`).join());
 const edges = [...wide].filter((one) => one.checkVisibility()).map((one) => {
-  for (let box = one; box && box !== document.documentElement; box = box.parentElement) {
+  for (let box = one; box.localName !== "article"; box = box.parentElement) {
     const overflow = getComputedStyle(box).overflowX;
     if (overflow === "auto" || overflow === "scroll") return [box, box];
     if (overflow === "hidden" && box.scrollWidth > box.clientWidth + 1) return [one, null];
@@ -42,6 +42,13 @@ return edges
   .filter(([one, box]) => box === null
     || box.getBoundingClientRect().right > document.documentElement.clientWidth + 1)
   .map(([one]) => one.outerHTML.slice(0, 120));
+"""
+# How far the contents stick out of the page on the right. The theme lets nobody scroll there.
+SIDEWAYS = """
+const article = document.querySelector("article");
+const page = document.documentElement;
+const right = article.getBoundingClientRect().left + article.scrollWidth;
+return Math.max(0, right - page.clientWidth, page.scrollWidth - page.clientWidth);
 """
 
 
@@ -55,9 +62,9 @@ class Visit:
     complaints: list[Any]
     requested: list[str]
     cut: list[str]
-    #: The same with a phone, and how wide the page is there.
+    sideways: int
     cut_on_phone: list[str]
-    width_on_phone: int
+    sideways_on_phone: int
 
 
 class QuietHandler(SimpleHTTPRequestHandler):
@@ -101,10 +108,9 @@ def visit(browser: Chrome, page: str) -> Visit:
     complaints(browser), requested(browser)
     browser.get(page)
     contents = browser.execute_script(CONTENTS)
-    cut = browser.execute_script(CUT)
+    widths = [browser.execute_script(script) for script in (CUT, SIDEWAYS)]
     browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", PHONE)
-    cut_on_phone = browser.execute_script(CUT)
-    width = browser.execute_script("return document.documentElement.scrollWidth")
+    widths += [browser.execute_script(script) for script in (CUT, SIDEWAYS)]
     browser.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
     return Visit(
         contents["links"],
@@ -112,7 +118,5 @@ def visit(browser: Chrome, page: str) -> Visit:
         contents["images"],
         complaints(browser),
         requested(browser),
-        cut,
-        cut_on_phone,
-        width,
+        *widths,
     )
