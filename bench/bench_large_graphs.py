@@ -136,3 +136,28 @@ def test_host_calls(measure: Callable[..., None], shape: str, nodes: int) -> Non
         unit=UNIT,
         rounds=5,
     )
+
+
+@pytest.mark.parametrize("nodes", SIZES)
+@pytest.mark.parametrize("shape", SHAPES)
+def test_walk(measure: Callable[..., None], shape: str, nodes: int) -> None:
+    """All nodes looked at once, which no evaluator can do without."""
+    graph = SHAPES[shape](nodes)
+
+    def walk() -> int:
+        waiting, seen = [graph], 0
+        while waiting:
+            seen += 1
+            waiting.extend(waiting.pop().children or ())
+        return seen
+
+    assert walk() in (nodes, nodes - 1)
+    measure(
+        walk,
+        workload=workload(shape, nodes),
+        contender="walk in plain Python",
+        floor=True,
+        count=nodes,
+        unit=UNIT,
+        rounds=5,
+    )

@@ -10,12 +10,12 @@ import numpy as np
 import pytest
 
 from bench import memory
-from bench.evaluators import MODULE, OTHER
+from bench.evaluators import COPY, MODULE, OTHER
 from bench.functions import native
 from bench.peers import RANK, RANK_FORMULATION, agrees
 from bench.workloads import evaluate_product_of_ranks, matrix_with_missing, price_matrix
 
-EVALUATORS = {MODULE, OTHER}
+EVALUATORS = {MODULE, COPY, OTHER}
 SHAPES = [(5000, 500), (2000, 3000)]
 # The bits of a column's number, and those of each of the two digits above it, as in the module.
 KEY_BITS = {500: (10, 9), 3000: (12, 10)}

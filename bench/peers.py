@@ -24,7 +24,7 @@ import scipy.stats
 from numpy.typing import NDArray
 
 from bench import formulations
-from bench.evaluators import MODULE, OTHER
+from bench.evaluators import MODULE, NAMES, OTHER
 from bench.workloads import evaluate_rank, evaluate_rolling
 
 Matrix = NDArray[np.float64]
@@ -150,11 +150,5 @@ ROLLING = {
     "polars": Contender(rolling_polars, nulls_for_nan, from_frame),
 }
 if OTHER:
-    RANK = {
-        MODULE: RANK[MODULE],
-        OTHER: Contender(partial(evaluate_rank, evaluator=OTHER)),
-    }
-    ROLLING = {
-        MODULE: ROLLING[MODULE],
-        OTHER: Contender(partial(evaluate_rolling, evaluator=OTHER)),
-    }
+    RANK = {name: Contender(partial(evaluate_rank, evaluator=name)) for name in NAMES}
+    ROLLING = {name: Contender(partial(evaluate_rolling, evaluator=name)) for name in NAMES}

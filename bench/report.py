@@ -1,4 +1,4 @@
-"""Writes measured figures into docs/performance.md: python bench/report.py RESULTS.json
+"""Writes measured figures into docs/performance.md: python -m bench.report RESULTS.json
 
 RESULTS.json is what ./run bench --benchmark-json=RESULTS.json leaves. Subjects that the run left
 out keep what the page says of them, each with the commit that it was measured at.
@@ -104,7 +104,7 @@ class Figure:
 
     @property
     def text(self) -> str:
-        return f"{_number(self.median)} ({_number(self.low)} to {_number(self.high)})"
+        return f"{number_text(self.median)} ({number_text(self.low)} to {number_text(self.high)})"
 
     def ratio_text(self, base: Figure) -> str:
         median, low, high = (
@@ -113,7 +113,7 @@ class Figure:
         return f"{median} ({low} to {high})"
 
 
-def _number(value: float) -> str:
+def number_text(value: float) -> str:
     return f"{value:,.0f}" if value >= 100.0 else f"{value:.3g}"
 
 
@@ -141,10 +141,10 @@ def beyond(group: Sequence[Figure]) -> str:
     parts = {each.part: each.median for each in group if each.part}
     if group[0].floor or not {CALLS, COPY} <= parts.keys():
         return ""
-    own = _number(group[0].median - parts[CALLS] - parts[COPY])
+    own = number_text(group[0].median - parts[CALLS] - parts[COPY])
     if ARGUMENTS not in parts:
         return own
-    return f"{own}, arguments' copies {_number(parts[ARGUMENTS])}"
+    return f"{own}, arguments' copies {number_text(parts[ARGUMENTS])}"
 
 
 def read(results: Mapping[str, Any]) -> list[Figure]:
@@ -227,17 +227,27 @@ def faster(figures: Sequence[Figure]) -> str:
     return "\n".join([explained, "", *(lines or ["- nobody"])])
 
 
-def setting(results: Mapping[str, Any]) -> str:
+def machine_text(machine: Mapping[str, Any]) -> str:
+    processor = machine["cpu"].get("brand_raw", "an unnamed processor")
+    return (
+        f"{processor} ({machine['cpu']['count']} processors), "
+        f"{machine['system']} {machine['machine']}, "
+        f"{machine['python_implementation']} {machine['python_version']}"
+    )
+
+
+def setting(results: Mapping[str, Any], subject: str) -> str:
     machine, commit = results["machine_info"], results["commit_info"]
     packages = ", ".join(f"{name} {version}" for name, version in machine["packages"].items())
-    processor = machine["cpu"].get("brand_raw", "an unnamed processor")
     state = " with uncommitted changes" if commit["dirty"] else ""
     return (
         f"Measured on {results['datetime'][:10]} at commit {commit['id'][:10]}{state}, on "
-        f"{processor} ({machine['cpu']['count']} processors), "
-        f"{machine['system']} {machine['machine']}, "
-        f"{machine['python_implementation']} {machine['python_version']}, {packages}."
+        f"{machine_text(machine)}, {packages}. Anew: `{command(subject)}`."
     )
+
+
+def command(subject: str) -> str:
+    return f"./run bench -k {subject} --page"
 
 
 def draw(figures: Sequence[Figure]) -> None:
@@ -294,7 +304,7 @@ def draw_panel(panel: Any, group: Sequence[Figure]) -> None:
         colour = BLUE if figure is first else LIGHT if figure.floor else DARK
         panel.hlines(place, 1.0, ratio, color=colour, linewidth=3)
         panel.plot(ratio, place, "o", color=colour)
-        text = f"{_number(first.median)} {first.unit}" if figure is first else f"{ratio:.3g} x"
+        text = f"{number_text(first.median)} {first.unit}" if figure is first else f"{ratio:.3g} x"
         beside = 8 if ratio >= 1.0 else -8
         panel.annotate(
             text,
@@ -318,21 +328,28 @@ def draw_panel(panel: Any, group: Sequence[Figure]) -> None:
     panel.spines[["top", "right", "left"]].set_visible(False)
 
 
+def replace_between(markers: tuple[str, str], page: str, text: str) -> str:
+    start, end = markers
+    before, rest = page.split(start)
+    _, after = rest.split(end)
+    return f"{before}{start}\n\n{text}\n\n{end}{after}"
+
+
 def main() -> None:
     if len(sys.argv) != 2:
-        sys.exit("usage: python bench/report.py RESULTS.json")
+        sys.exit("usage: python -m bench.report RESULTS.json")
     results = json.loads(Path(sys.argv[1]).read_text())
     figures = read(results)
     start, end = MARKERS
-    before, rest = PAGE.read_text().split(start)
-    shown, after = rest.split(end)
+    page = PAGE.read_text()
+    shown = page.split(start)[1].split(end)[0]
     sections = {part.split("\n", 1)[0]: f"## {part.strip()}" for part in shown.split("\n## ")[1:]}
     for subject, same in groupby(figures, lambda figure: figure.subject):
-        sections[TITLES[subject]] = section(list(same), setting(results))
+        sections[TITLES[subject]] = section(list(same), setting(results, subject))
     draw(figures)
     picture = f"![Times beside those of this module]({PICTURE.relative_to(DOCS)})"
     known = [sections[title] for title in TITLES.values() if title in sections]
-    PAGE.write_text(before + "\n\n".join([start, picture, *known, end]) + after)
+    PAGE.write_text(replace_between(MARKERS, page, "\n\n".join([picture, *known])))
 
 
 if __name__ == "__main__":

@@ -91,21 +91,27 @@ nb::list to_lists(const double* cells, std::size_t rows, std::size_t columns) {
   return lists;
 }
 
-std::vector<double> from_lists(nb::handle lists, std::size_t& columns, const char* name) {
+std::vector<double> from_lists(nb::handle lists, std::size_t rows, std::size_t& columns,
+                               const char* name) {
   std::vector<double> cells;
-  bool is_first = true;
+  std::size_t found = 0;
   columns = 0;
   for (nb::handle item : nb::borrow<nb::object>(lists)) {
     const Array row = row_of(item, name);
     const auto width = static_cast<std::size_t>(row.columns);
-    if (is_first) columns = width;
-    is_first = false;
+    if (found++ == 0) columns = width;
     if (width != columns) {
       const std::string text = "row has " + std::to_string(width) +
                                " values; the window holds rows of " + std::to_string(columns);
       throw nb::value_error(text.c_str());
     }
     cells.insert(cells.end(), row.cells, row.cells + width);
+  }
+  // A sequence may tell another length than it has.
+  if (found != rows) {
+    const std::string text =
+        "got " + std::to_string(found) + " rows of a sequence of " + std::to_string(rows);
+    throw nb::value_error(text.c_str());
   }
   return cells;
 }

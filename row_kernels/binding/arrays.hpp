@@ -46,7 +46,8 @@ NewRow new_row(std::ptrdiff_t columns);
 /// Nested lists of `rows` rows of `columns` numbers each, and back.
 nb::list to_lists(const double* cells, std::size_t rows, std::size_t columns);
 /// The rows of lists that all have one width, which is written to `columns`, one after the other.
-/// Raises ValueError for rows of different widths.
-std::vector<double> from_lists(nb::handle lists, std::size_t& columns, const char* name);
+/// Raises ValueError for rows of different widths and where there are other than `rows` of them.
+std::vector<double> from_lists(nb::handle lists, std::size_t rows, std::size_t& columns,
+                               const char* name);
 
 }  // namespace quernbrook::row_kernels::binding

@@ -100,8 +100,9 @@ void WeightedReduction::restore(const nb::object& state_data) {
   SignalState state;
   state.count = saved_count(state_data, weighted().window());
   const nb::object buffer = state_data["buffer"];
-  require_row_count(nb::len(buffer), state.count, weighted().window());
-  state.rows = from_lists(buffer, state.signal_count, name());
+  const std::size_t rows = nb::len(buffer);
+  require_row_count(rows, state.count, weighted().window());
+  state.rows = from_lists(buffer, rows, state.signal_count, name());
   if (weighted().holds_weights()) {
     const nb::object held = state_data["held"];
     const std::size_t held_rows = held.is_none() ? 0 : nb::len(held);
@@ -110,7 +111,7 @@ void WeightedReduction::restore(const nb::object& state_data) {
                                std::to_string(state.signal_count) + " signals";
       throw nb::value_error(text.c_str());
     }
-    if (held_rows > 0) state.held = from_lists(held, state.held_columns, name());
+    if (held_rows > 0) state.held = from_lists(held, held_rows, state.held_columns, name());
   }
   const Claim claim(claimed(), name());
   weighted().restore(std::move(state));

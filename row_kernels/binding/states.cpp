@@ -28,10 +28,15 @@ std::int64_t saved_count(const nb::object& state_data, std::size_t window) {
     const std::string text = std::string("count must be an int; got ") + nb::repr(count).c_str();
     throw nb::type_error(text.c_str());
   }
+  // Leaves room to count on.
+  constexpr long long most = 1LL << 62;
   const long long value = PyLong_AsLongLong(count.ptr());
-  if (value == -1 && PyErr_Occurred() != nullptr) {
+  const bool is_beyond = value == -1 && PyErr_Occurred() != nullptr;
+  if (is_beyond || value > most) {
     PyErr_Clear();
-    throw nb::value_error("count is too large");
+    const std::string text =
+        "count must be from 0 to " + std::to_string(most) + "; got " + nb::repr(count).c_str();
+    throw nb::value_error(text.c_str());
   }
   return value;
 }

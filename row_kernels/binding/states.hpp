@@ -14,8 +14,8 @@ nb::dict new_state_data(std::int64_t count, std::size_t window);
 
 nb::object saved_state(const char* name, const nb::dict& data);
 
-/// Reads "count". Raises KeyError, TypeError for a count that is no int, and ValueError for data
-/// that were saved with another window.
+/// Reads "count". Raises KeyError, TypeError for a count that is no int, and ValueError for one
+/// that is too large and for data that were saved with another window.
 std::int64_t saved_count(const nb::object& state_data, std::size_t window);
 
 /// How many rows a window of `capacity` rows holds after `count`.

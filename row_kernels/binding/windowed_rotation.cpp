@@ -40,9 +40,10 @@ void WindowedRotation::restore(const nb::object& state_data) {
   }
   bool is_first = true;
   for (nb::handle buffer : buffers) {
-    require_row_count(nb::len(buffer), state.count, windowed().capacity());
+    const std::size_t rows = nb::len(buffer);
+    require_row_count(rows, state.count, windowed().capacity());
     std::size_t columns = 0;
-    state.rows.push_back(from_lists(buffer, columns, name()));
+    state.rows.push_back(from_lists(buffer, rows, columns, name()));
     if (!is_first && static_cast<std::ptrdiff_t>(columns) != state.column_count) {
       throw nb::value_error("buffers hold rows of different widths");
     }

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import shlex
 import sys
 from pathlib import Path
 from typing import Any
@@ -194,3 +195,21 @@ def test_subjects_that_a_run_left_out_stay_on_the_page(
     assert "old ticks" in written
     assert "old rank" not in written
     assert "at commit 0123456789, on" in written
+    assert "Anew: `./run bench -k bench_rank --page`." in written
+
+
+def test_the_command_of_a_section_measures_that_subject_alone() -> None:
+    for subject in report.TITLES:
+        chosen = shlex.split(report.command(subject))[3]
+        assert [stem for stem in report.TITLES if chosen in stem] == [subject]
+
+
+def test_every_section_of_the_page_names_its_command() -> None:
+    start, end = report.MARKERS
+    shown = report.PAGE.read_text().split(start)[1].split(end)[0]
+    subjects = {title: subject for subject, title in report.TITLES.items()}
+    sections = shown.split("\n## ")[1:]
+    assert len(sections) > 10
+    for section in sections:
+        title = section.split("\n", 1)[0]
+        assert f"Anew: `{report.command(subjects[title])}`." in section, title

@@ -5,6 +5,7 @@ from __future__ import annotations
 import copy
 import json
 import pickle
+from collections.abc import Iterator
 from typing import Any
 
 import numpy as np
@@ -199,6 +200,35 @@ def test_states_with_a_key_missing(registry: FunctionRegistry, missing: str) -> 
     data = {key: value for key, value in STATE.items() if key != missing}
     with pytest.raises(Exception, match=f"KeyError: '{missing}'"):
         registry.create_instance_from_state("weighted_by_turnover", data, window=2)
+
+
+class Untrue(list[Any]):
+    """A list that gives its first element alone, however long it is."""
+
+    def __iter__(self) -> Iterator[Any]:
+        return iter(self[:1])
+
+
+@pytest.mark.parametrize("key", ["buffer", "held"])
+def test_a_state_of_sequences_that_tell_another_length(key: str) -> None:
+    instance = row_kernels.FUNCTIONS["weighted_by_turnover"](window=2)
+    state = {**STATE, "count": 2, "buffer": [[1.0, 2.0]] * 2}
+    with pytest.raises(ValueError, match=r"^got 1 rows of a sequence of 2$"):
+        instance.restore({**state, key: Untrue(state[key])})
+    assert instance.get_state().state_data["count"] == 0
+
+
+@weighted
+def test_windows_that_no_memory_holds(name: str, config: dict[str, Any]) -> None:
+    # The values of 8 signals in so many rows are 0 in 64 bits, or -8.
+    for window in (2**61, 2**61 - 1):
+        instance = row_kernels.FUNCTIONS[name](**{**config, "window": window})
+        with pytest.raises(MemoryError, match=r"^out of memory$"):
+            instance(np.ones((8, 2)), np.ones(8))
+        state = {**STATE, "window": window, "buffer": [[1.0] * 8], "held": [[1.0]] * 8}
+        with pytest.raises(MemoryError):
+            instance.restore(state)
+        assert instance.get_state().state_data["count"] == 0
 
 
 def test_every_function_is_configured_here() -> None:

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import ctypes
 import gc
+import sys
 import threading
-import weakref
 from typing import Any
 
 import numpy as np
@@ -130,15 +130,19 @@ def test_stateless_instances_serve_many_threads() -> None:
     assert not wrong
 
 
-def test_an_instance_is_freed() -> None:
-    class Owner:
-        pass
-
-    owner = Owner()
-    owner.instance = make("latitudinal_rank")  # type: ignore[attr-defined]
-    capsule = KernelCall(owner.instance).capsule  # type: ignore[attr-defined]
-    watched = weakref.ref(owner)
-    del owner
+@pytest.mark.parametrize("name", ["latitudinal_rank", "longitudinal_rank", "weighted_by_vol"])
+def test_an_instance_is_freed_with_its_last_capsule(name: str) -> None:
+    kind = row_kernels.FUNCTIONS[name]
     gc.collect()
-    assert watched() is None
-    assert repr(capsule).startswith('<capsule object "quernbrook.row_kernel.1"')
+    # Each instance holds a reference to its type.
+    before = sys.getrefcount(kind)
+    instance = make(name)
+    special = "reduction" if name.startswith("weighted") else "row"
+    capsule = getattr(kind, f"__quernbrook_{special}_kernel__")(instance)
+    assert repr(capsule).startswith(f'<capsule object "quernbrook.{special}_kernel.1"')
+    del instance
+    gc.collect()
+    assert sys.getrefcount(kind) == before + 1
+    del capsule
+    gc.collect()
+    assert sys.getrefcount(kind) == before

@@ -145,6 +145,13 @@ def test_defaults(
             [float(min(max(value, 29), 70)) for value in range(100)],
             {"share": 0.29},
         ),
+        ("latitudinal_winsorize", [[1.0, 2.0]], [1.0, 2.0], {"share": 0.4999999999999}),
+        (
+            "latitudinal_winsorize",
+            [[4.0, 1.0, 3.0, 2.0]],
+            [3.0, 2.0, 3.0, 2.0],
+            {"share": 0.4999999999999},
+        ),
         ("latitudinal_top_share", [[1.0, 2.0, 3.0]], [1.0, 1.0, 1.0], {"share": 1.0}),
         ("latitudinal_bottom_share", [[1.0, 2.0, 3.0]], [1.0, 1.0, 0.0], {"share": 0.4}),
     ],

@@ -9,6 +9,7 @@ from typing import Any
 
 import numpy as np
 import pytest
+from quernbrook import row_kernels
 from quernbrook.reference_host import SavedState, default_registry
 from support.kernel_calls import KernelCall, KernelFailure, strips
 from support.library_configs import cases
@@ -153,6 +154,20 @@ def test_correlation_of_two_rows(registry: Any) -> None:
     np.testing.assert_array_equal(correlation(x[1], y[1]), expected)
 
 
+@pytest.mark.parametrize("registry", [COMPILED, PLAIN], ids=["compiled", "plain"])
+@pytest.mark.parametrize("window", [3, 5, 6, 20])
+def test_correlation_of_deviations_whose_squares_vanish(registry: Any, window: int) -> None:
+    """Their products beside larger ones don't, and are no correlation by themselves."""
+    rng = np.random.default_rng(2)
+    x, y = rng.normal(size=(2, window, 9))
+    correlation = registry.create_instance("longitudinal_correlation", window=window)
+    for scale in (1e-165, -1e-165):
+        for first, second in ((scale * x, y), (y, scale * x)):
+            for row in zip(first, second, strict=True):
+                result = correlation(*row)
+            assert np.isnan(result).all()
+
+
 @along_time
 def test_pickled_anywhere(name: str, config: dict[str, Any]) -> None:
     """An instance that was pickled goes on with the same bits."""
@@ -212,6 +227,28 @@ def test_states_that_do_not_fit(name: str, config: dict[str, Any]) -> None:
             registry.create_instance_from_state(
                 name, {"count": data["count"], "window": data["window"]}, **config
             )
+
+
+@along_time
+def test_windows_that_no_memory_holds(name: str, config: dict[str, Any]) -> None:
+    for window in (2**48 + 1, 2**61 - 1, 2**61, 2**63 - 1):
+        with pytest.raises(ValueError, match=rf"^window must be at most {2**48}; got {window}$"):
+            row_kernels.FUNCTIONS[name](**{**config, "window": window})
+
+
+@along_time
+def test_counts_that_could_not_be_counted_on(name: str, config: dict[str, Any]) -> None:
+    instance = COMPILED.create_instance(name, **config)
+    rows = [np.ones(3)] * instance.arity
+    for _ in range(config["window"] + 1):
+        instance(*rows)
+    data = instance.get_state().state_data
+    for count in (2**62 + 1, 2**63 - 1, 10**30, -(10**30)):
+        with pytest.raises(ValueError, match=rf"^count must be from 0 to {2**62}; got {count}$"):
+            instance.restore({**data, "count": count})
+    instance.restore({**data, "count": 2**62})
+    instance(*rows)
+    assert instance.get_state().state_data == {**data, "count": 2**62 + 1}
 
 
 def test_a_literal_serves_all_rows() -> None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import os
 import signal
+import sys
 import time
 import warnings
 from pathlib import Path
@@ -22,7 +23,7 @@ FOLDER = "SWEEP_TEST_FOLDER"
 
 def make() -> FunctionRegistry:
     registry = default_registry()
-    for function in (dies, dies_once, crashes, sleeps, warns, fails, interrupts, rests):
+    for function in (dies, dies_once, crashes, sleeps, warns, fails, interrupts, rests, exits):
         entry = FunctionEntry(function.__name__, "rotations", _build(function))
         registry.register(entry)
     return registry
@@ -72,6 +73,10 @@ def fails(row: Row) -> None:
 
 def rests(row: Row) -> None:
     time.sleep(0.0001)
+
+
+def exits(row: Row) -> None:
+    sys.exit(3)
 
 
 def interrupts(row: Row) -> None:

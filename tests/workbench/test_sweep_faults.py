@@ -227,8 +227,11 @@ def test_two_drivers_on_one_folder(tmp_path: Path) -> None:
     out = tmp_path / "out"
     first = start_driver(out, 60)
     wait_until(lambda: (out / "manifest.jsonl").exists())
+    # It would end before the second is ready on a slow machine.
+    first.send_signal(signal.SIGSTOP)
     second = start_driver(out, 60)
     refusal = second.communicate(timeout=30)[1]
+    first.send_signal(signal.SIGCONT)
     output, errors = first.communicate(timeout=60)
     assert output.strip() == repr(SweepReport(60, 0, 0)), errors
     expected = f"{out} is written by process {first.pid} on {os.uname().nodename}: wait for it"

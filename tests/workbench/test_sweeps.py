@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import json
 import threading
+from dataclasses import replace
+from datetime import timedelta, timezone
 from pathlib import Path
 from typing import Any
 
@@ -72,6 +74,16 @@ def test_the_data_set_has_labels(tmp_path: Path) -> None:
         check_freq=False,
         check_column_type=False,
     )
+
+
+def test_dates_with_an_offset_can_be_read(tmp_path: Path) -> None:
+    panel = make_panel(4, 2)
+    dates = panel.dates.tz_localize(timezone(timedelta(hours=2)))
+    panel = Panel(dates, panel.symbols, panel.fields)
+    serially([Run("a", "close")], panel, tmp_path)
+    found = read_weights(tmp_path).to_pandas()["date"]
+    assert found.tolist() == np.repeat(panel.dates, 2).tolist()
+    assert found[0].utcoffset() == panel.dates[0].utcoffset()
 
 
 def test_any_reader_of_parquet_finds_the_runs(tmp_path: Path) -> None:
@@ -165,6 +177,18 @@ def test_a_failure_is_a_row(tmp_path: Path) -> None:
     assert not (tmp_path / "weights" / "run=bad").exists()
 
 
+@pytest.mark.parametrize("engine", ["serial", "joblib"])
+def test_failures_in_a_shared_call_touch_no_other_run(tmp_path: Path, engine: Any) -> None:
+    bad = [Run("bad", "rank(nothing(close))"), Run("exits", "exits(close)")]
+    runs = [*bad, *make_runs(30)]
+    report = sweep(runs, make_panel(), out=tmp_path, engine=engine, workers=1, registry=REGISTRY)
+    assert report == SweepReport(30, 2, 0)
+    rows = read_manifest(tmp_path)
+    assert rows["together"].max() > 1
+    exits = rows.loc["exits"]
+    assert (exits["error"], exits["message"]) == ("SystemExit", "3")
+
+
 def test_paths_of_errors(tmp_path: Path) -> None:
     graph = rotation("latitudinal_rank", rotation("no_such_function", feature("close")))
     runs = [Run("known", 'rank(rotation("longitudinal_mean", close))'), Run("unknown", graph)]
@@ -175,11 +199,13 @@ def test_paths_of_errors(tmp_path: Path) -> None:
 
 
 def test_a_warning_stands_with_its_run_alone(tmp_path: Path) -> None:
-    runs = [*make_runs(3), Run("loud", "warns(close)")]
+    runs = [Run("loud", "warns(close)"), *make_runs(30)]
     serially(runs, make_panel(), tmp_path, registry=REGISTRY)
-    found = read_manifest(tmp_path)["warnings"].to_dict()
+    rows = read_manifest(tmp_path)
+    assert rows["together"].max() > 1
+    found = rows["warnings"].to_dict()
     assert found.pop("loud") == ["RuntimeWarning: a row of odd numbers"]
-    assert list(found.values()) == [[], [], []]
+    assert list(found.values()) == [[]] * 30
 
 
 def test_summaries(tmp_path: Path) -> None:
@@ -219,6 +245,18 @@ def changed_panel() -> Panel:
     panel = make_panel()
     panel.fields["open"][3, 3] = np.nextafter(panel.fields["open"][3, 3], 0.0)
     return panel
+
+
+def large_setting(middle: float) -> dict[str, Any]:
+    values = np.zeros(3000)
+    values[1500] = middle
+    return {"metaparameters": {"values": values}}
+
+
+def test_a_change_amid_a_large_option_is_noticed(tmp_path: Path) -> None:
+    for middle, expected in ((0.0, (1, 0, 0)), (0.0, (0, 0, 1)), (1.0, (1, 0, 0))):
+        runs = [Run("one", "rank(close)", options=large_setting(middle))]
+        assert serially(runs, make_panel(), tmp_path) == SweepReport(*expected)
 
 
 CHANGES: dict[str, dict[str, Any]] = {
@@ -322,6 +360,10 @@ def test_other_slices_and_options_go_apart() -> None:
     groups = grouped(work, 6, worker_count=1)
     assert sum(len(group.tasks) for group in groups) == 100
     assert all(one in work for group in groups for one in [(t, group.slice) for t in group.tasks])
+    settings = [large_setting(0.0), large_setting(1.0)]
+    alike = [(replace(one, options=settings[k % 2]), parts[0]) for k, (one, _) in enumerate(work)]
+    for group in grouped(alike, 6, worker_count=1):
+        assert all(one.options is group.tasks[0].options for one in group.tasks)
 
 
 def no_graph() -> Any:
@@ -337,9 +379,15 @@ WRONG: dict[str, tuple[dict[str, Any], str]] = {
     "workers": ({"workers": 0}, "workers must be 1 at least; got 0"),
     "registry": ({"registry": "support.sweep_registry"}, "expected module:function"),
     "module": ({"registry": "no_such_module:make"}, "No module named 'no_such_module'"),
+    "main": ({"registry": "__main__:make"}, "put it into a module of its own"),
     "twice": ({"runs": [Run("a", "close"), Run("a", "open")]}, "two runs are called 'a'; put a"),
     "empty": ({"runs": [Run("", "close")]}, "the name of a run must be a text; got ''"),
     "long": ({"runs": [Run("a" * 201, "close")]}, "is longer than a folder's may be"),
+    "half": ({"runs": [Run("a\ud800", "close")]}, r"name 'a\ud800' has half a character"),
+    "no symbols": (
+        {"panel": Panel(make_panel().dates, pd.Index([]), {})},
+        "the run 'delta-1': the panel has no symbols",
+    ),
     "parameter": (
         {"runs": [Run("a", "delta(close, $day)", {"days": 3})]},
         "the formula of the run 'a' asks for the parameter $day, which isn't given; "

@@ -1,5 +1,6 @@
 """The commands of ./run, for an interpreter that the script has chosen."""
 
+import argparse
 import os
 import shlex
 import shutil
@@ -15,6 +16,9 @@ from messages import Failure, note
 from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROOT
 
 DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
+RESULTS = ROOT / "build" / "bench-results.json"
+# What writes results where they belong.
+BENCH_SCRIPTS = {"page": "bench.report", "keep": "bench.releases"}
 BROWSER = ("chromium", "chromium-driver")
 SITE = ROOT / "build" / "site"
 
@@ -84,14 +88,23 @@ def doctest_is_there() -> bool:
 
 
 def bench(arguments: Sequence[str]) -> int:
-    others, revision = split_comparison(arguments)
-    commit = commit_of(revision) if revision else ""
+    options, others = bench_options(arguments)
+    commit = commit_of(options.compare) if options.compare else ""
     prepare(["build", "test", "bench", "workbench"])
     variables = {}
-    if revision:
-        file = build_revision(commit)
-        variables = {"OTHER_MODULE_FILE": str(file), "OTHER_MODULE_NAME": f"revision {revision}"}
-    return python("-m", "pytest", "bench", *others, **variables)
+    if commit:
+        name = f"revision {options.compare}"
+        variables = {"OTHER_MODULE_FILE": str(build_revision(commit)), "OTHER_MODULE_NAME": name}
+    scripts = [name for name in ("page", "keep") if getattr(options, name)]
+    if not scripts:
+        return python("-m", "pytest", "bench", *others, **variables)
+    RESULTS.parent.mkdir(exist_ok=True)
+    failed = python("-m", "pytest", "bench", *others, f"--benchmark-json={RESULTS}")
+    if failed:
+        raise Failure(
+            "the benchmarks failed, see above; the page and what is kept stay as they are."
+        )
+    return max(python("-m", BENCH_SCRIPTS[name], str(RESULTS)) for name in scripts)
 
 
 def docs(arguments: Sequence[str]) -> int:
@@ -109,17 +122,19 @@ def docs(arguments: Sequence[str]) -> int:
     return python("-m", "pytest", "tests/docs/site", *arguments, DOCUMENTATION_SITE=str(SITE))
 
 
-def split_comparison(arguments: Sequence[str]) -> tuple[list[str], str]:
-    """The arguments without "--compare REV", and REV."""
-    others = list(arguments)
-    if "--compare" not in others:
-        return others, ""
-    place = others.index("--compare")
-    if place + 1 == len(others):
-        raise Failure("--compare needs a revision: ./run bench --compare HEAD~1.")
-    revision = others[place + 1]
-    del others[place : place + 2]
-    return others, revision
+def bench_options(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
+    """The options of ./run bench, and what goes to pytest."""
+    parser = argparse.ArgumentParser(add_help=False, allow_abbrev=False, exit_on_error=False)
+    parser.add_argument("--compare", metavar="REV")
+    parser.add_argument("--page", action="store_true")
+    parser.add_argument("--keep", action="store_true")
+    try:
+        options, others = parser.parse_known_args(arguments)
+    except argparse.ArgumentError as error:
+        raise Failure(f"bench: {error} (see ./run --help).") from None
+    if options.compare and (options.page or options.keep):
+        raise Failure("--compare measures two revisions; --page and --keep are for runs of one.")
+    return options, others
 
 
 def commit_of(revision: str) -> str:

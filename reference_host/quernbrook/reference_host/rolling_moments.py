@@ -56,7 +56,7 @@ class LongitudinalCovariance(_WithChoice):
 class LongitudinalCorrelation(RollingRotation):
     """Pearson's correlation of two rows; NaN where all values of one are equal.
 
-    Exactly -1 or 1 for a window of 2.
+    So it is where the squares of their deviations are zero. Exactly -1 or 1 for a window of 2.
     """
 
     name = "longitudinal_correlation"
@@ -66,7 +66,8 @@ class LongitudinalCorrelation(RollingRotation):
         if self.window == 2:
             return _concordance(x, y)
         x, y = deviations(x), deviations(y)
-        return mean(x * y) / (np.sqrt(mean(x**2)) * np.sqrt(mean(y**2)))
+        roots = np.sqrt(mean(x**2)) * np.sqrt(mean(y**2))
+        return mean(x * y) / np.where(roots == 0.0, np.nan, roots)
 
 
 def _concordance(x: Block, y: Block) -> Row:

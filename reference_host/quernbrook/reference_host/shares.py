@@ -20,6 +20,8 @@ def winsorize(row: Row, share: float) -> Row:
     cut = math.floor(share * values.size + _SLACK)
     if cut == 0:
         return row.copy()
+    # A share near a half leaves the middle.
+    cut = min(cut, (values.size - 1) // 2)
     # A zero is positive.
     low, high = values[cut] + 0.0, values[-1 - cut] + 0.0
     return np.where(row < low, low, np.where(row > high, high, row))

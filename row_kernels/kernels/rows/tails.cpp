@@ -57,12 +57,13 @@ class Winsorize {
 
   void operator()(const double* row, double* result) noexcept {
     const std::size_t count = numbers_.take(row);
-    const auto cut =
-        static_cast<std::size_t>(std::floor(share_ * static_cast<double>(count) + slack));
+    auto cut = static_cast<std::size_t>(std::floor(share_ * static_cast<double>(count) + slack));
     if (cut == 0) {
       std::copy_n(row, columns_, result);
       return;
     }
+    // A share near a half leaves the middle.
+    cut = std::min(cut, (count - 1) / 2);
     const double low = numbers_.at(cut);
     limit(row, low, numbers_.at(count - 1 - cut), result, columns_);
   }

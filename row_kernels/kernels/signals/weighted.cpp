@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -73,6 +74,7 @@ class Weighted final : public WeightedFunction {
   }
 
   void restore(SignalState state) override {
+    require_room(state.signal_count);
     std::vector<double> rows(window_ * state.signal_count);
     const std::size_t known = std::min(window_, static_cast<std::size_t>(state.count));
     for (std::size_t row = 0; row < known; ++row) {
@@ -97,15 +99,21 @@ class Weighted final : public WeightedFunction {
     return rows_.data() + static_cast<std::size_t>(number) % window_ * signal_count_;
   }
 
-  /// Takes all memory that a row needs before anything changes.
+  /// Throws std::bad_alloc where even the number of values in a window and a row can't be held.
+  void require_room(std::size_t count) const {
+    if (count > 0 && window_ >= rows_.max_size() / count) throw std::bad_alloc();
+  }
+
+  /// Takes all memory that a row needs before anything changes that the next one would go by.
   void reserve(std::size_t count, std::size_t columns) {
     if (count_ > 0 && count != signal_count_) {
       throw std::invalid_argument("row has " + std::to_string(count) +
                                   " values; the window holds rows of " +
                                   std::to_string(signal_count_));
     }
+    require_room(count);
     if (of_turnover_) {
-      if (held_.empty()) {
+      if (count_ == 0 || held_.empty()) {
         held_.assign(count * columns, 0.0);
       } else if (columns != held_columns_) {
         throw std::invalid_argument("signals have " + std::to_string(columns) +

@@ -22,6 +22,12 @@ using CentredLoops = TileLoops CentredStatistics::*;
 
 void require_window(std::size_t window) {
   if (window < 1) throw std::invalid_argument("window must be at least 1; got 0");
+  // More rows than any memory holds, and so few that no size of theirs overflows.
+  constexpr std::size_t longest = std::size_t{1} << 48;
+  if (window > longest) {
+    throw std::invalid_argument("window must be at most " + std::to_string(longest) + "; got " +
+                                std::to_string(window));
+  }
 }
 
 // As even as can be: a short last part costs as much as a long one.

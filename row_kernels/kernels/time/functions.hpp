@@ -9,13 +9,15 @@ namespace quernbrook::row_kernels {
 
 /// Functions along time, each column by itself. A value is that of the newest `window` rows, the
 /// newest included; it is NaN where they hold a NaN and until there are as many. All throw
-/// std::invalid_argument for a window below 1.
+/// std::invalid_argument for a window below 1 or above 2^48.
 ///
 /// Sums are in twice the working precision, deviations are measured from a centre near the mean,
 /// and nothing is ever subtracted that has left the window. Values are within 4 units in the last
 /// place of the exact ones, or of what they are made of where that cancels, whatever came before.
 /// Infinities follow IEEE arithmetic. Powers of deviations that leave the range of doubles give
-/// NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77.
+/// NaN: squares from 1e154, cubes from 1e102, fourth powers from 1e77. Digits are lost, up to all
+/// of them, where they get below it: of squares from 1e-154, cubes from 1e-102, fourth powers from
+/// 1e-77.
 ///
 /// A row costs the same whatever the window is, but for rank and quantile. In every 2 sqrt(window)
 /// rows, of long windows, one does the work that is left for as many; a call of one row then takes

@@ -24,8 +24,6 @@ InstructionSet widest_instruction_set() noexcept {
   return InstructionSet::baseline;
 }
 
-InstructionSet instruction_set() noexcept { return used; }
-
 void use_instruction_set(InstructionSet set) noexcept {
   used = std::min(set, widest_instruction_set());
 }

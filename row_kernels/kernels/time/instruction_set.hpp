@@ -11,10 +11,7 @@ enum class InstructionSet { baseline, avx2, avx512 };
 /// The widest that this processor has.
 InstructionSet widest_instruction_set() noexcept;
 
-/// That which new functions use: at first the widest.
-InstructionSet instruction_set() noexcept;
-
-/// Has new functions use another, to compare them; not one wider than the widest.
+/// Has new functions use another than the widest, to compare them; not a wider one.
 void use_instruction_set(InstructionSet set) noexcept;
 
 /// The loops for the one in use, and those for half a tile: of registers that this fills.

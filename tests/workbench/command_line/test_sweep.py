@@ -116,6 +116,11 @@ def test_only_fields_that_are_named_are_read() -> None:
 WRONG = {
     "no file": (None, "plan.yaml can't be read: No such file or directory"),
     "no YAML": ("runs: [", "plan.yaml is no YAML: while parsing"),
+    "no such day": (
+        "runs: [{name: a, formula: x, first_date: 2018-02-30}]",
+        "plan.yaml is no YAML: day is out of range for month",
+    ),
+    "depth": ("[" * 5000, "plan.yaml is no YAML: maximum recursion depth exceeded"),
     "nothing": ("", "plan.yaml, the plan: input should be a valid dictionary"),
     "a field": ("run: []", "plan.yaml, runs: field required"),
     "unknown": ("runs: [{name: a, formula: x}]\ndta: x", "plan.yaml, dta: extra inputs"),

@@ -176,6 +176,7 @@ def test_a_line_is_evaluated_when_it_comes(panel: Panel) -> None:
         ('{"date": "2015-01-05", "symbol": ["S0", 5], "close": [1, 2], "volume": [1, 2]}', "line 2: 5 is no symbol; symbols are texts"),
         (r'{"date": "2015-01-05", "symbol": ["\ud800"], "close": [1], "volume": [1]}', r"line 2: '\ud800' is no symbol; symbols are texts"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1' + 309 * "0" + '], "volume": [1]}', "line 2: field 'close': 1" + 309 * "0" + " is no number; a missing value is null"),
+        ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1], "volume": [1], "close": [2]}', "line 2: 'close' stands there twice"),
         ("[" * 100_000, "line 2 is no JSON, or cut: maximum recursion depth exceeded while decoding a JSON array from a unicode string; send it whole, and again"),
         ('{"date": "2015-01-05", "symbol": ["S0"], "close": [1], "volume": [1]}', "2015-01-05: the symbol S1 is missing; give it a row with empty values"),
     ],
@@ -357,10 +358,11 @@ def test_a_damaged_checkpoint() -> None:
     assert errors.startswith("quernbrook: checkpoint 'out/states.checkpoint': cut: ")
 
 
-def test_a_full_disk(panel: Panel, monkeypatch: pytest.MonkeyPatch) -> None:
-    def fill_the_disk(*_: object) -> None:
-        raise OSError(28, "No space left on device")
+def fill_the_disk(*_: object) -> None:
+    raise OSError(28, "No space left on device")
 
+
+def test_a_full_disk(panel: Panel, monkeypatch: pytest.MonkeyPatch) -> None:
     told = (
         "out can't be written: No space left on device; put that right and start again, the run "
         "goes on from its checkpoint"
@@ -405,6 +407,34 @@ def test_what_is_synced_before_what(panel: Panel, monkeypatch: pytest.MonkeyPatc
     ]
 
 
+def test_a_day_whose_weights_are_ahead_of_the_checkpoint_comes_again(
+    panel: Panel, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    lines = [line(panel, row) for row in range(len(panel.dates))]
+    for row in (0, 5):
+        send(b"".join(lines[:row]))
+        # The disk is full when the weights have been written.
+        with monkeypatch.context() as patch:
+            patch.setattr(f"{output_module.__name__}.save_checkpoint", fill_the_disk)
+            assert send(lines[row])[0] == 2
+        ahead, later = (panel.dates[place].date() for place in (row, row + 1))
+        require_fault(
+            send(b"".join(lines[row + 1 :])),
+            f"{later}: the run broke off between the weights of {ahead} and their checkpoint: take "
+            f"in {ahead} again first, or delete out/weights-{ahead}.parquet to go on without it",
+        )
+    assert send(b"".join(lines[5:]))[0] == 0
+    require_same_bits(read_weights("out"), whole_run(GRAPH, panel))
+
+
+def test_a_new_folder_is_synced(monkeypatch: pytest.MonkeyPatch) -> None:
+    synced = []
+    monkeypatch.setattr(os, "fsync", lambda one: synced.append(os.readlink(f"/proc/self/fd/{one}")))
+    for _ in range(2):
+        with OutputFolder("out"):
+            assert synced == [os.getcwd()]
+
+
 def test_rows_that_a_run_refuses(panel: Panel) -> None:
     first = panel.until(panel.dates[0])
     with OutputFolder("out") as output:
@@ -416,15 +446,30 @@ def test_rows_that_a_run_refuses(panel: Panel) -> None:
                 "a live run goes by days, without times and time zones; got 2015-01-02 16:00:00",
             ),
             (Panel(first.dates, pd.Index([]), {}), "2015-01-02: the row has no symbols"),
+            (
+                Panel(first.dates, pd.RangeIndex(5), first.fields),
+                "a live run takes symbols that are texts; got 0",
+            ),
         ):
             with pytest.raises(LiveError) as error:
                 run.tick(row)
             assert str(error.value) == told
+        with pytest.raises(LiveError, match="takes symbols that are texts; got 0"):
+            run.warm_up(Panel(panel.dates, pd.RangeIndex(5), panel.fields))
         run.tick(first)
         with pytest.raises(LiveError, match="2015-01-02: the run has come to 2015-01-02"):
             run.tick(first)
         with pytest.raises(LiveError, match="out has a run that has begun"):
             run.warm_up(panel)
+
+
+def test_rows_without_the_universe(panel: Panel) -> None:
+    first = panel.until(panel.dates[0])
+    with OutputFolder("out") as output:
+        run = LiveRun(GRAPH, output, universe="volume")
+        with pytest.raises(LiveError, match="the rows lack the universe, the field 'volume'"):
+            run.tick(Panel(first.dates, first.symbols, {"close": first.fields["close"]}))
+        run.tick(first)
 
 
 def test_a_folder_without_weights() -> None:

@@ -214,6 +214,16 @@ def _plain_zip() -> bytes:
     return file.getvalue()
 
 
+def _endless_array() -> bytes:
+    file, header = io.BytesIO(), io.BytesIO()
+    np.save(header, np.frombuffer(json.dumps(GOOD).encode(), np.uint8))
+    shape = b"{'descr': '<f8', 'fortran_order': False, 'shape': (1" + 30 * b"0" + b", 1), }\n"
+    with zipfile.ZipFile(file, "w") as archive:
+        archive.writestr("header.npy", header.getvalue())
+        archive.writestr("0.npy", b"\x93NUMPY\x01\x00" + bytes([len(shape), 0]) + shape)
+    return file.getvalue()
+
+
 @pytest.mark.parametrize(
     ("contents", "message"),
     [
@@ -221,6 +231,7 @@ def _plain_zip() -> bytes:
         (b"text", "no saved run, or a damaged one"),
         (_plain_zip(), "there is no header"),
         (_object_array(), "damaged one"),
+        (_endless_array(), "damaged one: Python int too large"),
         (_archive([]), "its header is another one"),
         (_archive({**GOOD, "format": "other"}), "its header is another one"),
         (_archive({**GOOD, "version": 2}), "version 2 and this program knows 1; update it"),

@@ -186,6 +186,21 @@ def test_dates_with_a_time_of_day() -> None:
     assert why(feature("open"), hourly, "2020-01-01 10:30", "S0").row == "2020-01-01 10:30:00"
 
 
+def test_a_day_without_midnight() -> None:
+    # Clocks go forward at midnight there.
+    dates = pd.DatetimeIndex(["2018-11-04 12:00"]).tz_localize("America/Sao_Paulo")
+    panel = Panel(dates, pd.Index(["A"]), {"close": np.ones((1, 1))})
+    assert why(feature("close"), panel, dates[0], "A").row == "2018-11-04 12:00:00-02:00"
+
+
+@pytest.mark.parametrize(("days", "what"), [(0, "rows"), (1, "columns")])
+def test_a_panel_without_cells(days: int, what: str) -> None:
+    dates = pd.DatetimeIndex(["2018-11-04"])[:days]
+    panel = Panel(dates, pd.Index([]), {"close": np.ones((days, 0))})
+    with pytest.raises(TraceError, match=f"the data have no {what}"):
+        why(feature("close"), panel, "2018-11-04", "A")
+
+
 def test_the_command(data: Path, program: Program) -> None:
     cell = ("--data", data, "--date", "2015-01-05", "--symbol", "S1")
     assert program("why", "rank(delta(close, 5))", *cell) == 0

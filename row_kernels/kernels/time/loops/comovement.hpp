@@ -69,7 +69,8 @@ struct SumsOfSquaresAndProducts {
   }
 };
 
-/// For windows of 3 and more; NaN where all values of one argument are equal.
+/// For windows of 3 and more; NaN where all values of one argument are equal, or so nearly that the
+/// squares of their deviations are zero.
 struct Correlation : Centred<2, SumsOfSquaresAndProducts> {
   static Lanes finish(const Plan& plan, const Base&, Part older, const Part& newer, const Cells<2>&,
                       std::size_t) noexcept {
@@ -107,7 +108,8 @@ struct Correlation : Centred<2, SumsOfSquaresAndProducts> {
     const Bits is_extreme = (product < 0x1p-960) | (product > 0x1p1000);
     if (!any(is_extreme)) return ratio;
     const Lanes roots = square_root(first.sum()) * square_root(second.sum());
-    return select(is_extreme, joint.sum() / roots, ratio);
+    const Lanes by_roots = select(roots > 0.0, joint.sum() / roots, all(__builtin_nan("")));
+    return select(is_extreme, by_roots, ratio);
   }
 };
 

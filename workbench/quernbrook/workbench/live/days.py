@@ -109,8 +109,19 @@ def day_of_line(what: str, line: bytes) -> Day:
 
     Null is a missing value. Raises LiveError for anything else.
     """
+
+    def single(pairs: list[tuple[str, Any]]) -> dict[str, Any]:
+        document = dict(pairs)
+        if len(document) < len(pairs):
+            names = [name for name, _ in pairs]
+            twice = next(name for name in document if names.count(name) > 1)
+            raise LiveError(f"{what}: '{twice}' stands there twice")
+        return document
+
     try:
-        document = json.loads(line)
+        document = json.loads(line, object_pairs_hook=single)
+    except LiveError:
+        raise
     except (ValueError, RecursionError) as error:
         raise LiveError(f"{what} is no JSON, or cut: {error}; send it whole, and again") from error
     if not isinstance(document, dict) or DATE not in document:

@@ -69,10 +69,14 @@ class OutputFolder:
         self.path = Path(path)
         self.progress: Progress | None = None
         self._descriptor = -1
+        self._days_ahead: list[str] = []
 
     def __enter__(self) -> OutputFolder:
         try:
-            self.path.mkdir(exist_ok=True)
+            if not self.path.is_dir():
+                self.path.mkdir(exist_ok=True)
+                # Without it, a power cut could take the folder back with all that it holds.
+                _sync(self.path.absolute().parent)
             self._descriptor = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY)
         except OSError as error:
             raise self._unusable(error) from error
@@ -81,6 +85,7 @@ class OutputFolder:
             fcntl.flock(self._descriptor, fcntl.LOCK_EX | fcntl.LOCK_NB)
             self._remove_unfinished()
             self.progress = self._load()
+            self._days_ahead = self._find_days_ahead()
         except BlockingIOError:
             self._close()
             raise LiveError(
@@ -119,6 +124,19 @@ class OutputFolder:
             f"{what} comes too late: the run has come to {progress.last_date.date()}; take it away "
             "to go on without it, or begin again in another output folder to have it in"
         )
+
+    def require_no_gap(self, date: pd.Timestamp) -> None:
+        """Raise LiveError if an earlier day has weights, but no checkpoint with its row.
+
+        A run that was killed between the two leaves such a day, and must have its row again.
+        """
+        days = self._days_ahead
+        if days and days[0] < str(date.date()):
+            path = self.weights_path(pd.Timestamp(days[0]))
+            raise LiveError(
+                f"{date.date()}: the run broke off between the weights of {days[0]} and their "
+                f"checkpoint: take in {days[0]} again first, or delete {path} to go on without it"
+            )
 
     def weights_path(self, date: pd.Timestamp) -> Path:
         return self.path / f"weights-{date.date()}.parquet"
@@ -161,6 +179,8 @@ class OutputFolder:
         except OSError as error:
             raise self._unwritable(error) from error
         self.progress = progress
+        last = str(progress.last_date.date())
+        self._days_ahead = [day for day in self._days_ahead if day > last]
 
     def _load(self) -> Progress | None:
         if not self._checkpoint.exists():
@@ -185,6 +205,11 @@ class OutputFolder:
             record["universe"],
         )
 
+    def _find_days_ahead(self) -> list[str]:
+        last = "" if self.progress is None else str(self.progress.last_date.date())
+        found = map(_WEIGHTS.fullmatch, os.listdir(self._descriptor))
+        return sorted(match[1] for match in found if match and match[1] > last)
+
     @property
     def _checkpoint(self) -> Path:
         return self.path / CHECKPOINT
@@ -206,6 +231,14 @@ class OutputFolder:
             f"{self.path} can't be written: {error.strerror or error}; put that right and start "
             "again, the run goes on from its checkpoint"
         )
+
+
+def _sync(folder: Path) -> None:
+    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)
 
 
 def read_weights(folder: str | os.PathLike[str]) -> pd.DataFrame:

@@ -14,6 +14,7 @@ from quernbrook.reference_host.warmup import warmup_rows
 from quernbrook.workbench.formulas import format_formula
 from quernbrook.workbench.live.errors import LiveError
 from quernbrook.workbench.live.output import OutputFolder, Progress
+from quernbrook.workbench.names import suggestion
 from quernbrook.workbench.panels import Panel
 from quernbrook.workbench.panels.columns import Matrix
 
@@ -66,6 +67,7 @@ class LiveRun:
         if not len(history.dates):
             raise LiveError("the history has no dates")
         _require_days(history)
+        _require_texts(history)
         self._advance(history)
         self._save(history, history_end=history.dates[-1])
 
@@ -102,9 +104,11 @@ class LiveRun:
         if not len(row.symbols):
             raise LiveError(f"{row.dates[0].date()}: the row has no symbols")
         progress = self._output.progress
-        if progress is None:
-            return row
         date = row.dates[0]
+        self._output.require_no_gap(date)
+        if progress is None:
+            _require_texts(row)
+            return row
         if date <= progress.last_date:
             raise LiveError(
                 f"{date.date()}: the run has come to {progress.last_date.date()}; rows must follow "
@@ -123,6 +127,9 @@ class LiveRun:
         context._collect_node_outputs = False
         context._collect_states = False
         if self._universe is not None:
+            if self._universe not in rows.fields:
+                near = suggestion(self._universe, rows.fields)
+                raise LiveError(f"the rows lack the universe, the field '{self._universe}'{near}")
             context.universe = rows.fields[self._universe]
         # From here to the checkpoint the functions are ahead of it.
         self._is_torn = True
@@ -152,6 +159,12 @@ def _require_days(panel: Panel) -> None:
     dates = panel.dates
     if dates.tz is not None or not dates.equals(dates.normalize()):
         raise LiveError(f"a live run goes by days, without times and time zones; got {dates[0]}")
+
+
+def _require_texts(panel: Panel) -> None:
+    for symbol in panel.symbols:
+        if not isinstance(symbol, str):
+            raise LiveError(f"a live run takes symbols that are texts; got {symbol!r}")
 
 
 def _with_symbols(row: Panel, symbols: pd.Index) -> Panel:

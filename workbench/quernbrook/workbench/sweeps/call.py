@@ -150,6 +150,11 @@ def _require_settings(
 
 def _planned(runs: list[Run], panel: Panel, registry: str, results: Results) -> dict[str, _Planned]:
     require_names(runs)
+    if registry.startswith("__main__:"):
+        raise SweepError(
+            f"the registry {registry} stands in the program itself, where workers don't find it: "
+            "put it into a module of its own"
+        )
     try:
         load_registry(registry)
     except Exception as error:

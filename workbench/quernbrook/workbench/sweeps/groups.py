@@ -9,6 +9,7 @@ from collections.abc import Iterable, Iterator
 from itertools import groupby
 from typing import Any
 
+from quernbrook.workbench.sweeps import hashes
 from quernbrook.workbench.sweeps.work import Group, Slice, Task
 
 # What the matrices of a call may take, so that workers stay small.
@@ -29,7 +30,7 @@ def grouped(
     keys = []
     for (task, cut), found in zip(work, parts, strict=True):
         common = max((part for part in found if shared[part] > 1), key=_size, default="")
-        keys.append((_order(cut), json.dumps(task.options, sort_keys=True, default=str), common))
+        keys.append((_order(cut), hashes.of_document(task.options), common))
     order = sorted(range(len(work)), key=lambda place: keys[place])
     fair = -(-len(work) // (worker_count * _CALLS_A_WORKER))
     groups = []

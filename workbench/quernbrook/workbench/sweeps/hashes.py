@@ -22,11 +22,17 @@ _DISTRIBUTIONS = (
 
 
 def of_text(*parts: str) -> str:
-    return hashlib.sha256("\0".join(parts).encode()).hexdigest()
+    # Half a character in UTF-16 is a text to Python alone.
+    return hashlib.sha256("\0".join(parts).encode(errors="surrogatepass")).hexdigest()
 
 
 def of_document(document: Any) -> str:
-    return of_text(json.dumps(document, sort_keys=True, default=str))
+    return of_text(json.dumps(document, sort_keys=True, default=_whole))
+
+
+def _whole(value: Any) -> Any:
+    # The text of a large array leaves out most of it.
+    return value.tolist() if isinstance(value, np.ndarray | np.generic) else str(value)
 
 
 def of_panel(panel: Panel) -> str:
@@ -48,7 +54,7 @@ def of_code(registry: str) -> str:
     versions = {name: _version(name) for name in _DISTRIBUTIONS}
     found = util.find_spec(registry.partition(":")[0])
     source = b""
-    if found is not None and found.origin is not None:
+    if found is not None and found.has_location and found.origin is not None:
         source = Path(found.origin).read_bytes()
     return of_text(json.dumps(versions), registry, hashlib.sha256(source).hexdigest())
 

@@ -88,13 +88,13 @@ def read_plan(path: Path) -> Plan:
         raise SweepError(f"{path} can't be read: {error.strerror}") from None
     except UnicodeDecodeError:
         raise SweepError(f"{path} is no text in UTF-8") from None
-    except yaml.YAMLError as error:
-        raise SweepError(f"{path} is no YAML: {' '.join(str(error).split())}") from None
     except ValidationError as error:
         first = error.errors()[0]
         place = ".".join(map(str, first["loc"])) or "the plan"
         text = first["msg"].removeprefix("Value error, ")
         raise SweepError(f"{path}, {place}: {text[:1].lower()}{text[1:]}") from None
+    except (yaml.YAMLError, ValueError, RecursionError) as error:
+        raise SweepError(f"{path} is no YAML: {' '.join(str(error).split())}") from None
     folder = path.parent
     for name in ("data", "out"):
         given = getattr(plan, name)

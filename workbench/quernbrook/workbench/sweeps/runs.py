@@ -92,6 +92,10 @@ def require_names(runs: Iterable[Run]) -> None:
     for run in runs:
         if not isinstance(run.name, str) or not run.name:
             raise SweepError(f"the name of a run must be a text; got {run.name!r}")
+        try:
+            run.name.encode()
+        except UnicodeEncodeError:
+            raise SweepError(f"the run's name {run.name!r} has half a character") from None
         if len(run.name) > _LONGEST_NAME or len(folder_name(run.name)) > 250:
             raise SweepError(
                 f"the run's name {run.name[:40]!r}... is longer than a folder's may be"

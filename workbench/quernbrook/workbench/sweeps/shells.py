@@ -34,7 +34,7 @@ def make(dates: pd.DatetimeIndex, symbols: pd.Index) -> list[bytes]:
     shape = len(dates), len(symbols)
     numbers = np.random.default_rng(0).random(shape[0] * shape[1])
     kinds = {
-        "date": pa.timestamp("ns", tz=str(dates.tz) if dates.tz else None),
+        "date": pa.timestamp("ns", tz=dates.tz),
         "symbol": pa.dictionary(pa.int32(), pa.string()),
         "weight": pa.float64(),
     }

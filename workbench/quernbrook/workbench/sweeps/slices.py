@@ -13,6 +13,8 @@ from quernbrook.workbench.sweeps.work import Slice
 
 def slice_of(run: Run, panel: Panel) -> Slice:
     """Raises SweepError for what the panel hasn't, and for a slice without dates or symbols."""
+    if not len(panel.symbols):
+        raise SweepError(f"the run '{run.name}': the panel has no symbols")
     start, stop = 0, len(panel.dates)
     try:
         if run.first_date is not None:

@@ -80,7 +80,7 @@ class Worker:
                 self._call(graphs, group.slice, together)
             except StorageError:
                 raise
-            except Exception:  # noqa: BLE001 - found again below
+            except (Exception, SystemExit):  # noqa: BLE001 - found again below
                 together = []
             if together and not together[0].warnings:
                 return together
@@ -92,7 +92,8 @@ class Worker:
             self._call({task: graph}, part, [outcome])
         except StorageError:
             raise
-        except Exception as error:  # noqa: BLE001 - whatever it is stands in the run's row
+        # One that exits would end the driver, too, and again in each later call.
+        except (Exception, SystemExit) as error:  # noqa: BLE001 - it stands in the run's row
             _fail(outcome, error)
             outcome.error_path = faults.path_in(str(error), graph)
             outcome.error_row = faults.row_in(str(error))
@@ -151,7 +152,7 @@ def _cut(matrix: Matrix, part: Slice) -> Matrix:
     return rows if part.columns is None else np.ascontiguousarray(rows[:, list(part.columns)])
 
 
-def _fail(outcome: Outcome, error: Exception) -> None:
+def _fail(outcome: Outcome, error: BaseException) -> None:
     outcome.error = type(error).__name__
     outcome.message = str(error) or "".join(traceback.format_exception_only(error)).strip()
     outcome.rows = 0

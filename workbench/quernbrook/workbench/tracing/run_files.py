@@ -33,6 +33,7 @@ _DAMAGE = (
     EOFError,
     LookupError,
     MemoryError,
+    OverflowError,
     RuntimeError,
     SyntaxError,
     TypeError,

@@ -129,7 +129,9 @@ def column_number(labels: Sequence[Label], symbol: Any) -> int:
 def _date_text(date: pd.Timestamp) -> str:
     if pd.isna(date):
         raise ValueError("no date")
-    return date.date().isoformat() if date == date.normalize() else date.isoformat(sep=" ")
+    # Without its zone: where clocks go forward at midnight, a day has none.
+    clock = date.tz_localize(None)
+    return date.date().isoformat() if clock == clock.normalize() else date.isoformat(sep=" ")
 
 
 def _around(labels: Sequence[Label], label: str) -> str:
@@ -139,6 +141,8 @@ def _around(labels: Sequence[Label], label: str) -> str:
 
 
 def _place(labels: Sequence[Label], number: Any, what: str) -> int:
+    if not labels:
+        raise TraceError(f"the data have no {what}s")
     try:
         place = int(number)
     except (TypeError, ValueError):

@@ -9,7 +9,6 @@ import time
 from collections.abc import Mapping
 from concurrent.futures import Future
 from concurrent.futures.process import BrokenProcessPool
-from contextlib import suppress
 from pathlib import Path
 
 import joblib
@@ -116,7 +115,6 @@ def _stand_ready() -> None:
 def _end_with(driver: int) -> None:
     """A driver that was killed ends nobody."""
     while True:
-        with suppress(ProcessLookupError):
-            if os.getppid() != driver:
-                os._exit(1)
+        if os.getppid() != driver:
+            os._exit(1)
         time.sleep(1.0)
