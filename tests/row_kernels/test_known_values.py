@@ -23,6 +23,8 @@ def check(
     expected: list[float],
     **config: Any,
 ) -> None:
+    # A registry takes a plain definition where there is nothing else.
+    assert name in registry.compiled or not registry.compiled
     result = registry.create_instance(name, **config)(*(np.array(row) for row in rows))
     np.testing.assert_array_equal(result, expected)
     np.testing.assert_array_equal(

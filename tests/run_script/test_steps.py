@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import re
 import sys
 from pathlib import Path
@@ -113,3 +114,22 @@ def test_what_quick_leaves_out_is_listed() -> None:
     section = (ROOT / "CONTRIBUTING.md").read_text().split("--quick` leaves out", 1)[1]
     listed = section.split("\n\n", 2)[1]
     assert set(re.findall(r"`(tests/\S+?\.py)`", listed)) == marked != set()
+
+
+def test_clangd_finds_how_every_file_is_compiled(
+    environment: Any, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(environment.compile_commands, "FILE", tmp_path / "compile_commands.json")
+    for name in ("one", "two"):
+        (tmp_path / name).mkdir()
+        entries = [{"directory": name, "file": f"{name}{number}.cpp"} for number in range(2)]
+        (tmp_path / name / "compile_commands.json").write_text(json.dumps(entries))
+    environment.compile_commands.join([tmp_path / "one", tmp_path / "missing", tmp_path / "two"])
+    joined = json.loads((tmp_path / "compile_commands.json").read_text())
+    assert [one["file"] for one in joined] == ["one0.cpp", "one1.cpp", "two0.cpp", "two1.cpp"]
+
+
+def test_every_cpp_project_tells_how_its_files_are_compiled(environment: Any) -> None:
+    projects = [one.folder for one in environment.DISTRIBUTIONS if one.sources]
+    for folder in (*projects, *environment.CPP_TESTS):
+        assert "set(CMAKE_EXPORT_COMPILE_COMMANDS ON)" in (folder / "CMakeLists.txt").read_text()

@@ -11,9 +11,17 @@ from pathlib import Path
 
 import compiler
 import system_packages
-from environment import build_folder, prepare, python, tool
+from environment import (
+    build_folder,
+    cpp_tests_folder,
+    join_compile_commands,
+    prepare,
+    python,
+    tool,
+)
 from messages import Failure, note
 from project import COMPILED_MODULES, CPP_FOLDERS, CPP_TESTS, NOT_SANITIZED, ROOT
+from releasing import prepare_release
 
 DOCTEST_FOLDERS = ("/usr/include", "/usr/local/include")
 RESULTS = ROOT / "build" / "bench-results.json"
@@ -61,10 +69,11 @@ def cpp_tests() -> int:
         return 0
     failed = 0
     for source in CPP_TESTS:
-        build = build_folder("-".join(source.relative_to(ROOT).parts))
+        build = cpp_tests_folder(source)
         failed |= cmake_build(source, build) or tool(
             "ctest", "--test-dir", str(build), "--output-on-failure"
         )
+    join_compile_commands()
     return failed
 
 
@@ -174,6 +183,7 @@ def check(arguments: Sequence[str]) -> int:
         "ruff check": lambda: python("-m", "ruff", "check"),
         "ruff format": lambda: python("-m", "ruff", "format", "--check"),
         "bare C API": lambda: python(str(ROOT / "tools" / "bare_c_api.py")),
+        "workflows": check_workflows,
         "clang-format": lambda: tool("clang-format", "--dry-run", "--Werror", *cpp_files()),
         "mypy": lambda: python("-m", "mypy"),
         "stubtest": lambda: python(
@@ -200,6 +210,15 @@ def check(arguments: Sequence[str]) -> int:
     if faulty:
         raise Failure(f"found faults: {', '.join(faulty)}.")
     return 0
+
+
+def check_workflows() -> int:
+    """Their form, and what would let a stranger's change do more than it should."""
+    files = [str(file) for file in sorted((ROOT / ".github" / "workflows").glob("*.yml"))]
+    schema = ["--builtin-schema", "vendor.github-workflows"]
+    return tool("check-jsonschema", *schema, *files) or tool(
+        "zizmor", "--offline", "--no-progress", str(ROOT / ".github")
+    )
 
 
 def long_check(arguments: Sequence[str]) -> int:
@@ -271,6 +290,10 @@ def cmake_build(source: Path, build: Path, *options: str) -> int:
     return tool("cmake", *configure) or tool("cmake", "--build", str(build))
 
 
+def release(arguments: Sequence[str]) -> int:
+    return prepare_release(ROOT, arguments, run_tests=lambda: test([]))
+
+
 COMMANDS = {
     "demo": demo,
     "alphas": alphas,
@@ -278,6 +301,7 @@ COMMANDS = {
     "bench": bench,
     "docs": docs,
     "check": check,
+    "release": release,
 }
 
 

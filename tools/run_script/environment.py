@@ -15,9 +15,10 @@ from collections.abc import Callable, Iterable, Sequence
 from functools import partial
 from pathlib import Path
 
+import compile_commands
 import compiler
 from messages import Failure, note
-from project import DISTRIBUTIONS, ROOT, Distribution
+from project import CPP_TESTS, DISTRIBUTIONS, ROOT, Distribution
 
 VENV = ROOT / ".venv"
 PYTHON = VENV / "bin" / "python"
@@ -129,6 +130,16 @@ def install(distribution: Distribution, command: str) -> None:
     note(f"building {distribution.name} with {command}")
     build = f"--config-settings=build-dir={build_folder(distribution.name)}"
     pip_install("--no-build-isolation", build, folder, CXX=command)
+    join_compile_commands()
+
+
+def join_compile_commands() -> None:
+    builds = [build_folder(one.name) for one in DISTRIBUTIONS if one.sources]
+    compile_commands.join([*builds, *map(cpp_tests_folder, CPP_TESTS)])
+
+
+def cpp_tests_folder(source: Path) -> Path:
+    return build_folder("-".join(source.relative_to(ROOT).parts))
 
 
 def build_folder(name: str) -> Path:
