@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).parents[2]
-COMMANDS = ("demo", "alphas", "test", "bench", "check", "release")
+COMMANDS = ("demo", "alphas", "test", "bench", "docs", "check", "release")
 VARIABLES = ("PYTHON", "CXX", "PYENV_ROOT", "VIRTUAL_ENV")
 
 

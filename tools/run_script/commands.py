@@ -28,6 +28,7 @@ RESULTS = ROOT / "build" / "bench-results.json"
 # What writes results where they belong.
 BENCH_SCRIPTS = {"page": "bench.report", "keep": "bench.releases"}
 BROWSER = ("chromium", "chromium-driver")
+SITE = ROOT / "build" / "site"
 
 
 def demo(arguments: Sequence[str]) -> int:
@@ -77,7 +78,7 @@ def cpp_tests() -> int:
 
 
 def get_browser() -> None:
-    """For the tests of reports, which are skipped without one."""
+    """For the tests of reports and of the documentation, which are skipped without one."""
     if not browser_is_there():
         system_packages.install(" ".join(BROWSER), "a browser is missing")
     if not browser_is_there():
@@ -113,6 +114,21 @@ def bench(arguments: Sequence[str]) -> int:
             "the benchmarks failed, see above; the page and what is kept stay as they are."
         )
     return max(python("-m", BENCH_SCRIPTS[name], str(RESULTS)) for name in scripts)
+
+
+def docs(arguments: Sequence[str]) -> int:
+    """Build the documentation as a site, and check it; what follows goes to pytest."""
+    prepare(["build", "test", "docs", "workbench"])
+    get_browser()
+    # Pages that are no more would stay in it.
+    shutil.rmtree(SITE, ignore_errors=True)
+    build = ["--builder", "html", "--fail-on-warning", "--fresh-env", "--quiet"]
+    doctrees = ["--doctree-dir", str(ROOT / "build" / "doctrees")]
+    failed = python("-m", "sphinx", *build, *doctrees, "docs", str(SITE))
+    if failed:
+        return failed
+    note(f"the documentation lies in {SITE / 'index.html'}; checking it")
+    return python("-m", "pytest", "tests/docs/site", *arguments, DOCUMENTATION_SITE=str(SITE))
 
 
 def bench_options(arguments: Sequence[str]) -> tuple[argparse.Namespace, list[str]]:
@@ -283,6 +299,7 @@ COMMANDS = {
     "alphas": alphas,
     "test": test,
     "bench": bench,
+    "docs": docs,
     "check": check,
     "release": release,
 }

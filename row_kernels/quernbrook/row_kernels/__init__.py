@@ -2,7 +2,7 @@
 
 `FUNCTIONS` maps the registered name of a function to its type, "numerical_add" to `NumericalAdd`.
 What a type computes, and what it makes of NaN, stands in its docstring. An instance is what a
-registry or a caller binds:
+registry or a caller binds::
 
     scale = FUNCTIONS["latitudinal_scale"](total=2.0)
     row = scale(np.array([1.0, -3.0]))

@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import os
-import shutil
 from collections.abc import Iterator
 
 import numpy as np
@@ -13,9 +11,8 @@ from quernbrook.reference_host import default_registry
 from quernbrook.workbench import parse_formula
 from quernbrook.workbench.panels import Panel, synthetic_panel
 from quernbrook.workbench.report import Run, run_graph
-from selenium import webdriver
-from selenium.common.exceptions import WebDriverException
-from selenium.webdriver.chrome.service import Service
+from selenium.webdriver import Chrome
+from support.browsers import open_browser
 
 
 @pytest.fixture(scope="session")
@@ -43,30 +40,6 @@ def weights() -> pd.DataFrame:
 
 
 @pytest.fixture(scope="session")
-def browser(tmp_path_factory: pytest.TempPathFactory) -> Iterator[webdriver.Chrome]:
-    program, driver = shutil.which("chromium"), shutil.which("chromedriver")
-    if program is None or driver is None:
-        pytest.skip("no browser: on Debian, 'apt-get install chromium chromium-driver'")
-    options = webdriver.ChromeOptions()
-    options.binary_location = program
-    profile = tmp_path_factory.mktemp("profile")
-    for argument in (
-        "--headless=new",
-        # Root may not make the browser's own sandbox.
-        "--no-sandbox",
-        "--disable-dev-shm-usage",
-        "--window-size=1200,900",
-        f"--user-data-dir={profile}",
-        # Whatever a page asks the network for isn't found.
-        "--host-resolver-rules=MAP * ~NOTFOUND",
-    ):
-        options.add_argument(argument)
-    options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
-    # What is preloaded into the interpreter is not for the browser.
-    variables = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
-    try:
-        started = webdriver.Chrome(options, Service(driver, env=variables))
-    except WebDriverException as error:
-        pytest.skip(f"the browser doesn't start here: {error.msg}")
-    with started as opened:
+def browser(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Chrome]:
+    with open_browser(tmp_path_factory.mktemp("profile")) as opened:
         yield opened

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import io
-import json
 import time
 from collections.abc import Callable
 from pathlib import Path
@@ -20,6 +19,7 @@ from quernbrook.workbench.report import Run, report_page, run_graph
 from quernbrook.workbench.seeing import measures
 from selenium.webdriver import ActionChains, Chrome
 from selenium.webdriver.common.by import By
+from support.browsers import complaints, requested
 
 PATIENCE = 60.0
 
@@ -49,20 +49,6 @@ def wait(is_there: Callable[[], bool]) -> None:
     while not is_there():
         assert time.monotonic() < end, "the page didn't get there"
         time.sleep(0.02)
-
-
-def requested(browser: Chrome) -> list[str]:
-    """The addresses that the page asked for."""
-    events = [json.loads(entry["message"])["message"] for entry in browser.get_log("performance")]
-    return [
-        event["params"]["request"]["url"]
-        for event in events
-        if event["method"] == "Network.requestWillBeSent"
-    ]
-
-
-def complaints(browser: Chrome) -> list[Any]:
-    return [entry for entry in browser.get_log("browser") if entry["level"] != "INFO"]
 
 
 # Of the picture whose curves have this title: the view that Bokeh keeps of it.
