@@ -80,12 +80,12 @@ def test_workflows_call_commands_that_there_are(commands: ModuleType) -> None:
     called.remove("$COMMAND")
     matrix = WORKFLOWS["checks"]["jobs"]["checks"]["strategy"]["matrix"]["include"]
     called += [entry["command"].split()[0] for entry in matrix]
-    assert set(called) <= {*commands.COMMANDS, "docs"}
+    assert set(called) <= set(commands.COMMANDS)
     assert {"check", "test"} <= set(called)
 
 
 def test_workflows_test_every_interpreter() -> None:
-    source = (ROOT / "noxfile.py").read_text()
+    source = (ROOT / "tools" / "nox_sessions" / "builds.py").read_text()
     interpreters = re.search(r"^INTERPRETERS = \[(.*)\]$", source, re.MULTILINE)
     assert interpreters is not None
     matrix = WORKFLOWS["tests"]["jobs"]["interpreters"]["strategy"]["matrix"]
