@@ -78,8 +78,9 @@ TEST_CASE("random matrices: rank") {
     if (done) CHECK(difference(actual, *expected) == "");
     ++(done ? ranked : tied);
   }
-  CHECK(ranked > 100);
-  CHECK(tied > 100);
+  // How many depends on the C++ library, whose own the distributions are.
+  CHECK(ranked > 50);
+  CHECK(tied > 50);
 }
 
 TEST_CASE("random matrices: rolling statistics") {
