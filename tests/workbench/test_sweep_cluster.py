@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import subprocess
 import sys
 import threading
 from collections.abc import Iterator
@@ -17,6 +18,7 @@ from support.sweeps import (
     assert_equal,
     assert_tidy,
     files,
+    lasting,
     make_panel,
     make_runs,
 )
@@ -77,6 +79,21 @@ def test_one_machine(tmp_path: Path) -> None:
     assert files(tmp_path / "serial").items() <= written.items()
     assert len(written) == 31
     assert_tidy(out)
+
+
+def test_a_full_disk(tmp_path: Path, small_disk: Path) -> None:
+    """Workers on the driver's node write there themselves; the driver tells what is wrong."""
+    runs, panel, out = make_runs(60), make_panel(), small_disk / "out"
+    with pytest.raises(SweepError, match=r"No space left on device\. What was done is kept"):
+        sweep(runs, panel, out=out, engine="ray", registry=REGISTRY, workers=2)
+    kept = lasting(out)
+    assert 0 < len(kept) < 60
+    assert_tidy(out)
+    subprocess.run(["mount", "-o", "remount,size=40m", str(small_disk)], check=True)
+    report = sweep(runs, panel, out=out, engine="ray", registry=REGISTRY, workers=2)
+    assert report == SweepReport(60 - len(kept), 0, len(kept))
+    serially(runs, tmp_path / "serial")
+    assert_equal(out, tmp_path / "serial")
 
 
 @pytest.fixture

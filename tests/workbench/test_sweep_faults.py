@@ -240,23 +240,6 @@ def test_two_drivers_on_one_folder(tmp_path: Path) -> None:
     assert_equal(out, tmp_path / "serial")
 
 
-@pytest.fixture
-def small_disk(tmp_path: Path) -> Iterator[Path]:
-    folder = tmp_path / "disk"
-    folder.mkdir()
-    options = ["-t", "tmpfs", "-o", "size=400k", "tmpfs", str(folder)]
-    try:
-        mounted = subprocess.run(["mount", *options], capture_output=True)
-    except FileNotFoundError:
-        pytest.skip("there is no program mount")
-    if mounted.returncode:
-        pytest.skip("only root may mount a small disk")
-    try:
-        yield folder
-    finally:
-        subprocess.run(["umount", "-l", str(folder)], check=True)
-
-
 @pytest.mark.parametrize("engine", ["serial", "joblib"])
 def test_a_full_disk(tmp_path: Path, small_disk: Path, engine: Any) -> None:
     runs, panel, out = make_runs(60), make_panel(), small_disk / "out"

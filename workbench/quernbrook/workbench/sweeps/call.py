@@ -95,8 +95,7 @@ def sweep(
         output.clear(missing)
         count = workers or joblib.cpu_count()
         shells_by_slice = _shells(missing.values(), panel, results)
-        staging = None if engine == "ray" else output.staging
-        setup = Setup(registry, results, staging, shells_by_slice)
+        setup = Setup(registry, results, output.staging, shells_by_slice)
         pool = _pool(engine, panel, setup, count, workers, output, ray_address)
         with closing(pool), warnings_seen.shown_to_collectors():
             groups = grouped(

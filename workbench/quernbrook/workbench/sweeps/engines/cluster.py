@@ -1,5 +1,5 @@
-"""Nodes of a Ray cluster. Every node has the features once, in its object store; nothing but the
-driver needs to reach the folder of results."""
+"""Nodes of a Ray cluster. Every node has the features once, in its object store. Workers on the
+driver's own node write their files themselves; no other node needs to reach the folder."""
 
 from __future__ import annotations
 
@@ -7,14 +7,27 @@ import secrets
 import socket
 from collections.abc import Mapping
 from concurrent.futures import Future
-from dataclasses import replace
+from dataclasses import dataclass, replace
 from typing import Any
 
 import ray
 from quernbrook.workbench.sweeps import warnings_seen
 from quernbrook.workbench.sweeps.errors import SweepError
-from quernbrook.workbench.sweeps.work import Group, Matrix, Outcome, Setup
+from quernbrook.workbench.sweeps.work import Group, Matrix, Outcome, Setup, StorageError
 from quernbrook.workbench.sweeps.worker import Worker
+
+
+@dataclass(frozen=True)
+class _Common:
+    """What all tasks of a sweep have in common.
+
+    sweep: tells it from others. node: the driver's.
+    """
+
+    sweep: str
+    node: str
+    names: tuple[str, ...]
+    setup: Setup
 
 
 class RayPool:
@@ -43,8 +56,7 @@ class RayPool:
         self._is_ours = not ray.is_initialized()
         if self._is_ours:
             _begin(workers, address)
-        # Files are made by the driver.
-        self._common = ray.put((secrets.token_hex(8), tuple(fields), replace(setup, shells={})))
+        self._common = ray.put(_Common(secrets.token_hex(8), _node(), tuple(fields), setup))
         # References inside of an object are not resolved; those among the arguments are.
         self._arrays = [ray.put(values) for values in fields.values()]
         self._universe: Any = None if universe is None else ray.put(universe)
@@ -100,21 +112,43 @@ def _require_listener(address: str) -> None:
         socket.create_connection((host, int(port)), timeout=10.0).close()
 
 
+def _node() -> str:
+    node: str = ray.get_runtime_context().get_node_id()
+    return node
+
+
 # The worker of this process, and the sweep that it is for.
 _worker: tuple[str, Worker] | None = None
 
 
 @ray.remote(num_cpus=1, max_retries=0)
 def _evaluate(
-    group: Group,
-    common: tuple[str, tuple[str, ...], Setup],
-    universe: Matrix | None,
-    *arrays: Matrix,
+    group: Group, common: _Common, universe: Matrix | None, *arrays: Matrix
 ) -> list[Outcome]:
     global _worker
-    sweep, names, setup = common
-    if _worker is None or _worker[0] != sweep:
+    fields = dict(zip(common.names, arrays, strict=True))
+    handing_back = replace(common.setup, staging=None, shells={})
+    if _worker is None or _worker[0] != common.sweep:
         if _worker is None:
             warnings_seen.show_to_collectors()
-        _worker = sweep, Worker(dict(zip(names, arrays, strict=True)), universe, setup)
-    return _worker[1].evaluate(group)
+        setup = common.setup if common.node == _node() else handing_back
+        _worker = common.sweep, Worker(fields, universe, _with_own_folder(setup, handing_back))
+    try:
+        return _worker[1].evaluate(group)
+    except StorageError:
+        # The driver may be able to write, or tells what is wrong there.
+        _worker = common.sweep, Worker(fields, universe, handing_back)
+        return _worker[1].evaluate(group)
+
+
+def _with_own_folder(setup: Setup, handing_back: Setup) -> Setup:
+    """A worker that is given up may write on, and must not meet the next one's files."""
+    if setup.staging is None:
+        return setup
+    folder = setup.staging / secrets.token_hex(8)
+    try:
+        folder.mkdir()
+    except OSError:
+        # Nodes may run as another user.
+        return handing_back
+    return replace(setup, staging=folder)
