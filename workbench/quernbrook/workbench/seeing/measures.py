@@ -7,10 +7,14 @@ nothing. Measures by day are float64 of shape (T,), NaN on days that the measure
 from __future__ import annotations
 
 from collections.abc import Sequence
+from typing import TYPE_CHECKING
 
 import numpy as np
 from numpy.typing import NDArray
-from quernbrook.workbench.panels.panel import Matrix, Vector
+
+if TYPE_CHECKING:
+    # Workers of sweeps take measures without pandas.
+    from quernbrook.workbench.panels.panel import Matrix, Vector
 
 
 def coverage(values: Matrix) -> float:
@@ -81,8 +85,12 @@ def turnover_by_day(weights: Matrix) -> Vector:
 
 def turnover(weights: Matrix) -> float:
     """The mean of `turnover_by_day` over the days that have one; NaN if there is none."""
-    changes = turnover_by_day(weights)
-    counted = changes[~np.isnan(changes)]
+    return mean_of_days(turnover_by_day(weights))
+
+
+def mean_of_days(values: Vector) -> float:
+    """The mean over the days that have a value; NaN if there is none."""
+    counted = values[~np.isnan(values)]
     return float(counted.mean()) if counted.size else float("nan")
 
 

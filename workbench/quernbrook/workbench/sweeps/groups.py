@@ -13,7 +13,7 @@ from quernbrook.workbench.sweeps import hashes
 from quernbrook.workbench.sweeps.work import Group, Slice, Task
 
 # What the matrices of a call may take, so that workers stay small.
-_BYTES_AT_ONCE = 32 * 2**20
+_BYTES_AT_ONCE = 96 * 2**20
 _MOST_AT_ONCE = 100
 # So many calls a worker at least, that none waits long for the last one.
 _CALLS_A_WORKER = 8

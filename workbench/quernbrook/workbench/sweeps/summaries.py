@@ -3,8 +3,15 @@
 from __future__ import annotations
 
 import numpy as np
-from quernbrook.workbench.seeing.measures import coverage, holdings, turnover
+from quernbrook.workbench.seeing.measures import (
+    coverage,
+    holdings,
+    mean_of_days,
+    turnover_by_day,
+)
 from quernbrook.workbench.sweeps.work import Matrix
+
+_CELLS_AT_ONCE = 2**17
 
 
 def summary(weights: Matrix) -> dict[str, float]:
@@ -13,14 +20,26 @@ def summary(weights: Matrix) -> dict[str, float]:
 
     NaN where there is no value.
     """
+    return {"coverage": coverage(weights)} | _statistics(weights) | {"turnover": _turnover(weights)}
+
+
+def _statistics(weights: Matrix) -> dict[str, float]:
     values = weights[np.isfinite(weights)]
     if not values.size:
         values = np.array([np.nan])
     return {
-        "coverage": coverage(weights),
         "mean": float(values.mean()),
         "standard_deviation": float(values.std()),
         "minimum": float(values.min()),
         "maximum": float(values.max()),
-        "turnover": turnover(holdings(weights)),
     }
+
+
+def _turnover(weights: Matrix) -> float:
+    """In parts, each with the row before it: a worker's memory is for matrices of features."""
+    count = max(1, _CELLS_AT_ONCE // max(1, weights.shape[1]))
+    changes = [
+        turnover_by_day(holdings(weights[max(first - 1, 0) : first + count]))[min(first, 1) :]
+        for first in range(0, len(weights), count)
+    ]
+    return mean_of_days(np.concatenate(changes))

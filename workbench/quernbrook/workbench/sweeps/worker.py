@@ -16,6 +16,7 @@ from quernbrook.simulator_engine.expression_evaluator import EvaluationContext
 from quernbrook.workbench.formulas.reader import parse_formula
 from quernbrook.workbench.graph_json import graph_from_json
 from quernbrook.workbench.sweeps import faults, peak_memory, shells, warnings_seen
+from quernbrook.workbench.sweeps.summaries import summary
 from quernbrook.workbench.sweeps.work import (
     Group,
     Matrix,
@@ -115,9 +116,6 @@ class Worker:
     def _keep(self, outcome: Outcome, weights: Matrix, part: Slice) -> None:
         outcome.rows = weights.size
         if self._setup.results == "summary":
-            # Only now, for it imports pandas.
-            from quernbrook.workbench.sweeps.summaries import summary
-
             outcome.summary, outcome.rows = summary(weights), 1
         elif self._setup.staging is None:
             outcome.weights = weights
