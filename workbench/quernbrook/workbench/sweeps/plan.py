@@ -6,11 +6,12 @@ import re
 from collections.abc import Iterable
 from datetime import date, datetime
 from pathlib import Path
-from typing import Annotated, Any, Literal
+from typing import Annotated, Any
 
 import yaml
 from pydantic import BaseModel, ConfigDict, Field, ValidationError, model_validator
 from quernbrook.workbench.formulas.notation import definition
+from quernbrook.workbench.sweeps.call import REGISTRY, Engine
 from quernbrook.workbench.sweeps.errors import SweepError
 from quernbrook.workbench.sweeps.runs import (
     Parameter,
@@ -19,6 +20,7 @@ from quernbrook.workbench.sweeps.runs import (
     runs_from_table,
     text_of,
 )
+from quernbrook.workbench.sweeps.work import Results
 
 _WORD = re.compile(r"\w+")
 
@@ -67,9 +69,9 @@ class Plan(_Strict):
     runs: list[PlannedRuns] = Field(min_length=1)
     data: Path | None = None
     out: Path | None = None
-    engine: Literal["serial", "threads", "joblib", "ray"] = "joblib"
-    registry: str = "quernbrook.reference_host:default_registry"
-    results: Literal["weights", "summary"] = "weights"
+    engine: Engine = "joblib"
+    registry: str = REGISTRY
+    results: Results = "weights"
     workers: int | None = None
     time_limit: float | None = None
     tries: int = 3
