@@ -105,7 +105,7 @@ def coverage(session: nox.Session) -> None:
     gcovr = ["gcovr", "--root", str(ROOT), "--filter", "simulator_engine/", str(objects)]
     gcovr += ["--exclude-throw-branches", "--exclude-unreachable-branches", "--merge-lines"]
     # What unwinds a thread that ends with the interpreter; GCC doesn't tell that it is thrown.
-    gcovr += [r"--exclude-branches-by-pattern=.*\bentered\(.*|^ *\}\)\);$"]
+    gcovr += [r"--exclude-branches-by-pattern=.*\bcalling_python\(.*|^ *\}\)\);$"]
     # NumPy's headers stood in the build's own environment, which is gone.
     gcovr += [
         f"--gcov-ignore-errors={kind}" for kind in ("source_not_found", "no_working_dir_found")
