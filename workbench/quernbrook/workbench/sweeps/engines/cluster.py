@@ -127,28 +127,33 @@ def _evaluate(
 ) -> list[Outcome]:
     global _worker
     fields = dict(zip(common.names, arrays, strict=True))
-    handing_back = replace(common.setup, staging=None, shells={})
     if _worker is None or _worker[0] != common.sweep:
         if _worker is None:
             warnings_seen.show_to_collectors()
-        setup = common.setup if common.node == _node() else handing_back
-        _worker = common.sweep, Worker(fields, universe, _with_own_folder(setup, handing_back))
+        _worker = common.sweep, Worker(fields, universe, _setup_here(common))
     try:
         return _worker[1].evaluate(group)
     except StorageError:
         # The driver may be able to write, or tells what is wrong there.
-        _worker = common.sweep, Worker(fields, universe, handing_back)
+        _worker = common.sweep, Worker(fields, universe, _handing_back(common.setup))
         return _worker[1].evaluate(group)
 
 
-def _with_own_folder(setup: Setup, handing_back: Setup) -> Setup:
-    """A worker that is given up may write on, and must not meet the next one's files."""
-    if setup.staging is None:
-        return setup
-    folder = setup.staging / secrets.token_hex(8)
+def _setup_here(common: _Common) -> Setup:
+    """A worker that is given up may write on, and must not meet the next one's files: each on the
+    driver's node has a folder of its own."""
+    staging = common.setup.staging
+    if staging is None or common.node != _node():
+        return _handing_back(common.setup)
+    folder = staging / secrets.token_hex(8)
     try:
         folder.mkdir()
     except OSError:
         # Nodes may run as another user.
-        return handing_back
-    return replace(setup, staging=folder)
+        return _handing_back(common.setup)
+    return replace(common.setup, staging=folder)
+
+
+def _handing_back(setup: Setup) -> Setup:
+    """Weights go to the driver, which makes the files."""
+    return replace(setup, staging=None, shells={})
